@@ -1,0 +1,276 @@
+#include "sync/engine/curl_session.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <chrono>
+#include <memory>
+#include <mutex>
+
+#include <strings.h>
+
+#include <curl/curl.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include "sync/support/integer.h"
+#include "sync/support/posix_file.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// libcurl's global state is set up once, while the library loads and before
+// any thread of ours exists, and is never torn down.
+const bool kCurlReady = [] { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }();
+
+// Extra trusted certificates, shared by every thread's handles.
+struct ExtraCa {
+  std::vector<X509*> certs;
+  ~ExtraCa() {
+    for (X509* cert : certs) X509_free(cert);
+  }
+};
+std::mutex g_ca_mu;
+std::shared_ptr<const ExtraCa> g_extra_ca;
+
+std::shared_ptr<const ExtraCa> current_extra_ca() {
+  std::lock_guard<std::mutex> lock(g_ca_mu);
+  return g_extra_ca;
+}
+
+CURLcode add_extra_ca(CURL*, void* ssl_ctx, void* user) {
+  const auto* extra = static_cast<const ExtraCa*>(user);
+  X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(ssl_ctx));
+  for (X509* cert : extra->certs) X509_STORE_add_cert(store, cert);
+  return CURLE_OK;
+}
+
+// The handles of one thread. A multi handle owns the connection cache, and
+// driving the transfer ourselves lets us time silences precisely.
+struct ThreadHandles {
+  CURL* easy = curl_easy_init();
+  CURLM* multi = curl_multi_init();
+  ~ThreadHandles() {
+    curl_multi_cleanup(multi);
+    curl_easy_cleanup(easy);
+  }
+};
+
+ThreadHandles& thread_handles() {
+  thread_local ThreadHandles handles;
+  if (!kCurlReady || handles.easy == nullptr || handles.multi == nullptr) {
+    throw RuntimeError("libcurl could not be initialised");
+  }
+  return handles;
+}
+
+struct Exchange {
+  OpenedResponse response;
+  bool connected = false;
+  bool head_complete = false;
+  int head_status = 0;
+  Clock::time_point last_activity = Clock::now();
+};
+
+std::string_view trim_line(std::string_view s) {
+  while (!s.empty() && (s.back() == '\r' || s.back() == '\n')) s.remove_suffix(1);
+  return s;
+}
+
+bool has_location(const std::map<std::string, std::string>& headers) {
+  for (const auto& [name, value] : headers) {
+    if (name.size() == 8 && strncasecmp(name.c_str(), "location", 8) == 0) return true;
+  }
+  return false;
+}
+
+size_t on_header(char* data, size_t size, size_t count, void* user) {
+  auto* ex = static_cast<Exchange*>(user);
+  const size_t n = size * count;
+  ex->last_activity = Clock::now();
+  const std::string_view line = trim_line(std::string_view(data, n));
+  if (line.starts_with("HTTP/")) {
+    // A new response head: a redirect or an interim response came before.
+    ex->response.headers.clear();
+    ex->response.body.clear();
+    ex->head_complete = false;
+    ex->head_status = 0;
+    const size_t space = line.find(' ');
+    if (space != std::string_view::npos) {
+      const std::string_view code = line.substr(space + 1, 3);
+      std::from_chars(code.data(), code.data() + code.size(), ex->head_status);
+    }
+  } else if (line.empty()) {
+    // The head ends here, unless libcurl goes on to a redirect's target or
+    // past an interim response.
+    const bool interim = ex->head_status >= 100 && ex->head_status < 200;
+    const bool followed = ex->head_status >= 300 && ex->head_status < 400 && has_location(ex->response.headers);
+    if (!interim && !followed) ex->head_complete = true;
+  } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
+    const std::string name(line.substr(0, colon));
+    const std::string value(strip(line.substr(colon + 1)));
+    if (strcasecmp(name.c_str(), "Content-Length") == 0) {
+      std::int64_t length = 0;
+      std::from_chars(value.data(), value.data() + value.size(), length);
+      // A hint only; never trust a server with an unbounded reservation.
+      ex->response.body.reserve(static_cast<size_t>(std::clamp<std::int64_t>(length, 0, 256 << 20)));
+    }
+    ex->response.headers[name] = value;
+  }
+  return n;
+}
+
+size_t on_body(char* data, size_t size, size_t count, void* user) {
+  auto* ex = static_cast<Exchange*>(user);
+  const size_t n = size * count;
+  ex->last_activity = Clock::now();
+  ex->head_complete = true;
+  ex->response.body.append(data, n);
+  return n;
+}
+
+int on_connected(void* user, char*, char*, int, int) {
+  auto* ex = static_cast<Exchange*>(user);
+  ex->connected = true;
+  ex->last_activity = Clock::now();
+  return CURL_PREREQFUNC_OK;
+}
+
+curl_slist* header_list(const HttpRequest& request) {
+  curl_slist* list = nullptr;
+  for (const auto& [name, value] : request.headers) {
+    list = curl_slist_append(list, (name + ": " + value).c_str());
+  }
+  return list;
+}
+
+void set_options(CURL* easy, const HttpRequest& request, curl_slist* headers, Exchange& ex,
+                 double timeout_s, const ExtraCa* extra_ca, char* error_buffer) {
+  curl_easy_reset(easy);  // keeps live connections and the TLS session cache
+  curl_easy_setopt(easy, CURLOPT_URL, request.full_url.c_str());
+  curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, static_cast<long>(timeout_s * 1000)));
+  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, 512L * 1024);
+  curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, error_buffer);
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, on_header);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, &ex);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, on_body);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &ex);
+  curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, on_connected);
+  curl_easy_setopt(easy, CURLOPT_PREREQDATA, &ex);
+  if (extra_ca != nullptr) {
+    // The shared CA cache would keep these certificates beyond the setting.
+    curl_easy_setopt(easy, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, add_extra_ca);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, extra_ca);
+  }
+}
+
+// Drives the transfer; returns libcurl's result, or nothing when the server
+// stayed silent for `timeout_s` after the connection was made.
+std::optional<CURLcode> drive(ThreadHandles& handles, Exchange& ex, double timeout_s) {
+  const auto timeout = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout_s));
+  curl_multi_add_handle(handles.multi, handles.easy);
+  std::optional<CURLcode> result;
+  for (;;) {
+    int running = 0;
+    if (curl_multi_perform(handles.multi, &running) != CURLM_OK) {
+      result = CURLE_FAILED_INIT;
+      break;
+    }
+    if (running == 0) {
+      int queued = 0;
+      result = CURLE_OK;
+      while (CURLMsg* msg = curl_multi_info_read(handles.multi, &queued)) {
+        if (msg->msg == CURLMSG_DONE) result = msg->data.result;
+      }
+      break;
+    }
+    int wait_ms = 1000;
+    if (ex.connected) {
+      const auto left = ex.last_activity + timeout - Clock::now();
+      if (left <= Clock::duration::zero()) break;  // silent too long
+      wait_ms = static_cast<int>(std::clamp<std::int64_t>(
+          std::chrono::duration_cast<std::chrono::milliseconds>(left).count() + 1, 1, 1000));
+    }
+    curl_multi_poll(handles.multi, nullptr, 0, wait_ms, nullptr);
+  }
+  // Removing an unfinished transfer closes its connection.
+  curl_multi_remove_handle(handles.multi, handles.easy);
+  return result;
+}
+
+}  // namespace
+
+OpenedResponse open_http_request(const HttpRequest& request, double timeout_s) {
+  if (std::isnan(timeout_s)) throw ValueError("Invalid value NaN (not a number)");
+  timeout_s = std::min(timeout_s, 1e7);  // beyond any wait worth having
+  ThreadHandles& handles = thread_handles();
+  const std::shared_ptr<const ExtraCa> extra_ca = current_extra_ca();
+  Exchange ex;
+  char error_buffer[CURL_ERROR_SIZE] = {0};
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(header_list(request),
+                                                                       &curl_slist_free_all);
+  set_options(handles.easy, request, headers.get(), ex, timeout_s, extra_ca.get(), error_buffer);
+  const std::optional<CURLcode> result = drive(handles, ex, timeout_s);
+
+  long status = 0;
+  curl_easy_getinfo(handles.easy, CURLINFO_RESPONSE_CODE, &status);
+  ex.response.status = static_cast<int>(status);
+  const std::string reason = !result                 ? "timed out"
+                             : error_buffer[0] != 0 ? std::string(error_buffer)
+                                                     : std::string(curl_easy_strerror(*result));
+
+  if (result && (*result == CURLE_OK || *result == CURLE_TOO_MANY_REDIRECTS)) return std::move(ex.response);
+  if (result && (*result == CURLE_URL_MALFORMAT || *result == CURLE_UNSUPPORTED_PROTOCOL)) {
+    throw ValueError("unknown url type: " + request.full_url + " (" + reason + ")");
+  }
+  if (!ex.connected || (result && *result == CURLE_SEND_ERROR && !ex.head_complete)) {
+    throw URLError(reason);
+  }
+  const bool timed_out = !result || *result == CURLE_OPERATION_TIMEDOUT;
+  if (!ex.head_complete) {
+    if (timed_out) throw TimeoutError(reason);
+    throw ConnectionError(reason);
+  }
+  // The head is in: whatever went wrong, went wrong reading the body.
+  if (*result == CURLE_PARTIAL_FILE) {
+    ex.response.partial = true;
+    ex.response.read_failure = std::make_exception_ptr(ConnectionError(reason));
+  } else if (timed_out) {
+    ex.response.read_failure = std::make_exception_ptr(TimeoutError(reason));
+  } else {
+    ex.response.read_failure = std::make_exception_ptr(ConnectionError(reason));
+  }
+  return std::move(ex.response);
+}
+
+void set_extra_ca_file(const std::optional<std::string>& pem_path) {
+  std::shared_ptr<ExtraCa> loaded;
+  if (pem_path) {
+    const std::string pem = read_file(*pem_path);
+    loaded = std::make_shared<ExtraCa>();
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
+                                                   &BIO_free);
+    while (X509* cert = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)) {
+      loaded->certs.push_back(cert);
+    }
+    if (loaded->certs.empty()) {
+      throw ValueError("No PEM certificate found in CA file " + *pem_path);
+    }
+  }
+  std::lock_guard<std::mutex> lock(g_ca_mu);
+  g_extra_ca = std::move(loaded);
+}
+
+}  // namespace quillmarsh::sync

@@ -1,0 +1,62 @@
+// One HTTP exchange over libcurl, the only place that calls it.
+//
+// Each thread keeps its own handles, so connections and TLS sessions are
+// reused from one request to the next. The exchange is split where the
+// callers need it split: opening (connect, send, wait for the response head)
+// and the body, whose failure is handed back rather than raised, because a
+// caller treats a short body differently from a failed open.
+#ifndef QUILLMARSH_SYNC_ENGINE_CURL_SESSION_H_
+#define QUILLMARSH_SYNC_ENGINE_CURL_SESSION_H_
+
+#include <exception>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sync/errors.h"
+
+namespace quillmarsh::sync {
+
+// No HTTP response at all: the connection or the sending of the request
+// failed. `what()` is the reason.
+class URLError : public Error {
+ public:
+  using Error::Error;
+  const char* type_name() const noexcept override { return "URLError"; }
+};
+
+struct HttpRequest {
+  std::string full_url;
+  std::vector<std::pair<std::string, std::string>> headers;
+};
+
+// A response whose head has arrived. `status` is any HTTP status, redirects
+// having been followed. When reading the body failed, `read_failure` holds
+// the failure; `partial` says that the connection merely ended before the
+// announced length, and `body` then holds the bytes that did arrive.
+struct OpenedResponse {
+  int status = 0;
+  std::map<std::string, std::string> headers;  // the server's spelling; the last repeat wins
+  std::string body;
+  std::exception_ptr read_failure;
+  bool partial = false;
+};
+
+// Runs one exchange. `timeout_s` bounds each wait: the connection, and any
+// silence of the server once connected. Fails with URLError when no
+// connection could be made or the request could not be sent, TimeoutError
+// when the response head does not come in time, ConnectionError when the
+// server drops the connection before the head, ValueError for a URL that is
+// not http(s).
+OpenedResponse open_http_request(const HttpRequest& request, double timeout_s);
+
+// Process-wide: a PEM bundle of CA certificates trusted beside the system's
+// own, or nothing. Fails with OSError or ValueError when the file cannot be
+// read or holds no certificate; the previous setting then stays.
+void set_extra_ca_file(const std::optional<std::string>& pem_path);
+
+}  // namespace quillmarsh::sync
+
+#endif  // QUILLMARSH_SYNC_ENGINE_CURL_SESSION_H_

@@ -1,0 +1,143 @@
+#include "sync/manifest.h"
+
+#include <vector>
+
+#include "sync/engine/file_primitives.h"
+#include "sync/errors.h"
+#include "sync/support/json_text.h"
+#include "sync/support/posix_file.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+const Json& require_object(const std::shared_ptr<Json>& data) {
+  if (!data || !data->is_object()) {
+    throw TypeError(std::string("manifest must be a JSON object, not ") +
+                    (data ? data->type_name() : "nothing"));
+  }
+  return *data;
+}
+
+Json member_or(const Json& data, const char* key, Json fallback) {
+  const auto it = data.find(key);
+  return it == data.end() ? std::move(fallback) : *it;
+}
+
+// The shared shape of both filters: keep what `drop` refuses, and hand back
+// the very input when nothing went.
+template <typename Drop>
+std::shared_ptr<Json> drop_files(const std::shared_ptr<Json>& manifest_data, Drop drop) {
+  const Json& data = require_object(manifest_data);
+  const auto files_it = data.find("files");
+  if (files_it == data.end() || !files_it->is_object()) return manifest_data;
+  // Keys are already unique, so members are appended without the linear
+  // lookup that Json's operator[] would make for each of them.
+  Json kept = Json::object();
+  auto& kept_members = kept.get_ref<Json::object_t&>();
+  bool removed = false;
+  for (const auto& [path, info] : files_it->get_ref<const Json::object_t&>()) {
+    if (drop(path, info)) removed = true;
+    else kept_members.emplace_back(path, info);
+  }
+  if (!removed) return manifest_data;
+  auto out = std::make_shared<Json>(Json::object());
+  for (const auto& [key, value] : data.items()) {
+    if (key == "files") (*out)[key] = std::move(kept);
+    else (*out)[key] = value;
+  }
+  return out;
+}
+
+template <typename Predicate>
+bool any_file(const Manifest& manifest, Predicate predicate) {
+  const Json& files = manifest.files();
+  if (!files.is_object()) return false;
+  for (const auto& [path, info] : files.items()) {
+    if (predicate(path, info)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+Manifest::Manifest(std::shared_ptr<Json> data)
+    : _data(std::move(data)),
+      era_id(member_or(require_object(_data), "era_id", 0)),
+      version(member_or(*_data, "version", 0)),
+      base_url(member_or(*_data, "base_url", nullptr)),
+      pnl_column_count(member_or(*_data, "pnl_column_count", 0)),
+      found_signals(member_or(*_data, "found_signals", Json::object())),
+      found_strategies(member_or(*_data, "found_strategies", Json::object())),
+      useful_signals(member_or(*_data, "useful_signals", Json::object())) {}
+
+Json& Manifest::files() {
+  const auto it = _data->find("files");
+  return it == _data->end() ? own_files_ : *it;
+}
+
+const Json& Manifest::files() const {
+  const auto it = _data->find("files");
+  return it == _data->end() ? own_files_ : *it;
+}
+
+Json Manifest::to_dict() const { return *_data; }
+
+bool _is_agent_bundle_declaration_file(std::string_view file_path, const Json& file_info) {
+  std::string file_type;
+  if (file_info.is_object()) {
+    const auto it = file_info.find("kind");
+    if (it != file_info.end() && it->is_string()) file_type = it->get<std::string>();
+  }
+  return file_path.ends_with(".pxd") || file_type == "vault_declaration" ||
+         file_type == "backtester_declaration";
+}
+
+bool _is_retired_found_pnl_long_file(std::string_view file_path) {
+  std::string text(file_path);
+  for (char& c : text) {
+    if (c == '\\') c = '/';
+  }
+  std::string_view trimmed = text;
+  while (!trimmed.empty() && trimmed.front() == '/') trimmed.remove_prefix(1);
+  while (!trimmed.empty() && trimmed.back() == '/') trimmed.remove_suffix(1);
+  std::vector<std::string_view> segments;
+  for (std::size_t start = 0;;) {
+    const std::size_t slash = trimmed.find('/', start);
+    segments.push_back(trimmed.substr(start, slash - start));
+    if (slash == std::string_view::npos) break;
+    start = slash + 1;
+  }
+  return segments.size() == 5 &&
+         (segments[0] == "found_signals" || segments[0] == "found_strategies") &&
+         (segments[4] == "pnl_long.arrow" || segments[4] == "pnl.long.arrow");
+}
+
+std::shared_ptr<Json> _drop_agent_bundle_declaration_files(const std::shared_ptr<Json>& manifest_data) {
+  return drop_files(manifest_data, [](const std::string& path, const Json& info) {
+    return _is_agent_bundle_declaration_file(path, info);
+  });
+}
+
+std::shared_ptr<Json> _drop_retired_found_pnl_long_files(const std::shared_ptr<Json>& manifest_data) {
+  return drop_files(manifest_data, [](const std::string& path, const Json&) {
+    return _is_retired_found_pnl_long_file(path);
+  });
+}
+
+bool _manifest_has_agent_bundle_declarations(const Manifest& manifest) {
+  return any_file(manifest, [](const std::string& path, const Json& info) {
+    return _is_agent_bundle_declaration_file(path, info);
+  });
+}
+
+bool _manifest_has_retired_found_pnl_long_files(const Manifest& manifest) {
+  return any_file(manifest, [](const std::string& path, const Json&) {
+    return _is_retired_found_pnl_long_file(path);
+  });
+}
+
+void _write_manifest_json(const std::string& data_dir, const Json& manifest_data) {
+  _atomic_write(join_path(data_dir, "manifest.json"), json_text(manifest_data));
+}
+
+}  // namespace quillmarsh::sync

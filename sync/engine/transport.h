@@ -1,0 +1,50 @@
+// The two GETs through which every byte from the network arrives: one with
+// a bearer token for the API server, one without for public object storage.
+// Both return the response triple for every HTTP status; only transport
+// failures fail.
+#ifndef QUILLMARSH_SYNC_ENGINE_TRANSPORT_H_
+#define QUILLMARSH_SYNC_ENGINE_TRANSPORT_H_
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "sync/engine/curl_session.h"
+
+namespace quillmarsh::sync {
+
+// The response triple. `body` may be shorter than the server announced: the
+// caller notices that, not the transport.
+struct HttpResponse {
+  int status = 0;
+  std::map<std::string, std::string> resp_headers;
+  std::string body;
+};
+
+// "bytes={start}-{end}", "bytes={start}-", or nothing for the whole file.
+std::optional<std::string> _range_header(std::int64_t range_start, std::int64_t range_end);
+
+// Opens `req`, retrying only when the response head does not arrive in time
+// (waits of 0.25 s, 0.5 s, ... up to 1 s); after the last attempt fails with
+// ConnectionError "Timed out fetching ...".
+OpenedResponse _urlopen_with_sync_retries(const HttpRequest& req, double timeout);
+
+// GET `url` from the API server with "Authorization: Bearer {token}". The
+// URL passes the transport-security collaborator first; a refusal fails
+// before any traffic.
+HttpResponse _http_get(const std::string& url, const std::string& token, std::int64_t range_start = 0,
+                       std::int64_t range_end = -1);
+
+// GET `url` from public object storage, with no token. When
+// QUILLMARSH_SYNC_PUBLIC_DOWNLOAD_BASE_URL is set, a URL whose path holds
+// "releases/{tag}/{path...}" is fetched from "{override}/data/files/{path...}".
+HttpResponse _http_get_public(const std::string& url, std::int64_t range_start = 0,
+                              std::int64_t range_end = -1);
+
+// The URL _http_get_public would fetch for `url` under `override_base`.
+std::string _public_download_url(const std::string& url, const std::string& override_base);
+
+}  // namespace quillmarsh::sync
+
+#endif  // QUILLMARSH_SYNC_ENGINE_TRANSPORT_H_

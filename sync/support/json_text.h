@@ -1,0 +1,29 @@
+// The one text form in which the component writes JSON state files, and the
+// one way it reads JSON text.
+#ifndef QUILLMARSH_SYNC_SUPPORT_JSON_TEXT_H_
+#define QUILLMARSH_SYNC_SUPPORT_JSON_TEXT_H_
+
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+namespace quillmarsh::sync {
+
+using Json = nlohmann::ordered_json;
+
+// One line, members in stored order, ", " and ": " as separators, every
+// character beyond ASCII as a lower-case \uXXXX escape (surrogate pairs past
+// U+FFFF), "/" left alone, floats as their shortest round-trip text.
+// A digest announced by the server is taken over exactly these bytes, so a
+// byte of difference makes a client believe itself stale. Fails with
+// ValueError on a string that is not valid UTF-8.
+std::string json_text(const Json& value);
+
+// Parses UTF-8 JSON text, keeping member order. Fails with ValueError,
+// whose message says where the text went wrong.
+Json parse_json_text(std::string_view text);
+
+}  // namespace quillmarsh::sync
+
+#endif  // QUILLMARSH_SYNC_SUPPORT_JSON_TEXT_H_

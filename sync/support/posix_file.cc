@@ -1,0 +1,126 @@
+#include "sync/support/posix_file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "sync/errors.h"
+#include "sync/support/repr.h"
+
+namespace quillmarsh::sync {
+
+void raise_os_error(int error_number, std::string_view path) {
+  const std::string message = "[Errno " + std::to_string(error_number) + "] " +
+                              std::strerror(error_number) + ": " + quoted(path);
+  if (error_number == ENOENT) throw FileNotFoundError(error_number, message);
+  throw OSError(error_number, message);
+}
+
+ReadableFile::ReadableFile(const std::string& path) : path_(path) {
+  fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd_ < 0) raise_os_error(errno, path);
+}
+
+ReadableFile::~ReadableFile() { ::close(fd_); }
+
+std::size_t ReadableFile::read(char* buffer, std::size_t n) {
+  for (;;) {
+    const ssize_t got = ::read(fd_, buffer, n);
+    if (got >= 0) return static_cast<std::size_t>(got);
+    if (errno != EINTR) raise_os_error(errno, path_);
+  }
+}
+
+std::int64_t ReadableFile::size() const {
+  struct stat st;
+  if (::fstat(fd_, &st) != 0) raise_os_error(errno, path_);
+  return st.st_size;
+}
+
+std::string read_file(const std::string& path) {
+  ReadableFile file(path);
+  std::string out;
+  char buffer[65536];
+  while (const std::size_t got = file.read(buffer, sizeof buffer)) out.append(buffer, got);
+  return out;
+}
+
+void write_file(const std::string& path, std::string_view data) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) raise_os_error(errno, path);
+  std::size_t done = 0;
+  while (done < data.size()) {
+    const ssize_t put = ::write(fd, data.data() + done, data.size() - done);
+    if (put < 0) {
+      if (errno == EINTR) continue;
+      const int err = errno;
+      ::close(fd);
+      raise_os_error(err, path);
+    }
+    done += static_cast<std::size_t>(put);
+  }
+  if (::close(fd) != 0) raise_os_error(errno, path);
+}
+
+void rename_file(const std::string& from, const std::string& to) {
+  if (::rename(from.c_str(), to.c_str()) != 0) raise_os_error(errno, from);
+}
+
+void make_dirs(const std::string& path) {
+  if (path.empty()) return;
+  struct stat st;
+  if (::stat(path.c_str(), &st) == 0) {
+    if (S_ISDIR(st.st_mode)) return;
+    raise_os_error(EEXIST, path);
+  }
+  const std::string parent = dir_name(path);
+  if (!parent.empty() && parent != path) make_dirs(parent);
+  if (::mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) raise_os_error(errno, path);
+}
+
+bool remove_file(const std::string& path) {
+  if (::unlink(path.c_str()) == 0) return true;
+  if (errno == ENOENT) return false;
+  raise_os_error(errno, path);
+}
+
+FileStat stat_path(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) raise_os_error(errno, path);
+  FileStat out;
+  out.size = st.st_size;
+  out.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  out.ctime_ns = static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+  out.inode = st.st_ino;
+  out.is_dir = S_ISDIR(st.st_mode);
+  out.is_regular = S_ISREG(st.st_mode);
+  return out;
+}
+
+bool path_exists(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+std::string join_path(std::string_view a, std::string_view b) {
+  if (!b.empty() && b.front() == '/') return std::string(b);
+  if (a.empty()) return std::string(b);
+  std::string out(a);
+  if (out.back() != '/') out += '/';
+  out += b;
+  return out;
+}
+
+std::string dir_name(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return "";
+  std::string_view head = path.substr(0, slash + 1);
+  // Trailing slashes of the head go, unless the head is all slashes.
+  std::size_t end = head.size();
+  while (end > 1 && head[end - 1] == '/') --end;
+  return std::string(head.substr(0, end));
+}
+
+}  // namespace quillmarsh::sync

@@ -1,0 +1,236 @@
+#include "sync/engine/transport.h"
+
+#include <gtest/gtest.h>
+
+#include "sync/collaborators/transport_security.h"
+#include "sync/errors.h"
+#include "sync/support/log.h"
+#include "sync/support/sleep.h"
+#include "tests/support/scoped_env.h"
+#include "tests/support/test_server.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::Fault;
+using testing::ScopedEnv;
+using testing::TestServer;
+
+std::string numbered_bytes(std::size_t n) {
+  std::string out(n, '\0');
+  for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<char>('a' + i % 26);
+  return out;
+}
+
+class Transport : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    set_extra_ca_file(TestServer::ca_file());
+    for (const char* name : {"QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "QUILLMARSH_SYNC_HTTP_TIMEOUT",
+                             "QUILLMARSH_SYNC_HTTP_RETRIES", "QUILLMARSH_SYNC_PUBLIC_DOWNLOAD_BASE_URL"}) {
+      env_.unset(name);
+    }
+    previous_sleep_ = replace_sleep([this](double s) { slept_.push_back(s); });
+    server_.put("/file.bin", content_);
+  }
+  void TearDown() override {
+    replace_sleep(previous_sleep_);
+    set_extra_ca_file(std::nullopt);
+  }
+
+  const std::string content_ = numbered_bytes(1000);
+  TestServer server_;
+  ScopedEnv env_;
+  LogCapture log_;
+  std::vector<double> slept_;
+  SleepFunction previous_sleep_;
+};
+
+TEST(RangeHeader, FollowsTheRangeRule) {
+  EXPECT_EQ(_range_header(0, -1), std::nullopt);
+  EXPECT_EQ(_range_header(0, 0), "bytes=0-0");
+  EXPECT_EQ(_range_header(100, -1), "bytes=100-");
+  EXPECT_EQ(_range_header(100, 50), "bytes=100-");  // an end before the start means the rest
+  EXPECT_EQ(_range_header(100, 199), "bytes=100-199");
+}
+
+TEST_F(Transport, RangedAndWholeRequestsReturnTheRightBytes) {
+  const std::string url = server_.url("/file.bin");
+  HttpResponse whole = _http_get_public(url);
+  EXPECT_EQ(whole.status, 200);
+  EXPECT_EQ(whole.body, content_);
+  HttpResponse first = _http_get_public(url, 0, 0);
+  EXPECT_EQ(first.status, 206);
+  EXPECT_EQ(first.body, "a");
+  HttpResponse span = _http_get(url, "tok", 100, 199);
+  EXPECT_EQ(span.status, 206);
+  EXPECT_EQ(span.body, content_.substr(100, 100));
+  EXPECT_EQ(span.resp_headers.at("Content-Range"), "bytes 100-199/1000");
+  HttpResponse rest = _http_get_public(url, 900, 50);
+  EXPECT_EQ(rest.body, content_.substr(900));
+
+  const auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 4u);
+  EXPECT_EQ(requests[0].range, std::nullopt);
+  EXPECT_EQ(requests[1].range, "bytes=0-0");
+  EXPECT_EQ(requests[2].range, "bytes=100-199");
+  EXPECT_EQ(requests[3].range, "bytes=900-");
+  // One kept-alive connection carries them all.
+  EXPECT_EQ(server_.connection_count(), 1u);
+}
+
+TEST_F(Transport, TokenGoesOnlyToTheApiServerAndEveryRequestNamesItsAgent) {
+  _http_get(server_.url("/file.bin"), "secret-token");
+  _http_get_public(server_.url("/file.bin"));
+  const auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].header("Authorization"), "Bearer secret-token");
+  EXPECT_EQ(requests[1].header("Authorization"), std::nullopt);
+  for (const auto& r : requests) EXPECT_EQ(r.header("User-Agent"), "quillmarsh-sync/0.0.3");
+}
+
+TEST_F(Transport, EveryStatusComesBackAsATriple) {
+  server_.fault("/forbidden", Fault{.status = 403, .body = "no entry", .headers = {{"X-Reason", "policy"}}});
+  server_.fault("/busy", Fault{.status = 503, .body = "later"});
+  HttpResponse forbidden = _http_get(server_.url("/forbidden"), "t");
+  EXPECT_EQ(forbidden.status, 403);
+  EXPECT_EQ(forbidden.body, "no entry");
+  EXPECT_EQ(forbidden.resp_headers.at("X-Reason"), "policy");
+  EXPECT_EQ(_http_get_public(server_.url("/forbidden")).status, 403);
+  EXPECT_EQ(_http_get_public(server_.url("/busy")).body, "later");
+  HttpResponse missing = _http_get_public(server_.url("/nothing-here"));
+  EXPECT_EQ(missing.status, 404);
+  HttpResponse beyond = _http_get_public(server_.url("/file.bin"), 5000, -1);
+  EXPECT_EQ(beyond.status, 416);
+}
+
+TEST_F(Transport, AShortBodyComesBackWithItsRealStatus) {
+  server_.fault("/file.bin", Fault{.cut_after_bytes = 300});
+  HttpResponse cut = _http_get_public(server_.url("/file.bin"));
+  EXPECT_EQ(cut.status, 200);
+  EXPECT_EQ(cut.body, content_.substr(0, 300));
+  HttpResponse cut_range = _http_get_public(server_.url("/file.bin"), 500, 999);
+  EXPECT_EQ(cut_range.status, 206);
+  EXPECT_EQ(cut_range.body, content_.substr(500, 300));
+}
+
+TEST_F(Transport, RedirectsAreFollowedWithTheRangeKept) {
+  server_.fault("/moved.bin", Fault{.redirect_to = "/file.bin"});
+  HttpResponse r = _http_get_public(server_.url("/moved.bin"), 10, 19);
+  EXPECT_EQ(r.status, 206);
+  EXPECT_EQ(r.body, content_.substr(10, 10));
+  EXPECT_EQ(server_.request_count("/file.bin"), 1u);
+}
+
+TEST_F(Transport, ASlowHeadIsRetriedThenFailsAsConnectionError) {
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "0.3");
+  server_.fault("/slow", Fault{.delay_before_head_s = 1.5});
+  const std::string url = server_.url("/slow");
+  try {
+    _http_get(url, "t");
+    FAIL() << "expected ConnectionError";
+  } catch (const ConnectionError& e) {
+    EXPECT_TRUE(std::string(e.what()).starts_with("Timed out fetching " + url + " after 3 attempt(s): "))
+        << e.what();
+    ASSERT_TRUE(e.cause());
+    EXPECT_THROW(std::rethrow_exception(e.cause()), TimeoutError);
+  }
+  EXPECT_EQ(server_.request_count("/slow"), 3u);
+  EXPECT_EQ(slept_, (std::vector<double>{0.25, 0.5}));
+  EXPECT_EQ(log_.count(LogLevel::warning, "Sync HTTP request timed out; retrying attempt 2/3 for " + url), 1u);
+  EXPECT_EQ(log_.count(LogLevel::warning, "Sync HTTP request timed out; retrying attempt 3/3 for " + url), 1u);
+}
+
+TEST_F(Transport, ASlowHeadOnceIsRecoveredByTheRetry) {
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "0.3");
+  server_.fault("/file.bin", Fault{.delay_before_head_s = 1.0, .times = 1});
+  HttpResponse r = _http_get_public(server_.url("/file.bin"));
+  EXPECT_EQ(r.body, content_);
+  EXPECT_EQ(slept_, std::vector<double>{0.25});
+}
+
+TEST_F(Transport, NegativeRetriesMeanOneAttemptAndNoWait) {
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "0.3").set("QUILLMARSH_SYNC_HTTP_RETRIES", "-3");
+  server_.fault("/slow", Fault{.delay_before_head_s = 1.0});
+  try {
+    _http_get_public(server_.url("/slow"));
+    FAIL() << "expected ConnectionError";
+  } catch (const ConnectionError& e) {
+    EXPECT_NE(std::string(e.what()).find("after 1 attempt(s)"), std::string::npos) << e.what();
+  }
+  EXPECT_TRUE(slept_.empty());
+  EXPECT_EQ(log_.count_at(LogLevel::warning), 0u);
+}
+
+TEST_F(Transport, ASlowBodySurfacesAsTimeoutErrorWithoutRetry) {
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "0.3");
+  server_.fault("/file.bin", Fault{.stall_after_bytes = 100, .stall_s = 1.5});
+  EXPECT_THROW(_http_get_public(server_.url("/file.bin")), TimeoutError);
+  EXPECT_EQ(server_.request_count("/file.bin"), 1u);
+  EXPECT_TRUE(slept_.empty());
+}
+
+TEST_F(Transport, ARefusedPortIsAConnectionFailure) {
+  const std::string url = "https://127.0.0.1:" + std::to_string(testing::unused_loopback_port()) + "/x";
+  try {
+    _http_get(url, "t");
+    FAIL() << "expected ConnectionError";
+  } catch (const ConnectionError& e) {
+    EXPECT_TRUE(std::string(e.what()).starts_with("Connection failed to " + url + ": ")) << e.what();
+    EXPECT_THROW(std::rethrow_exception(e.cause()), URLError);
+  }
+}
+
+TEST_F(Transport, AnUntrustedCertificateIsNeverAccepted) {
+  set_extra_ca_file(std::nullopt);
+  EXPECT_THROW(_http_get_public(server_.url("/file.bin")), ConnectionError);
+  EXPECT_EQ(server_.request_count("/file.bin"), 0u);
+}
+
+TEST_F(Transport, TheTransportPolicyRefusesBeforeAnyTraffic) {
+  TestServer plain(TestServer::Scheme::http);
+  plain.put("/v", "ok");
+  // Plain http is fine to a loopback host, not elsewhere.
+  EXPECT_EQ(_http_get(plain.url("/v"), "t").body, "ok");
+  EXPECT_THROW(_http_get("http://example.invalid/v", "t"), ValueError);
+  EXPECT_THROW(_http_get("ftp://127.0.0.1/v", "t"), ValueError);
+
+  struct Refusing : TransportSecurity {
+    std::vector<std::string> seen;
+    void validate_bearer_transport_url(const std::string& url) override {
+      seen.push_back(url);
+      throw RuntimeError("refused by host policy");
+    }
+  };
+  auto refusing = std::make_shared<Refusing>();
+  auto previous = transport_security_slot().set(refusing);
+  EXPECT_THROW(_http_get(server_.url("/file.bin"), "t"), RuntimeError);
+  EXPECT_EQ(refusing->seen, std::vector<std::string>{server_.url("/file.bin")});
+  // The public GET does not ask the policy.
+  EXPECT_EQ(_http_get_public(server_.url("/file.bin")).status, 200);
+  transport_security_slot().set(nullptr);
+  EXPECT_THROW(_http_get(server_.url("/file.bin"), "t"), ImportError);
+  transport_security_slot().set(previous);
+  EXPECT_EQ(server_.request_count("/file.bin"), 1u);
+}
+
+TEST(PublicDownloadUrl, RewritesReleasePathsOntoTheOverride) {
+  const std::string base = " https://mirror.test:8443/ ";
+  EXPECT_EQ(_public_download_url("https://r2.example/bucket/releases/v7/features/a.bin?x=1#f", base),
+            "https://mirror.test:8443/data/files/features/a.bin");
+  EXPECT_EQ(_public_download_url("https://h/releases/v1/releases/v2/a.bin", base),
+            "https://mirror.test:8443/data/files/releases/v2/a.bin");  // the first "releases" counts
+  EXPECT_EQ(_public_download_url("https://h/releases/v7", base), "https://h/releases/v7");
+  EXPECT_EQ(_public_download_url("https://h/bucket/features/a.bin", base), "https://h/bucket/features/a.bin");
+  EXPECT_EQ(_public_download_url("https://h/releases/v7/a.bin", "  "), "https://h/releases/v7/a.bin");
+}
+
+TEST_F(Transport, TheOverrideSendsPublicDownloadsToAnotherHost) {
+  server_.put("/data/files/features/a.bin", "mirrored");
+  env_.set("QUILLMARSH_SYNC_PUBLIC_DOWNLOAD_BASE_URL", server_.base_url() + "/");
+  HttpResponse r = _http_get_public("https://object-store.invalid/bucket/releases/v3/features/a.bin");
+  EXPECT_EQ(r.body, "mirrored");
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

@@ -1,0 +1,57 @@
+#include "sync/support/log.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "sync/errors.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+TEST(LogFormat, RendersEachPlaceholder) {
+  EXPECT_EQ(format_log_message("%s|%r|%d|%.1fs|100%%", {"it's", "it's", 7, 30.0}), "it's|'it\\'s'|7|30.0s|100%");
+  EXPECT_EQ(format_log_message("%r %s %s", {std::nullopt, 2.5, true}), "None 2.5 True");
+  EXPECT_EQ(format_log_message("%r", {std::vector<std::string>{"a", "b"}}), "['a', 'b']");
+  EXPECT_EQ(format_log_message("%s", {ValueError("bad value")}), "bad value");
+  // Too few arguments leave the placeholder in sight rather than crash.
+  EXPECT_EQ(format_log_message("%s and %s", {"one"}), "one and %s");
+}
+
+TEST(LogCapture, CollectsRecordsFromAnyThreadAndRestoresTheSink) {
+  std::vector<LogRecord> outer_seen;
+  LogSink previous = set_log_sink([&](const LogRecord& r) { outer_seen.push_back(r); });
+  {
+    LogCapture capture;
+    std::thread([] { log_warning("from %s", {"a thread"}); }).join();
+    log_debug("quiet %d", {1});
+    EXPECT_EQ(capture.count(LogLevel::warning, "from a thread"), 1u);
+    EXPECT_EQ(capture.count(LogLevel::debug, "quiet 1"), 1u);
+    EXPECT_TRUE(outer_seen.empty());
+  }
+  log_info("after");
+  set_log_sink(previous);
+  ASSERT_EQ(outer_seen.size(), 1u);
+  EXPECT_EQ(outer_seen[0].message, "after");
+}
+
+TEST(LogCapture, KeepsTheChainOfCausesOfALoggedFailure) {
+  LogCapture capture;
+  std::exception_ptr failure;
+  try {
+    try {
+      throw TimeoutError("read timed out");
+    } catch (...) {
+      throw ConnectionError("Timed out fetching x", std::current_exception());
+    }
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  log_message(LogLevel::warning, "failed: %s", {"x"}, failure);
+  const auto records = capture.records();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].failure, "ConnectionError: Timed out fetching x\nCaused by TimeoutError: read timed out");
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync
