@@ -14,7 +14,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
-#include "sync/support/integer.h"
+#include "sync/support/text.h"
 #include "sync/support/posix_file.h"
 
 namespace quillmarsh::sync {

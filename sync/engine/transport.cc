@@ -7,7 +7,7 @@
 #include "sync/collaborators/transport_security.h"
 #include "sync/engine/tunables.h"
 #include "sync/errors.h"
-#include "sync/support/integer.h"
+#include "sync/support/text.h"
 #include "sync/support/log.h"
 #include "sync/support/sleep.h"
 #include "sync/support/url.h"

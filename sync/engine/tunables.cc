@@ -7,6 +7,7 @@
 
 #include "sync/errors.h"
 #include "sync/support/integer.h"
+#include "sync/support/text.h"
 #include "sync/support/log.h"
 
 namespace quillmarsh::sync {

@@ -7,19 +7,9 @@
 
 #include "sync/errors.h"
 #include "sync/support/repr.h"
+#include "sync/support/text.h"
 
 namespace quillmarsh::sync {
-
-bool is_space(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f' ||
-         c == '\x1c' || c == '\x1d' || c == '\x1e' || c == '\x1f';
-}
-
-std::string_view strip(std::string_view text) {
-  while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
-  while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
-  return text;
-}
 
 std::int64_t integer_of_text(std::string_view text) {
   const std::string_view body = strip(text);

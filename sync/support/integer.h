@@ -19,10 +19,6 @@ std::int64_t integer_of_text(std::string_view text);
 // Anything else, null included, fails with TypeError.
 std::int64_t integer_of(const Json& value);
 
-// Python's str.strip() white space, which the text readers trim.
-bool is_space(char c);
-std::string_view strip(std::string_view text);
-
 }  // namespace quillmarsh::sync
 
 #endif  // QUILLMARSH_SYNC_SUPPORT_INTEGER_H_

@@ -1,0 +1,16 @@
+// White space as the component's peers strip it: the ASCII blanks and the
+// Unicode space characters, read from UTF-8.
+#ifndef QUILLMARSH_SYNC_SUPPORT_TEXT_H_
+#define QUILLMARSH_SYNC_SUPPORT_TEXT_H_
+
+#include <string_view>
+
+namespace quillmarsh::sync {
+
+bool is_space_code_point(char32_t c);
+// `text` without white space at either end. Malformed UTF-8 is not space.
+std::string_view strip(std::string_view text);
+
+}  // namespace quillmarsh::sync
+
+#endif  // QUILLMARSH_SYNC_SUPPORT_TEXT_H_
