@@ -44,6 +44,12 @@ class Manifest {
   Json own_files_ = Json::object();
 };
 
+// The text under `key` of a file entry; "" when the entry is no object, or
+// the key is missing or holds something other than text.
+std::string entry_text(const Json& file_info, const char* key);
+// Module files are built per platform and hashed afresh on every check.
+bool is_module_kind(std::string_view kind);
+
 // True for a path ending in ".pxd" or an entry of kind "vault_declaration" or
 // "backtester_declaration"; such files are never mirrored.
 bool _is_agent_bundle_declaration_file(std::string_view file_path, const Json& file_info);

@@ -82,12 +82,16 @@ const Json& Manifest::files() const {
 
 Json Manifest::to_dict() const { return *_data; }
 
+std::string entry_text(const Json& file_info, const char* key) {
+  if (!file_info.is_object()) return "";
+  const auto it = file_info.find(key);
+  return it != file_info.end() && it->is_string() ? it->get<std::string>() : "";
+}
+
+bool is_module_kind(std::string_view kind) { return kind == "vault_module" || kind == "backtester_module"; }
+
 bool _is_agent_bundle_declaration_file(std::string_view file_path, const Json& file_info) {
-  std::string file_type;
-  if (file_info.is_object()) {
-    const auto it = file_info.find("kind");
-    if (it != file_info.end() && it->is_string()) file_type = it->get<std::string>();
-  }
+  const std::string file_type = entry_text(file_info, "kind");
   return file_path.ends_with(".pxd") || file_type == "vault_declaration" ||
          file_type == "backtester_declaration";
 }

@@ -3,7 +3,10 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <dirent.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "sync/errors.h"
@@ -37,6 +40,43 @@ std::int64_t ReadableFile::size() const {
   struct stat st;
   if (::fstat(fd_, &st) != 0) raise_os_error(errno, path_);
   return st.st_size;
+}
+
+UpdatableFile::UpdatableFile(const std::string& path) : path_(path) {
+  fd_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd_ < 0) raise_os_error(errno, path);
+}
+
+UpdatableFile::~UpdatableFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void UpdatableFile::seek(std::int64_t offset) {
+  if (::lseek(fd_, offset, SEEK_SET) < 0) raise_os_error(errno, path_);
+}
+
+void UpdatableFile::write(std::string_view data) {
+  std::size_t done = 0;
+  while (done < data.size()) {
+    const ssize_t put = ::write(fd_, data.data() + done, data.size() - done);
+    if (put < 0) {
+      if (errno == EINTR) continue;
+      raise_os_error(errno, path_);
+    }
+    done += static_cast<std::size_t>(put);
+  }
+}
+
+void UpdatableFile::truncate() {
+  const off_t here = ::lseek(fd_, 0, SEEK_CUR);
+  if (here < 0 || ::ftruncate(fd_, here) != 0) raise_os_error(errno, path_);
+}
+
+void UpdatableFile::close() {
+  if (fd_ < 0) return;
+  const int fd = fd_;
+  fd_ = -1;
+  if (::close(fd) != 0) raise_os_error(errno, path_);
 }
 
 std::string read_file(const std::string& path) {
@@ -102,6 +142,65 @@ FileStat stat_path(const std::string& path) {
 bool path_exists(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0;
+}
+
+bool is_directory(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::vector<std::string> find_entries(const std::string& dir,
+                                      const std::function<bool(std::string_view name)>& match) {
+  std::vector<std::string> found;
+  std::vector<std::string> pending{dir};
+  while (!pending.empty()) {
+    const std::string current = std::move(pending.back());
+    pending.pop_back();
+    DIR* handle = ::opendir(current.c_str());
+    if (handle == nullptr) continue;
+    while (const dirent* entry = ::readdir(handle)) {
+      const std::string_view name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      const std::string path = join_path(current, name);
+      if (match(name)) found.push_back(path);
+      bool is_dir = entry->d_type == DT_DIR;
+      if (entry->d_type == DT_UNKNOWN) {
+        struct stat st;
+        is_dir = ::lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+      }
+      if (is_dir) pending.push_back(path);
+    }
+    ::closedir(handle);
+  }
+  return found;
+}
+
+std::int64_t free_space_bytes(const std::string& path) {
+  struct statvfs st;
+  if (::statvfs(path.c_str(), &st) != 0) raise_os_error(errno, path);
+  return static_cast<std::int64_t>(st.f_bavail) * static_cast<std::int64_t>(st.f_frsize);
+}
+
+std::int64_t mtime_ns(const std::string& path) { return stat_path(path).mtime_ns; }
+
+int open_lock_file(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  if (fd < 0) raise_os_error(errno, path);
+  return fd;
+}
+
+void lock_exclusive(int fd, const std::string& path) {
+  while (::flock(fd, LOCK_EX) != 0) {
+    if (errno != EINTR) raise_os_error(errno, path);
+  }
+}
+
+void unlock(int fd, const std::string& path) {
+  if (::flock(fd, LOCK_UN) != 0) raise_os_error(errno, path);
+}
+
+void close_file(int fd, const std::string& path) {
+  if (::close(fd) != 0) raise_os_error(errno, path);
 }
 
 std::string join_path(std::string_view a, std::string_view b) {

@@ -6,9 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace quillmarsh::sync {
 
@@ -25,6 +27,28 @@ class ReadableFile {
   std::size_t read(char* buffer, std::size_t n);
   // The size the file has now.
   std::int64_t size() const;
+
+ private:
+  std::string path_;
+  int fd_;
+};
+
+// A file open for reading and writing at a position the caller moves. The
+// open neither creates nor truncates. Writes go straight to the descriptor,
+// so there is nothing to flush. Closed when it goes, if not before.
+class UpdatableFile {
+ public:
+  explicit UpdatableFile(const std::string& path);
+  ~UpdatableFile();
+  UpdatableFile(const UpdatableFile&) = delete;
+  UpdatableFile& operator=(const UpdatableFile&) = delete;
+  void seek(std::int64_t offset);
+  // Writes all of `data` at the position and moves behind it.
+  void write(std::string_view data);
+  // Cuts the file off at the position.
+  void truncate();
+  // Raises on a failing close; later calls do nothing.
+  void close();
 
  private:
   std::string path_;
@@ -53,6 +77,23 @@ struct FileStat {
 // stat(2), following symbolic links.
 FileStat stat_path(const std::string& path);
 bool path_exists(const std::string& path);
+
+bool is_directory(const std::string& path);
+// Every entry at any depth below `dir` whose name satisfies `match`, found
+// without following symbolic links. Unreadable directories are skipped.
+std::vector<std::string> find_entries(const std::string& dir,
+                                      const std::function<bool(std::string_view name)>& match);
+// Bytes available to an unprivileged writer on the file system of `path`.
+std::int64_t free_space_bytes(const std::string& path);
+// The modification time of `path` in nanoseconds (following links).
+std::int64_t mtime_ns(const std::string& path);
+
+// The advisory whole-file lock that processes sharing a directory take.
+// Opens (creating, never truncating) the lock file.
+int open_lock_file(const std::string& path);
+void lock_exclusive(int fd, const std::string& path);  // blocks
+void unlock(int fd, const std::string& path);
+void close_file(int fd, const std::string& path);
 
 // Joins like a shell would: an absolute `b` replaces `a`.
 std::string join_path(std::string_view a, std::string_view b);

@@ -78,4 +78,8 @@ std::string quoted_json(const nlohmann::ordered_json& value) {
   }
 }
 
+std::string text_of_json(const nlohmann::ordered_json& value) {
+  return value.is_string() ? value.get<std::string>() : quoted_json(value);
+}
+
 }  // namespace quillmarsh::sync

@@ -25,6 +25,9 @@ std::string quoted(const std::vector<std::string>& items);
 // A JSON value in the printable form of the data model: None, True, 12,
 // 1.5, 'text', ['a', 1], {'k': 'v'}.
 std::string quoted_json(const nlohmann::ordered_json& value);
+// A JSON value as text in a message: a string as it stands, anything else
+// as quoted_json prints it.
+std::string text_of_json(const nlohmann::ordered_json& value);
 
 }  // namespace quillmarsh::sync
 

@@ -1,5 +1,9 @@
 #include "sync/support/text.h"
 
+#include <cstdio>
+
+#include "sync/errors.h"
+
 namespace quillmarsh::sync {
 namespace {
 
@@ -45,6 +49,22 @@ std::string_view strip(std::string_view text) {
     text.remove_suffix(length);
   }
   return text;
+}
+
+void check_utf8(std::string_view bytes) {
+  for (std::size_t i = 0; i < bytes.size();) {
+    std::size_t length = 0;
+    const char32_t cp = decode_at(bytes, i, length);
+    // decode_at marks malformed sequences; surrogates and code points past
+    // U+10FFFF are well formed but still no UTF-8.
+    if (cp == static_cast<char32_t>(-1) || (cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) {
+      char buf[96];
+      std::snprintf(buf, sizeof buf, "'utf-8' codec can't decode byte 0x%02x in position %zu",
+                    static_cast<unsigned char>(bytes[i]), i);
+      throw ValueError(buf);
+    }
+    i += length;
+  }
 }
 
 }  // namespace quillmarsh::sync

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <httplib.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -18,10 +19,9 @@
 #include <list>
 #include <mutex>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 #include <utility>
-
-#include <httplib.h>
 
 #ifndef QMSYNC_TEST_CERT_DIR
 #error "QMSYNC_TEST_CERT_DIR must name the directory holding ca.pem"
@@ -31,11 +31,11 @@ namespace quillmarsh::sync::testing {
 
 bool HeaderNameLess::operator()(const std::string& a,
                                 const std::string& b) const {
-  return std::lexicographical_compare(
-      a.begin(), a.end(), b.begin(), b.end(),
-      [](unsigned char x, unsigned char y) {
-        return std::tolower(x) < std::tolower(y);
-      });
+  return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                      [](unsigned char x, unsigned char y) {
+                                        return std::tolower(x) <
+                                               std::tolower(y);
+                                      });
 }
 
 std::optional<std::string> RecordedRequest::header(
@@ -68,12 +68,11 @@ class ConnectionThreads final : public httplib::TaskQueue {
       }
     }
     auto done = std::make_shared<std::atomic<bool>>(false);
-    workers_.push_back(
-        {std::thread([fn = std::move(fn), done] {
-           fn();
-           done->store(true);
-         }),
-         done});
+    workers_.push_back({std::thread([fn = std::move(fn), done] {
+                          fn();
+                          done->store(true);
+                        }),
+                        done});
   }
 
   void shutdown() override {
@@ -161,11 +160,12 @@ std::optional<std::size_t> parse_size(std::string_view s) {
 RangeAnswer answer_range(std::string_view header, std::size_t n) {
   constexpr std::string_view kUnit = "bytes=";
   if (header.substr(0, kUnit.size()) != kUnit) return {};
-  std::string_view spec = header.substr(kUnit.size());
-  std::size_t dash = spec.find('-');
-  if (dash == std::string_view::npos || spec.find(',') != spec.npos) return {};
-  std::string_view first = spec.substr(0, dash);
-  std::string_view last = spec.substr(dash + 1);
+  std::string_view range = header.substr(kUnit.size());
+  std::size_t dash = range.find('-');
+  if (dash == std::string_view::npos || range.find(',') != range.npos)
+    return {};
+  std::string_view first = range.substr(0, dash);
+  std::string_view last = range.substr(dash + 1);
 
   if (first.empty()) {  // suffix: the last k bytes
     auto k = parse_size(last);
@@ -247,7 +247,9 @@ TestServer::Impl::Impl(Scheme scheme) : scheme_(scheme) {
   // reuse faults.
   server_->set_keep_alive_max_count(100000);
   server_->set_tcp_nodelay(true);
-  server_->new_task_queue = [this] { return new ConnectionThreads(connections_); };
+  server_->new_task_queue = [this] {
+    return new ConnectionThreads(connections_);
+  };
 
   auto handler = [this](const httplib::Request& req, httplib::Response& res) {
     handle(req, res);
@@ -274,6 +276,10 @@ TestServer::Impl::Impl(Scheme scheme) : scheme_(scheme) {
   // stop() is a no-op until listening starts, so wait for it.
   while (!server_->is_running() && !listening_done->load()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (!server_->is_running()) {
+    thread_.join();
+    throw std::runtime_error("TestServer: listening failed");
   }
 }
 
@@ -393,8 +399,8 @@ void TestServer::Impl::handle(const httplib::Request& req,
 }
 
 void TestServer::Impl::send(httplib::Response& res, int status,
-                            std::shared_ptr<const std::string> bytes,
-                            Span span, Headers headers, const Fault& f) {
+                            std::shared_ptr<const std::string> bytes, Span span,
+                            Headers headers, const Fault& f) {
   res.status = status;
   std::string type = "application/octet-stream";
   if (auto it = headers.find("Content-Type"); it != headers.end()) {
@@ -432,8 +438,7 @@ void TestServer::Impl::send(httplib::Response& res, int status,
       });
 }
 
-TestServer::TestServer(Scheme scheme)
-    : impl_(std::make_unique<Impl>(scheme)) {}
+TestServer::TestServer(Scheme scheme) : impl_(std::make_unique<Impl>(scheme)) {}
 
 TestServer::~TestServer() = default;
 

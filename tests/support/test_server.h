@@ -63,10 +63,10 @@ struct Fault {
 
 struct RecordedRequest {
   std::string method;
-  std::string path;    // percent-decoded, without the query
-  std::string query;   // raw text after '?', empty if none
-  std::string target;  // the request-target exactly as sent
-  Headers headers;     // names as received; lookups ignore case
+  std::string path;                  // percent-decoded, without the query
+  std::string query;                 // raw text after '?', empty if none
+  std::string target;                // the request-target exactly as sent
+  Headers headers;                   // names as received; lookups ignore case
   std::optional<std::string> range;  // the Range header, if any
   std::string body;
   int remote_port = 0;  // tells connections apart
@@ -88,9 +88,9 @@ class TestServer {
   TestServer& operator=(const TestServer&) = delete;
 
   int port() const;
-  std::string base_url() const;                 // "https://127.0.0.1:PORT"
+  std::string base_url() const;                    // "https://127.0.0.1:PORT"
   std::string url(const std::string& path) const;  // base_url() + path
-  static std::string ca_file();                 // PEM of the CA to trust
+  static std::string ca_file();                    // PEM of the CA to trust
 
   // GET and HEAD of `path` (decoded, no query) serve `bytes`. A
   // Content-Type among `headers` replaces application/octet-stream.

@@ -2,11 +2,11 @@
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -29,7 +29,7 @@ struct Reply {
   CURLcode code = CURLE_OK;
   long status = 0;
   std::string body;
-  Headers headers;  // of the last response when redirects are followed
+  Headers headers;    // of the last response when redirects are followed
   double head_s = 0;  // until the first response byte
   long redirects = 0;
   // (seconds since start, body bytes so far) at each delivery.
@@ -79,7 +79,8 @@ class Client {
     for (const auto& h : r.headers) list = curl_slist_append(list, h.c_str());
     curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, list);
     curl_slist* resolve = nullptr;
-    for (const auto& e : r.resolve) resolve = curl_slist_append(resolve, e.c_str());
+    for (const auto& e : r.resolve)
+      resolve = curl_slist_append(resolve, e.c_str());
     curl_easy_setopt(curl_, CURLOPT_RESOLVE, resolve);
     curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, &Client::on_body);
     curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &reply);
@@ -129,7 +130,8 @@ Reply fetch(const std::string& url, const Request& r = {}) {
 // Distinct-looking bytes, so a misplaced slice does not compare equal.
 std::string pattern(std::size_t n) {
   std::string s(n, '\0');
-  for (std::size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 7 + i / 251) % 256);
+  for (std::size_t i = 0; i < n; ++i)
+    s[i] = static_cast<char>((i * 7 + i / 251) % 256);
   return s;
 }
 
@@ -151,8 +153,8 @@ TEST(TestServerServing, WholeBodyWithLengthTypeAndExtraHeaders) {
   TestServer server;
   const std::string body = pattern(70000);  // several provider chunks
   server.put("/a.bin", body);
-  server.put("/b.json", "{}", {{"content-type", "application/json"},
-                               {"ETag", "\"v1\""}});
+  server.put("/b.json", "{}",
+             {{"content-type", "application/json"}, {"ETag", "\"v1\""}});
 
   Reply a = fetch(server.url("/a.bin"));
   ASSERT_EQ(a.code, CURLE_OK) << curl_easy_strerror(a.code);
@@ -164,7 +166,8 @@ TEST(TestServerServing, WholeBodyWithLengthTypeAndExtraHeaders) {
   EXPECT_EQ(a.header("Content-Range"), "<absent>");
 
   // Even when the client accepts compression the bytes stay as put.
-  Reply b = fetch(server.url("/b.json"), {.headers = {"Accept-Encoding: gzip"}});
+  Reply b =
+      fetch(server.url("/b.json"), {.headers = {"Accept-Encoding: gzip"}});
   EXPECT_EQ(b.body, "{}");
   EXPECT_EQ(b.header("Content-Type"), "application/json");
   EXPECT_EQ(b.header("ETag"), "\"v1\"");
@@ -203,7 +206,8 @@ TEST(TestServerServing, HeadAnnouncesLengthWithoutBody) {
 
 TEST(TestServerServing, PlainHttpScheme) {
   TestServer server(TestServer::Scheme::http);
-  EXPECT_EQ(server.base_url(), "http://127.0.0.1:" + std::to_string(server.port()));
+  EXPECT_EQ(server.base_url(),
+            "http://127.0.0.1:" + std::to_string(server.port()));
   server.put("/f", "plain");
   Reply r = fetch(server.url("/f"));
   EXPECT_EQ(r.code, CURLE_OK);
@@ -212,7 +216,8 @@ TEST(TestServerServing, PlainHttpScheme) {
 
 TEST(TestServerServing, TrustedOnlyThroughTheTestCa) {
   TestServer server;
-  EXPECT_EQ(server.base_url(), "https://127.0.0.1:" + std::to_string(server.port()));
+  EXPECT_EQ(server.base_url(),
+            "https://127.0.0.1:" + std::to_string(server.port()));
   server.put("/f", "x");
 
   Reply untrusted = fetch(server.url("/f"), {.trust_test_ca = false});
@@ -231,8 +236,8 @@ TEST(TestServerServing, KeepAliveConnectionServesManyRequests) {
   server.put("/f", pattern(5000));
   Client c;
   for (int i = 0; i < 30; ++i) {
-    Reply r = c.fetch(server.url("/f"), {.headers = {"Range: bytes=" +
-                                                     std::to_string(i) + "-"}});
+    Reply r = c.fetch(server.url("/f"),
+                      {.headers = {"Range: bytes=" + std::to_string(i) + "-"}});
     ASSERT_EQ(r.code, CURLE_OK) << i;
     ASSERT_EQ(r.body, pattern(5000).substr(i)) << i;
   }
@@ -285,7 +290,8 @@ TEST(TestServerRange, RangeAcrossChunksOfALargeBody) {
   TestServer server;
   const std::string body = pattern(1 << 20);
   server.put("/big", body);
-  Reply r = fetch(server.url("/big"), {.headers = {"Range: bytes=12345-600000"}});
+  Reply r =
+      fetch(server.url("/big"), {.headers = {"Range: bytes=12345-600000"}});
   EXPECT_EQ(r.status, 206);
   EXPECT_EQ(r.body, body.substr(12345, 600000 - 12345 + 1));
 }
@@ -305,7 +311,8 @@ TEST(TestServerFault, CutBodyIsAShortReadThatClosesTheConnection) {
   EXPECT_EQ(whole.body, body.substr(0, 300));
 
   // Counted within the served span, not the file.
-  Reply ranged = c.fetch(server.url("/f"), {.headers = {"Range: bytes=100-599"}});
+  Reply ranged =
+      c.fetch(server.url("/f"), {.headers = {"Range: bytes=100-599"}});
   EXPECT_EQ(ranged.code, CURLE_PARTIAL_FILE);
   EXPECT_EQ(ranged.body, body.substr(100, 300));
 
@@ -343,8 +350,8 @@ TEST(TestServerFault, WrongBytesKeepTheLength) {
 TEST(TestServerFault, StatusWithBodyOrTheFileBytes) {
   TestServer server;
   server.put("/f", "file bytes");
-  server.fault("/f", {.status = 503, .body = "busy",
-                      .headers = {{"Retry-After", "1"}}});
+  server.fault(
+      "/f", {.status = 503, .body = "busy", .headers = {{"Retry-After", "1"}}});
   Reply busy = fetch(server.url("/f"));
   EXPECT_EQ(busy.code, CURLE_OK);
   EXPECT_EQ(busy.status, 503);
@@ -447,7 +454,8 @@ TEST(TestServerFault, TimesLimitsTheFault) {
   server.fault("/f", {.status = 503, .times = 2});
   Client c;
   EXPECT_EQ(c.fetch(server.url("/f")).status, 503);
-  EXPECT_EQ(c.fetch(server.url("/f"), {.head = true}).status, 503);  // any method counts
+  EXPECT_EQ(c.fetch(server.url("/f"), {.head = true}).status,
+            503);  // any method counts
   EXPECT_EQ(c.fetch(server.url("/f")).status, 200);
   EXPECT_EQ(c.fetch(server.url("/f")).status, 200);
   EXPECT_EQ(server.request_count("/f"), 4u);
@@ -486,7 +494,8 @@ TEST(TestServerRecording, PathQueryRangeAndHeaders) {
   EXPECT_EQ(reqs[0].range, "bytes=5-9");
   EXPECT_EQ(reqs[0].header("Authorization"), "Bearer t0k");
   EXPECT_EQ(reqs[0].header("AUTHORIZATION"), "Bearer t0k");
-  EXPECT_EQ(reqs[0].header("Host"), "127.0.0.1:" + std::to_string(server.port()));
+  EXPECT_EQ(reqs[0].header("Host"),
+            "127.0.0.1:" + std::to_string(server.port()));
   EXPECT_EQ(reqs[0].header("REMOTE_ADDR"), std::nullopt);
   EXPECT_EQ(reqs[1].method, "HEAD");
   EXPECT_EQ(reqs[1].path, "/other");

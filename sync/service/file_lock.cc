@@ -1,0 +1,61 @@
+// The lock that serialises writing passes across processes sharing a data
+// directory: flock(2) on ".sync_flock", ordered inside the process by
+// _flock_lock, because threads sharing one descriptor would not exclude
+// each other through flock alone.
+#include "sync/support/log.h"
+#include "sync/support/posix_file.h"
+#include "sync/sync_manager.h"
+
+namespace quillmarsh::sync {
+
+void SyncManager::_acquire_flock() {
+  _flock_lock.lock();
+  try {
+    if (!_flock_fd) _flock_fd = open_lock_file(_flock_path);
+    lock_exclusive(*_flock_fd, _flock_path);
+  } catch (...) {
+    if (_flock_fd) {
+      try {
+        close_file(*_flock_fd, _flock_path);
+      } catch (const std::exception& e) {
+        log_debug("Failed to close flock file descriptor: %s", {e});
+      }
+      _flock_fd.reset();
+    }
+    _flock_lock.unlock();
+    throw;
+  }
+}
+
+void SyncManager::_release_flock() {
+  std::exception_ptr unlock_failure;
+  // Only the holder touches the descriptor: a stray release from another
+  // thread must not pull the lock from under the thread that holds it.
+  if (_flock_lock.held_by_this_thread() && _flock_fd) {
+    try {
+      unlock(*_flock_fd, _flock_path);
+    } catch (...) {
+      unlock_failure = std::current_exception();
+    }
+    try {
+      close_file(*_flock_fd, _flock_path);
+    } catch (const std::exception& e) {
+      log_debug("Failed to close flock file descriptor: %s", {e});
+    }
+    _flock_fd.reset();
+    // The file exists only while someone holds or waits for the lock.
+    try {
+      remove_file(_flock_path);
+    } catch (const std::exception& e) {
+      log_debug("Failed to remove flock file: %s", {e});
+    }
+  }
+  try {
+    _flock_lock.unlock();
+  } catch (const RuntimeError&) {
+    // Released by a thread that never took it: harmless.
+  }
+  if (unlock_failure) std::rethrow_exception(unlock_failure);
+}
+
+}  // namespace quillmarsh::sync

@@ -1,0 +1,206 @@
+// SyncManager: keeps one local data directory identical to the data set
+// that the server publishes for the current era.
+#ifndef QUILLMARSH_SYNC_SYNC_MANAGER_H_
+#define QUILLMARSH_SYNC_SYNC_MANAGER_H_
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "sync/engine/transport.h"
+#include "sync/errors.h"
+#include "sync/manifest.h"
+#include "sync/records.h"
+#include "sync/support/background_thread.h"
+#include "sync/support/event.h"
+#include "sync/support/owner_lock.h"
+
+namespace quillmarsh::sync {
+
+// "Data synchronization manager with background polling and IPC."
+//
+// Lives in a std::shared_ptr (see create): every background thread holds
+// one, so no thread ever outlives the object it works on. Members with a
+// leading underscore are the manager's internal state and steps; they are
+// visible for the component's own subsystems and tests, not for callers.
+class SyncManager : public std::enable_shared_from_this<SyncManager> {
+ public:
+  using TokenSource = std::function<std::string()>;
+  using EraCallbackFn = std::function<void(const std::string& event_type, std::int64_t era_id)>;
+  // Callbacks are compared by identity, so the same one may be registered
+  // twice and unregistered once.
+  using EraCallback = std::shared_ptr<const EraCallbackFn>;
+  // Vocabularies by named universe, in sorted path order.
+  using Vocabularies = Json;
+
+  // Builds a manager from local state only; contacts no server. Fails with
+  // TypeError (no token source), ValueError (empty server_url), whatever the
+  // transport policy raises for server_url, or FileNotFoundError (data_dir
+  // is not an existing directory), in that order.
+  static std::shared_ptr<SyncManager> create(std::string data_dir, std::string server_url,
+                                             TokenSource get_token, double poll_interval_s = 600.0);
+  ~SyncManager();
+  SyncManager(const SyncManager&) = delete;
+  SyncManager& operator=(const SyncManager&) = delete;
+
+  // --- Public operations ---------------------------------------------------
+
+  // "Full sync: manifest, compare, download, verify, atomic write." One
+  // locked pass; returns what it did.
+  SyncResult sync();
+  // "Start background sync polling loop." StateError when already running.
+  void start();
+  // "Stop background sync polling loop." Waits for work in progress.
+  void stop();
+  // "Health check returning thread responsiveness."
+  bool is_alive() const;
+  // "Return the current human-readable sync status, if any."
+  std::optional<std::string> status() const;
+  // "Return current local Manifest or None."
+  std::shared_ptr<Manifest> get_manifest() const;
+  // "Lightweight sync check using version plus local integrity state."
+  bool needs_sync();
+  // "Cross-process sync trigger, returns file paths." Concurrent callers
+  // share one pass.
+  std::vector<std::string> request_for_sync();
+  // "Register a callback for era change events."
+  void register_era_callback(EraCallback callback);
+  // "Unregister an era change callback." Removes the first registration.
+  void unregister_era_callback(const EraCallback& callback);
+
+  // --- State (set in this order by the constructor) ------------------------
+
+  const std::string _data_dir;
+  const std::string _server_url;
+  const double _poll_interval;
+  std::atomic<std::shared_ptr<Manifest>> _manifest;
+  std::atomic<bool> _running{false};
+  std::atomic<bool> _consumer_lifecycle_started{false};
+  std::atomic<std::shared_ptr<BackgroundThread>> _sync_thread;
+  Event _stop_event;
+  std::mutex _sync_lock;
+  std::mutex _consumer_lock;
+  const std::string _hash_cache_path;
+  std::mutex _hash_cache_lock;
+  bool _hash_cache_dirty = false;
+  std::unordered_map<std::string, Json> _hash_cache;
+  const std::string _consumer_count_path;
+  std::int64_t _consumer_count = 0;
+  std::atomic<bool> _in_transition{false};
+  std::vector<std::string> _repair_queue;
+  std::mutex _repair_lock;
+  std::shared_ptr<Event> _coalescing_event;
+  std::mutex _coalescing_lock;
+  std::atomic<std::shared_ptr<const std::string>> _status_message;
+  std::vector<EraCallback> _era_callbacks;
+  std::mutex _era_callbacks_lock;
+  const std::string _flock_path;
+  std::optional<int> _flock_fd;
+  OwnerLock _flock_lock;
+  std::atomic<std::shared_ptr<const Vocabularies>> _vocabulary;
+
+  // --- Transport ----------------------------------------------------------
+
+  // GET with a fresh bearer token from the token source.
+  HttpResponse _http_get(const std::string& url, std::int64_t range_start = 0, std::int64_t range_end = -1);
+  HttpResponse _http_get_public(const std::string& url, std::int64_t range_start = 0,
+                                std::int64_t range_end = -1);
+  // Replaces the token source (a reused manager takes its newest caller's).
+  void _set_get_token(TokenSource get_token);
+
+  // --- The sync pass ------------------------------------------------------
+
+  // "Internal sync implementation (must hold _sync_lock)." The caller also
+  // holds the cross-process lock.
+  SyncResult _sync_impl();
+  // Files of `server_manifest` that must come down, as copies of their
+  // entries; DiskSpaceError when they will not fit.
+  Json _select_files_to_download(const Manifest& server_manifest, SyncResult& result);
+  // Brings the selected files and the era artefacts; true when a vocabulary
+  // came down.
+  bool _download_selected_files(const Json& files_to_download, SyncResult& result, Manifest& server_manifest);
+  // Fills the record's metadata and counts after the commit.
+  void _fill_result_counts(SyncResult& result, const Manifest& server_manifest, bool vocab_downloaded);
+  // Whether one entry of a manifest in force is as it should be on disk.
+  bool _local_entry_passes(const std::string& file_path, const Json& file_info);
+
+  // --- Downloads ----------------------------------------------------------
+
+  using RetryStatusCallback = std::function<void(double wait_s)>;
+  // "Download a single file with checksum verification and atomic write."
+  void _download_file(const std::string& file_path, const Json& file_info, SyncResult& result,
+                      int max_retries = 3, const RetryStatusCallback& retry_status_callback = nullptr,
+                      const std::optional<std::string>& target_data_dir = std::nullopt);
+  // "Download a set of independent files concurrently."
+  void _download_files_parallel(const Json& files_to_download, SyncResult& result);
+
+  // --- Hash cache and local comparison --------------------------------------
+
+  std::unordered_map<std::string, Json> _load_hash_cache();
+  void _persist_hash_cache();
+  std::optional<std::string> _cached_local_sha(const std::string& file_path, const std::string& local_path,
+                                               const std::string& expected_sha);
+  void _remember_local_sha(const std::string& file_path, const std::string& local_path,
+                           const std::string& actual_sha);
+  bool _local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
+                                    const Json& file_info, bool cache_allowed = true);
+  bool _local_manifest_files_complete(const Manifest& manifest);
+
+  // --- Era artefacts --------------------------------------------------------
+
+  bool _download_vocabulary(Manifest& server_manifest);
+  bool _download_shuffle_seed(const Manifest& server_manifest);
+
+  // --- Verification and repair -------------------------------------------
+
+  // Re-downloads the given manifest paths under the file lock.
+  SyncResult repair(const std::vector<std::string>& files);
+
+  // --- Threads and poll loop ----------------------------------------------
+
+  // "Start only the manifest-version polling thread."
+  void _start_sync_thread();
+  // "Internal stop implementation. Blocks until in-progress sync/transition completes."
+  void _stop_internal();
+  // "Background sync polling loop."
+  void _poll_loop();
+  // "Single poll cycle: check version, sync if needed, process repairs."
+  void _poll_once();
+
+  // --- Cross-process coordination -----------------------------------------
+
+  // "Acquire cross-process file lock for sync serialization." Blocks; the
+  // in-process lock stays held until _release_flock.
+  void _acquire_flock();
+  // "Release cross-process file lock."
+  void _release_flock();
+  // "Notify all registered era callbacks."
+  void _notify_era_callbacks(const std::string& event_type, std::int64_t era_id);
+  // "Get all found signal and strategy PnL file paths, ordered newest first."
+  std::vector<std::string> _get_found_file_paths();
+
+ private:
+  struct PassKey {};
+
+ public:
+  SyncManager(PassKey, std::string data_dir, std::string server_url, TokenSource get_token,
+              double poll_interval_s);
+
+ private:
+  void _load_consumer_count();
+  void _load_manifest();
+  void _load_vocabulary();
+
+  mutable std::mutex token_mu_;
+  TokenSource _get_token;
+};
+
+}  // namespace quillmarsh::sync
+
+#endif  // QUILLMARSH_SYNC_SYNC_MANAGER_H_

@@ -1,0 +1,353 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <mutex>
+
+#include "sync/errors.h"
+#include "sync/support/posix_file.h"
+#include "tests/support/sync_fixture.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::Fault;
+
+std::string numbered_bytes(std::size_t n) {
+  std::string out(n, '\0');
+  for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<char>('a' + (i * 7 + i / 26) % 26);
+  return out;
+}
+
+std::string flipped(std::string bytes) {
+  for (char& c : bytes) c = static_cast<char>(c ^ 0xFF);
+  return bytes;
+}
+
+// Files span several chunks of 1000 bytes. Waits and retry callbacks are
+// recorded in one sequence, so their order shows.
+class Download : public testing::SyncFixture {
+ protected:
+  void SetUp() override {
+    SyncFixture::SetUp();
+    env_.set("QUILLMARSH_SYNC_HTTP_CHUNK_BYTES", "1000");
+    fixture_sleep_ = replace_sleep([this](double s) { note("sleep", s); });
+    manager_ = make_manager();
+  }
+  void TearDown() override {
+    expect_final_files_match_their_entries(dir_.path());
+    replace_sleep(fixture_sleep_);
+    SyncFixture::TearDown();
+  }
+
+  // Serves `bytes` on the store and returns its entry, which names the store.
+  Json publish(const std::string& path, const std::string& bytes, const std::string& kind = "") {
+    Json entry = store_file(path, bytes, kind);
+    entry["base_url"] = base_url();
+    entries_[path] = entry;
+    return entry;
+  }
+
+  void download(const std::string& path, SyncResult& result, int max_retries = 3,
+                const std::optional<std::string>& target = std::nullopt) {
+    manager_->_download_file(path, entries_.at(path), result, max_retries,
+                             [this](double s) { note("callback", s); }, target);
+  }
+
+  // The Range header of every request for `path` ("" when none).
+  std::vector<std::string> ranges(const std::string& path) const {
+    std::vector<std::string> out;
+    for (const auto& r : store_.requests()) {
+      if (r.path == "/bucket/" + path) out.push_back(r.range.value_or(""));
+    }
+    return out;
+  }
+
+  std::vector<std::string> events() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return events_;
+  }
+
+  // No file under its final name may hold bytes its entry does not vouch for.
+  void expect_final_files_match_their_entries(const std::string& root) {
+    for (const auto& item : std::filesystem::recursive_directory_iterator(root)) {
+      if (!item.is_regular_file()) continue;
+      const std::string name = item.path().filename().string();
+      if (name.front() == '.' || item.path().extension() == ".tmp") continue;
+      const std::string relative = std::filesystem::relative(item.path(), root).string();
+      const auto entry = entries_.find(relative);
+      if (entry == entries_.end()) {
+        ADD_FAILURE() << "unexpected file " << relative;
+        continue;
+      }
+      const std::string expected = entry->second.value("sha256", "");
+      if (!expected.empty()) {
+        EXPECT_EQ(_sha256(read_file(item.path())), expected) << relative;
+      }
+    }
+  }
+
+  std::shared_ptr<SyncManager> manager_;
+  std::map<std::string, Json> entries_;
+
+ private:
+  void note(const char* what, double s) {
+    std::lock_guard<std::mutex> lock(mu_);
+    events_.push_back(std::string(what) + " " + std::to_string(s).substr(0, 4));
+  }
+  SleepFunction fixture_sleep_;
+  std::mutex mu_;
+  std::vector<std::string> events_;
+};
+
+// What IntegrityError said, and what its cause said.
+std::pair<std::string, std::string> integrity_failure(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const IntegrityError& e) {
+    std::string cause;
+    if (e.cause()) {
+      try {
+        std::rethrow_exception(e.cause());
+      } catch (const std::exception& inner) {
+        cause = inner.what();
+      }
+    }
+    return {e.what(), cause};
+  }
+  ADD_FAILURE() << "no IntegrityError";
+  return {};
+}
+
+TEST_F(Download, RequestsFollowTheChunkBoundaries) {
+  const std::string exact = numbered_bytes(1000), above = numbered_bytes(1001), unsized = numbered_bytes(2500);
+  publish("f/exact.bin", exact, "feature");
+  publish("f/above.bin", above);
+  publish("f/unsized.bin", unsized);
+  entries_["f/unsized.bin"].erase("size_bytes");
+
+  SyncResult result;
+  download("f/exact.bin", result);
+  download("f/above.bin", result);
+  download("f/unsized.bin", result);
+
+  EXPECT_EQ(ranges("f/exact.bin"), (std::vector<std::string>{""}));
+  EXPECT_EQ(ranges("f/above.bin"), (std::vector<std::string>{"bytes=0-999", "bytes=1000-1000"}));
+  EXPECT_EQ(ranges("f/unsized.bin"), (std::vector<std::string>{""}));
+  EXPECT_EQ(read_file(path("f/above.bin")), above);
+  EXPECT_EQ(read_file(path("f/unsized.bin")), unsized);
+  EXPECT_FALSE(path_exists(path("f/above.bin.tmp")));
+  EXPECT_EQ(result.bytes_downloaded, 1000 + 1001 + 2500);
+  EXPECT_EQ(result.features_downloaded, 1);
+  EXPECT_TRUE(events().empty());
+}
+
+TEST_F(Download, ACutConnectionResumesWhereTheBytesStopped) {
+  const std::string content = numbered_bytes(5000);
+  // A whole-file answer cut in the middle of the third chunk: the next
+  // attempt must rebuild the digest of the 2500 staged bytes, not refetch.
+  publish("cut/whole.bin", content);
+  store_.fault("/bucket/cut/whole.bin", {.cut_after_bytes = 2500, .ignore_range = true, .times = 1});
+  // A ranged answer cut short: the same attempt asks for the rest.
+  publish("cut/ranged.bin", content);
+  store_.fault("/bucket/cut/ranged.bin", {.cut_after_bytes = 300, .times = 1});
+
+  SyncResult result;
+  download("cut/whole.bin", result);
+  EXPECT_EQ(ranges("cut/whole.bin"),
+            (std::vector<std::string>{"bytes=0-999", "bytes=2500-3499", "bytes=3500-4499", "bytes=4500-4999"}));
+  EXPECT_EQ(events(), (std::vector<std::string>{"callback 0.25", "sleep 0.25"}));
+  EXPECT_EQ(result.bytes_downloaded, 5000);  // the resumed part counts too
+
+  download("cut/ranged.bin", result);
+  EXPECT_EQ(ranges("cut/ranged.bin"),
+            (std::vector<std::string>{"bytes=0-999", "bytes=300-1299", "bytes=1300-2299", "bytes=2300-3299",
+                                      "bytes=3300-4299", "bytes=4300-4999"}));
+  EXPECT_EQ(events().size(), 2u);
+  EXPECT_EQ(read_file(path("cut/whole.bin")), content);
+  EXPECT_EQ(read_file(path("cut/ranged.bin")), content);
+}
+
+TEST_F(Download, HalfRangesMoveOnByWhatCame) {
+  const std::string content = numbered_bytes(5000);
+  publish("half.bin", content);
+  store_.fault("/bucket/half.bin", {.half_range = true});
+
+  SyncResult result;
+  download("half.bin", result);
+  // Each request asks for a full chunk from where the last answer ended.
+  std::int64_t offset = 0;
+  for (const std::string& asked : ranges("half.bin")) {
+    const std::int64_t end = std::min<std::int64_t>(offset + 999, 4999);
+    EXPECT_EQ(asked, "bytes=" + std::to_string(offset) + "-" + std::to_string(end));
+    offset += std::max<std::int64_t>(1, (end - offset + 1) / 2);
+  }
+  EXPECT_EQ(offset, 5000);
+  EXPECT_EQ(read_file(path("half.bin")), content);
+  EXPECT_TRUE(events().empty());
+}
+
+TEST_F(Download, AWholeFileAnswerFromTheStartReplacesWhatWasStaged) {
+  const std::string big = numbered_bytes(5000), small = numbered_bytes(900);
+  publish("big.bin", big);
+  store_.fault("/bucket/big.bin", {.ignore_range = true});
+  // A small file resumed from a staging file longer than the file itself.
+  publish("small.bin", small);
+  write_file(path("small.bin.tmp"), std::string(950, 'x'));
+  store_.fault("/bucket/small.bin", {.ignore_range = true});
+
+  SyncResult result;
+  download("big.bin", result);
+  download("small.bin", result);
+  EXPECT_EQ(ranges("big.bin"), (std::vector<std::string>{"bytes=0-999"}));
+  EXPECT_EQ(ranges("small.bin"), (std::vector<std::string>{"bytes=950-"}));
+  EXPECT_EQ(read_file(path("big.bin")), big);
+  EXPECT_EQ(read_file(path("small.bin")), small);
+  EXPECT_EQ(result.bytes_downloaded, 5900);
+  EXPECT_TRUE(events().empty());
+}
+
+TEST_F(Download, AWholeFileAnswerMidFileIsAFailedAttempt) {
+  const std::string content = numbered_bytes(5000);
+  publish("mid.bin", content);
+  write_file(path("mid.bin.tmp"), content.substr(0, 2000));
+  store_.fault("/bucket/mid.bin", {.ignore_range = true, .times = 1});
+
+  SyncResult result;
+  download("mid.bin", result);
+  EXPECT_EQ(ranges("mid.bin"),
+            (std::vector<std::string>{"bytes=2000-2999", "bytes=2000-2999", "bytes=3000-3999", "bytes=4000-4999"}));
+  EXPECT_EQ(events(), (std::vector<std::string>{"callback 0.25", "sleep 0.25"}));
+  EXPECT_EQ(read_file(path("mid.bin")), content);
+  EXPECT_EQ(result.bytes_downloaded, 5000);
+}
+
+TEST_F(Download, WrongBytesEmptyTheStagingFileBeforeEachNewAttempt) {
+  const std::string content = numbered_bytes(3000);
+  publish("wrong.bin", content);
+  store_.fault("/bucket/wrong.bin", {.wrong_bytes = true});
+  SyncResult result;
+  const auto [message, cause] = integrity_failure([&] { download("wrong.bin", result); });
+  EXPECT_EQ(message, "Checksum failure for wrong.bin after 3 attempts: expected " + _sha256(content) +
+                         ", got " + _sha256(flipped(content)));
+  const std::vector<std::string> one_pass{"bytes=0-999", "bytes=1000-1999", "bytes=2000-2999"};
+  std::vector<std::string> three_passes;
+  for (int i = 0; i < 3; ++i) three_passes.insert(three_passes.end(), one_pass.begin(), one_pass.end());
+  EXPECT_EQ(ranges("wrong.bin"), three_passes);
+  // The last attempt never waits.
+  EXPECT_EQ(events(), (std::vector<std::string>{"callback 0.25", "sleep 0.25", "callback 0.50", "sleep 0.50"}));
+  EXPECT_FALSE(path_exists(path("wrong.bin")));
+  EXPECT_EQ(read_file(path("wrong.bin.tmp")), flipped(content));  // kept for inspection
+  EXPECT_EQ(result, SyncResult{});
+}
+
+TEST_F(Download, AnEmptyRangeIsRetried) {
+  const std::string content = numbered_bytes(2000);
+  publish("empty.bin", content);
+  store_.fault("/bucket/empty.bin", {.empty_206 = true, .times = 1});
+  SyncResult result;
+  download("empty.bin", result);
+  EXPECT_EQ(ranges("empty.bin"), (std::vector<std::string>{"bytes=0-999", "bytes=0-999", "bytes=1000-1999"}));
+  EXPECT_EQ(read_file(path("empty.bin")), content);
+  EXPECT_EQ(events(), (std::vector<std::string>{"callback 0.25", "sleep 0.25"}));
+
+  store_.fault("/bucket/empty.bin", {.empty_206 = true, .times = 1});
+  EXPECT_EQ(integrity_failure([&] { download("empty.bin", result, 1); }).second,
+            "Download failed for empty.bin: empty range 0-999");
+}
+
+TEST_F(Download, EveryFailureEndsAsIntegrityErrorAfterAllAttempts) {
+  publish("gone.bin", numbered_bytes(10));
+  store_.fault("/bucket/gone.bin", {.status = 404});
+  SyncResult result;
+  auto [message, cause] = integrity_failure([&] { download("gone.bin", result, 5); });
+  EXPECT_EQ(message, "Download failed for gone.bin after 5 attempts: Download failed for gone.bin: HTTP 404");
+  EXPECT_EQ(ranges("gone.bin").size(), 5u);
+  // Waits double up to one second.
+  EXPECT_EQ(events(), (std::vector<std::string>{"callback 0.25", "sleep 0.25", "callback 0.50", "sleep 0.50",
+                                                "callback 1.00", "sleep 1.00", "callback 1.00", "sleep 1.00"}));
+
+  // No retries asked for is still one attempt.
+  store_.clear_requests();
+  std::tie(message, cause) = integrity_failure([&] { download("gone.bin", result, -2); });
+  EXPECT_EQ(message, "Download failed for gone.bin after 1 attempts: Download failed for gone.bin: HTTP 404");
+  EXPECT_EQ(ranges("gone.bin").size(), 1u);
+  EXPECT_EQ(events().size(), 8u);
+
+  // Nothing listening: the transport's failure is the cause.
+  Json entry = entries_["gone.bin"];
+  entry["base_url"] = "https://127.0.0.1:" + std::to_string(testing::unused_loopback_port()) + "/bucket";
+  try {
+    manager_->_download_file("gone.bin", entry, result, 2);
+    ADD_FAILURE() << "no failure";
+  } catch (const IntegrityError& e) {
+    EXPECT_EQ(std::string(e.what()).rfind("Download failed for gone.bin after 2 attempts: ", 0), 0u);
+    EXPECT_THROW(std::rethrow_exception(e.cause()), ConnectionError);
+  }
+  EXPECT_EQ(result, SyncResult{});
+}
+
+TEST_F(Download, AShortFileIsRefusedOnlyWhenTheLastAttemptResumedAndGrew) {
+  const std::string content = numbered_bytes(900);
+  // Every answer ends after 200 bytes.
+  publish("short.bin", content);
+  store_.fault("/bucket/short.bin", {.cut_after_bytes = 200});
+  SyncResult result;
+  auto [message, cause] = integrity_failure([&] { download("short.bin", result); });
+  EXPECT_EQ(message, "Download failed for short.bin after 3 attempts: "
+                     "Incomplete download for short.bin after 3 attempts: got 600 bytes, expected 900");
+  EXPECT_EQ(ranges("short.bin"), (std::vector<std::string>{"", "bytes=200-", "bytes=400-"}));
+  EXPECT_EQ(read_file(path("short.bin.tmp")), content.substr(0, 600));
+
+  // A single attempt from nothing leaves the verdict to the digest...
+  remove_file(path("short.bin.tmp"));
+  std::tie(message, cause) = integrity_failure([&] { download("short.bin", result, 1); });
+  EXPECT_EQ(message, "Checksum failure for short.bin after 1 attempts: expected " + _sha256(content) + ", got " +
+                         _sha256(content.substr(0, 200)));
+  EXPECT_EQ(result, SyncResult{});
+
+  // ...and without a digest the short file is taken.
+  remove_file(path("short.bin.tmp"));
+  entries_["short.bin"]["sha256"] = "";
+  download("short.bin", result, 1);
+  EXPECT_EQ(read_file(path("short.bin")), content.substr(0, 200));
+  EXPECT_EQ(result.bytes_downloaded, 200);
+}
+
+TEST_F(Download, TheBaseUrlComesFromTheEntryThenTheManifest) {
+  const std::string content = numbered_bytes(50);
+  publish("where.bin", content);
+  testing::TestServer elsewhere;
+  Json& entry = entries_["where.bin"];
+  entry["base_url"] = elsewhere.base_url() + "/bucket";  // would 404
+  entry["_manifest_base_url"] = base_url();
+  SyncResult result;
+  download("where.bin", result);
+  EXPECT_EQ(elsewhere.requests().size(), 0u);
+
+  remove_file(path("where.bin"));
+  entry.erase("_manifest_base_url");
+  entry["base_url"] = "";
+  Json m = manifest(1, 1);
+  manager_->_manifest.store(std::make_shared<Manifest>(m));
+  download("where.bin", result);
+  EXPECT_EQ(read_file(path("where.bin")), content);
+  EXPECT_EQ(store_.request_count("/bucket/where.bin"), 2u);
+}
+
+TEST_F(Download, AnotherTargetDirectoryReceivesTheFile) {
+  const std::string content = numbered_bytes(2500);
+  publish("staged/f.bin", content, "feature");
+  testing::TempDir other;
+  SyncResult result;
+  download("staged/f.bin", result, 3, other.path());
+  EXPECT_EQ(read_file(other / "staged/f.bin"), content);
+  EXPECT_FALSE(path_exists(path("staged/f.bin")));
+  EXPECT_FALSE(path_exists(other / "staged/f.bin.tmp"));
+  EXPECT_EQ(result.bytes_downloaded, 2500);
+  EXPECT_EQ(result.features_downloaded, 1);
+  expect_final_files_match_their_entries(other.path());
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

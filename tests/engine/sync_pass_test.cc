@@ -1,0 +1,258 @@
+#include <gtest/gtest.h>
+
+#include "sync/errors.h"
+#include "sync/support/posix_file.h"
+#include "tests/support/sync_fixture.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::Fault;
+
+class SyncPass : public testing::SyncFixture {
+ protected:
+  std::size_t api_requests(const std::string& path) { return api_.request_count(path); }
+  std::string manifest_on_disk() { return read_file(path("manifest.json")); }
+};
+
+TEST_F(SyncPass, FirstPassMirrorsTheEraAndWritesTheExactManifestText) {
+  Json files = Json::object();
+  files["features/a/x.arrow"] = store_file("features/a/x.arrow", "feature bytes", "feature");
+  files["named_universes/u.json"] = store_file("named_universes/u.json", "{\"u\": \"\xc3\xa9\"}");
+  files["useful_signals/r/g/signal_os/s.bin"] = store_file("useful_signals/r/g/signal_os/s.bin", "sig");
+  Json m = manifest(4, 10, files);
+  m["pnl_column_count"] = 3;
+  m["note"] = "caf\xc3\xa9";  // keys the component does not read stay
+  publish(m);
+
+  auto manager = make_manager();
+  const SyncResult result = manager->sync();
+
+  EXPECT_EQ(manifest_on_disk(), json_text(m));
+  EXPECT_EQ(read_file(path("features/a/x.arrow")), "feature bytes");
+  EXPECT_EQ(read_file(path("useful_signals/r/g/signal_os/s.bin")), "sig");
+  EXPECT_EQ(result.era_id, 4);
+  EXPECT_EQ(result.pnl_column_count, 3);
+  EXPECT_EQ(result.features_downloaded, 1);
+  std::int64_t total = 0;
+  for (const auto& [p, entry] : files.items()) total += entry["size_bytes"].get<std::int64_t>();
+  EXPECT_EQ(result.bytes_downloaded, total);
+  EXPECT_EQ(result.n_features, 1);
+  EXPECT_EQ(result.useful_signals_downloaded, 1);
+  EXPECT_EQ(result.n_useful_signals, 1);
+  ASSERT_TRUE(manager->get_manifest());
+  EXPECT_EQ(manager->get_manifest()->version, 10);
+  EXPECT_FALSE(path_exists(path(".sync_flock")));
+}
+
+TEST_F(SyncPass, AnUnchangedEraCostsOneRequest) {
+  Json files = Json::object();
+  files["features/a.bin"] = store_file("features/a.bin", "aaaa", "feature");
+  publish(manifest(2, 5, files));
+  auto manager = make_manager();
+  manager->sync();
+  api_.clear_requests();
+  store_.clear_requests();
+
+  const SyncResult again = manager->sync();
+  EXPECT_EQ(api_.requests().size(), 1u);
+  EXPECT_EQ(api_requests("/data/manifest/version"), 1u);
+  EXPECT_TRUE(store_.requests().empty());
+  EXPECT_EQ(again.era_id, 2);
+  EXPECT_EQ(again.n_features, 1);
+  EXPECT_EQ(again.features_downloaded, 0);
+}
+
+TEST_F(SyncPass, AVersionBumpFetchesTheManifestAndTheNewFile) {
+  Json files = Json::object();
+  files["features/a.bin"] = store_file("features/a.bin", "old", "feature");
+  publish(manifest(2, 5, files));
+  auto manager = make_manager();
+  manager->sync();
+
+  files["features/b.bin"] = store_file("features/b.bin", "new file", "feature");
+  publish(manifest(2, 6, files));
+  store_.clear_requests();
+  const SyncResult result = manager->sync();
+  EXPECT_EQ(api_requests("/data/manifest"), 2u);
+  EXPECT_EQ(read_file(path("features/b.bin")), "new file");
+  EXPECT_EQ(store_.request_count("/bucket/features/a.bin"), 0u);  // tracked and unchanged
+  EXPECT_EQ(result.features_downloaded, 1);
+  EXPECT_EQ(manager->get_manifest()->version, 6);
+}
+
+TEST_F(SyncPass, AnotherErasManifestEndsThePassAndChangesNothing) {
+  publish(manifest(2, 5));
+  auto manager = make_manager();
+  manager->sync();
+  const std::string before = manifest_on_disk();
+  const auto manifest_before = manager->get_manifest();
+
+  // A version document that still names the old era lets the manifest speak.
+  publish(manifest(3, 6), Json{{"version", 6}, {"era_id", 2}});
+  try {
+    manager->sync();
+    FAIL() << "expected EraError";
+  } catch (const EraError& e) {
+    EXPECT_STREQ(e.what(), "Era mismatch: local era_id=2, server era_id=3");
+  }
+  EXPECT_EQ(manifest_on_disk(), before);
+  EXPECT_EQ(manager->get_manifest(), manifest_before);
+
+  // Equal versions but another era in the probe: the gate refuses at once.
+  publish(manifest(3, 5));
+  api_.clear_requests();
+  EXPECT_THROW(manager->sync(), EraError);
+  EXPECT_EQ(api_requests("/data/manifest"), 0u);
+}
+
+TEST_F(SyncPass, ARefusedLoginEndsThePassOnEitherEndpoint) {
+  publish(manifest(1, 1));
+  api_.fault("/data/manifest/version", Fault{.status = 401, .body = "no"});
+  auto manager = make_manager();
+  try {
+    manager->sync();
+    FAIL() << "expected AuthError";
+  } catch (const AuthError& e) {
+    EXPECT_STREQ(e.what(), "Authentication failed: HTTP 401");
+  }
+  EXPECT_EQ(api_requests("/data/manifest"), 0u);
+
+  api_.clear_faults();
+  api_.fault("/data/manifest", Fault{.status = 401});
+  EXPECT_THROW(manager->sync(), AuthError);
+  api_.fault("/data/manifest", Fault{.status = 500});
+  try {
+    manager->sync();
+    FAIL() << "expected SyncError";
+  } catch (const SyncError& e) {
+    EXPECT_STREQ(e.what(), "Failed to fetch manifest: HTTP 500");
+  }
+  EXPECT_FALSE(path_exists(path("manifest.json")));
+  EXPECT_FALSE(path_exists(path(".sync_flock")));  // released on the way out
+}
+
+TEST_F(SyncPass, AManifestThatIsNotJsonIsAManifestError) {
+  publish(manifest(1, 1));
+  api_.put("/data/manifest", "{not json");
+  auto manager = make_manager();
+  try {
+    manager->sync();
+    FAIL() << "expected ManifestError";
+  } catch (const ManifestError& e) {
+    EXPECT_TRUE(std::string(e.what()).starts_with("Invalid manifest JSON: ")) << e.what();
+  }
+  // Bytes that are not UTF-8 fail as a decoding failure, not as bad JSON.
+  api_.put("/data/manifest", "{\"era_id\": \"\xff\"}");
+  EXPECT_THROW(manager->sync(), ValueError);
+  // JSON that is no object fails at the first filter.
+  api_.put("/data/manifest", "[1, 2]");
+  EXPECT_THROW(manager->sync(), TypeError);
+  EXPECT_FALSE(path_exists(path("manifest.json")));
+}
+
+TEST_F(SyncPass, DeclarationsAndRetiredFilesNeverReachTheDisk) {
+  Json files = Json::object();
+  files["features/a.bin"] = store_file("features/a.bin", "a");
+  files["bundle/agent.pxd"] = store_file("bundle/agent.pxd", "decl");
+  files["bundle/v.bin"] = store_file("bundle/v.bin", "v", "vault_declaration");
+  files["found_signals/a/b/c/pnl_long.arrow"] = store_file("found_signals/a/b/c/pnl_long.arrow", "old");
+  publish(manifest(1, 1, files));
+  auto manager = make_manager();
+  manager->sync();
+
+  Json expected = manifest(1, 1);
+  expected["files"]["features/a.bin"] = files["features/a.bin"];
+  EXPECT_EQ(manifest_on_disk(), json_text(expected));
+  EXPECT_FALSE(path_exists(path("bundle/agent.pxd")));
+  EXPECT_FALSE(path_exists(path("found_signals/a/b/c/pnl_long.arrow")));
+  EXPECT_EQ(store_.request_count("/bucket/bundle/agent.pxd"), 0u);
+}
+
+TEST_F(SyncPass, TheProbeIsOnlyAHint) {
+  publish(manifest(1, 3));
+  auto manager = make_manager();
+  manager->sync();
+
+  // Not found: silent, and the manifest decides.
+  api_.fault("/data/manifest/version", Fault{.status = 404});
+  log_.clear();
+  manager->sync();
+  EXPECT_EQ(log_.count_at(LogLevel::warning), 0u);
+  EXPECT_EQ(api_requests("/data/manifest"), 2u);
+
+  // Unparseable: a debug line, and the manifest decides.
+  api_.clear_faults();
+  api_.put("/data/manifest/version", "{\"version\": \"three\"}");
+  manager->sync();
+  EXPECT_EQ(log_.count_at(LogLevel::debug), 1u);
+  EXPECT_EQ(api_requests("/data/manifest"), 3u);
+
+  // A version without an era keeps the gate shut.
+  api_.put("/data/manifest/version", "{\"version\": 3}");
+  manager->sync();
+  EXPECT_EQ(api_requests("/data/manifest"), 4u);
+}
+
+TEST_F(SyncPass, ADamagedFileTurnsTheFastPathIntoARepair) {
+  Json files = Json::object();
+  files["features/a.bin"] = store_file("features/a.bin", "good bytes", "feature");
+  publish(manifest(1, 1, files));
+  auto manager = make_manager();
+  manager->sync();
+  write_file(path("features/a.bin"), "bad bytes!");
+  log_.clear();
+
+  manager->sync();
+  EXPECT_EQ(read_file(path("features/a.bin")), "good bytes");
+  EXPECT_EQ(log_.count(LogLevel::warning,
+                       "Manifest version matched but local metadata needs repair: "
+                       "Manifest version matched but local data files need repair"),
+            1u);
+  EXPECT_EQ(log_.count(LogLevel::warning, "Manifest version matched but local data files need repair"), 1u);
+  EXPECT_EQ(log_.count(LogLevel::warning,
+                       "Manifest-tracked local file failed integrity check; re-downloading: features/a.bin"),
+            1u);
+}
+
+TEST_F(SyncPass, AnOlderServerVersionIsTakenWhenTheFilesFitIt) {
+  publish(manifest(1, 9));
+  auto manager = make_manager();
+  manager->sync();
+  Json older = manifest(1, 7);
+  older["extra"] = true;
+  publish(older);
+  const SyncResult result = manager->sync();
+  EXPECT_EQ(manager->get_manifest()->version, 7);
+  EXPECT_EQ(manifest_on_disk(), json_text(older));
+  EXPECT_EQ(result, SyncResult{.era_id = 1});
+}
+
+TEST_F(SyncPass, StaleTemporaryFilesGoFirst) {
+  make_dirs(path("features/deep/er"));
+  write_file(path("features/deep/er/x.bin.tmp"), "left by a crash");
+  write_file(path("keep.bin"), "not temporary");
+  publish(manifest(1, 1));
+  make_manager()->sync();
+  EXPECT_FALSE(path_exists(path("features/deep/er/x.bin.tmp")));
+  EXPECT_TRUE(path_exists(path("keep.bin")));
+}
+
+TEST_F(SyncPass, NotEnoughDiskSpaceRefusesBeforeAnyDownload) {
+  Json files = Json::object();
+  files["features/huge.bin"] = store_file("features/huge.bin", "x");
+  files["features/huge.bin"]["size_bytes"] = std::int64_t{1} << 60;  // an exabyte
+  publish(manifest(1, 1, files));
+  try {
+    make_manager()->sync();
+    FAIL() << "expected DiskSpaceError";
+  } catch (const DiskSpaceError& e) {
+    EXPECT_TRUE(std::string(e.what()).starts_with("Insufficient disk space: need 1152921504606846976 bytes, have "))
+        << e.what();
+  }
+  EXPECT_TRUE(store_.requests().empty());
+  EXPECT_FALSE(path_exists(path("manifest.json")));
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

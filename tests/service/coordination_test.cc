@@ -1,0 +1,230 @@
+// request_for_sync and its sharing of one pass, the found-file listing it
+// returns, and the era callbacks.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "sync/paths/manifest_paths.h"
+#include "sync/support/posix_file.h"
+#include "tests/support/sync_fixture.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::Fault;
+using testing::SyncFixture;
+
+bool wait_until(const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+template <typename F>
+std::string state_error_of(F&& f) {
+  try {
+    f();
+  } catch (const StateError& e) {
+    return e.what();
+  } catch (const std::exception& e) {
+    return std::string("other failure: ") + e.what();
+  }
+  return "no failure";
+}
+
+const char* const kTransitionMessage = "Sync is in era transition mode \xE2\x80\x94 request_for_sync rejected";
+
+class Coordination : public SyncFixture {
+ protected:
+  // Writes `bytes` at manifest path `rel` and returns a matching entry.
+  Json local_file(const std::string& rel, const std::string& bytes, const std::string& kind) {
+    make_dirs(dir_name(path(rel)));
+    write_file(path(rel), bytes);
+    return {{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}, {"kind", kind}};
+  }
+  std::string local(const std::string& rel) const { return _manifest_local_path(dir_.path(), rel); }
+
+  // A started manager with `in_force` on disk. The version document names
+  // that version and no era, so polls never find work while every pass
+  // still fetches `served` from /data/manifest.
+  std::shared_ptr<SyncManager> running_manager(const Json& in_force, const Json& served) {
+    _write_manifest_json(dir_.path(), in_force);
+    publish(served, Json{{"version", in_force["version"]}});
+    auto m = make_manager();
+    m->start();
+    return m;
+  }
+};
+
+TEST_F(Coordination, RequestForSyncIsRefusedOutsideAPollingManager) {
+  auto idle = make_manager();
+  EXPECT_EQ(state_error_of([&] { idle->request_for_sync(); }),
+            "Sync thread is not running. Call start() or acquire() first.");
+  // The transition test comes first.
+  write_file(path(".transition_lock"), "4242");
+  EXPECT_EQ(state_error_of([&] { idle->request_for_sync(); }), kTransitionMessage);
+
+  auto m = running_manager(manifest(1, 1), manifest(1, 2));
+  EXPECT_EQ(state_error_of([&] { m->request_for_sync(); }), kTransitionMessage);
+  remove_file(path(".transition_lock"));
+  m->_in_transition = true;
+  EXPECT_EQ(state_error_of([&] { m->request_for_sync(); }), kTransitionMessage);
+  m->_in_transition = false;
+  EXPECT_EQ(api_.request_count("/data/manifest"), 0u);
+  m->stop();
+}
+
+TEST_F(Coordination, ConcurrentRequestsShareOnePass) {
+  const std::string rel = "found_signals/a/b/c/pnl.arrow";
+  Json files = Json::object();
+  files[rel] = local_file(rel, "signal", "found_signal_is_pnl");
+  auto m = running_manager(manifest(1, 1), manifest(1, 2, files));
+  api_.fault("/data/manifest", Fault{.delay_before_head_s = 0.5});
+
+  std::vector<std::string> first;
+  std::string first_failure;
+  std::jthread caller([&] {
+    try {
+      first = m->request_for_sync();
+    } catch (const std::exception& e) {
+      first_failure = e.what();
+    }
+  });
+  ASSERT_TRUE(wait_until([&] { return api_.request_count("/data/manifest") == 1; }));
+  const std::vector<std::string> second = m->request_for_sync();  // joins the pass under way
+  caller.join();
+  const std::vector<std::string> expected = {local(rel)};
+  EXPECT_EQ(first_failure, "");
+  EXPECT_EQ(first, expected);
+  EXPECT_EQ(second, expected);  // as the list stands after the shared pass
+  EXPECT_EQ(api_.request_count("/data/manifest"), 1u);
+  EXPECT_EQ(m->get_manifest()->version, 2);
+  m->stop();
+}
+
+TEST_F(Coordination, AFailedPassReachesItsCallerWhileAWaiterGetsTheList) {
+  const std::string rel = "found_strategies/s/t/u/pnl.arrow";
+  Json files = Json::object();
+  files[rel] = local_file(rel, "strategy", "found_strategy_is_pnl");
+  auto m = running_manager(manifest(1, 1, files), manifest(1, 2, files));
+  api_.fault("/data/manifest", Fault{.status = 500, .delay_before_head_s = 0.5, .times = 1});
+
+  std::string first_failure = "no failure";
+  std::jthread caller([&] {
+    try {
+      m->request_for_sync();
+    } catch (const SyncError& e) {
+      first_failure = e.what();
+    }
+  });
+  ASSERT_TRUE(wait_until([&] { return api_.request_count("/data/manifest") == 1; }));
+  const std::vector<std::string> waited = m->request_for_sync();
+  caller.join();
+  EXPECT_EQ(first_failure, "Failed to fetch manifest: HTTP 500");
+  EXPECT_EQ(waited, std::vector<std::string>{local(rel)});
+
+  // Nothing of the failed pass is left to wait on: the next call runs its own.
+  EXPECT_EQ(m->request_for_sync(), std::vector<std::string>{local(rel)});
+  EXPECT_EQ(api_.request_count("/data/manifest"), 2u);
+  EXPECT_EQ(m->get_manifest()->version, 2);
+  m->stop();
+}
+
+TEST_F(Coordination, FoundFilePathsAreNewestFirstAndOnDiskOnly) {
+  EXPECT_TRUE(make_manager()->_get_found_file_paths().empty());  // no manifest
+
+  struct Entry {
+    const char* rel;
+    const char* kind;
+    std::int64_t mtime_s;  // 0: not on disk
+  };
+  const Entry entries[] = {
+      {"found_signals/a/b/c/pnl.arrow", "found_signal_is_pnl", 100},
+      {"found_strategies/s/t/u/pnl.arrow", "found_strategy_is_pnl", 300},
+      {"found_signals/d/e/f/pnl.arrow", "found_signal_is_pnl", 200},
+      {"found_signals/g/h/i/pnl.arrow", "found_signal_is_pnl", 200},
+      {"found_signals/x/y/z/pnl.arrow", "found_signal_is_pnl", 0},
+      {"features/u/a.bin", "feature", 900},
+      {"found_signals/j/k/l/meta.json", "", 900},
+  };
+  Json files = Json::object();
+  for (const Entry& e : entries) {
+    files[e.rel] = {{"sha256", "00"}};
+    if (*e.kind) files[e.rel]["kind"] = e.kind;
+    if (!e.mtime_s) continue;
+    local_file(e.rel, "x", e.kind);
+    const timespec times[2] = {{e.mtime_s, 0}, {e.mtime_s, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path(e.rel).c_str(), times, 0), 0);
+  }
+  _write_manifest_json(dir_.path(), manifest(1, 1, files));
+  // Equal times keep manifest order.
+  EXPECT_EQ(make_manager()->_get_found_file_paths(),
+            (std::vector<std::string>{local("found_strategies/s/t/u/pnl.arrow"), local("found_signals/d/e/f/pnl.arrow"),
+                                      local("found_signals/g/h/i/pnl.arrow"), local("found_signals/a/b/c/pnl.arrow")}));
+}
+
+class EraCallbacks : public SyncFixture {
+ protected:
+  SyncManager::EraCallback recorder(const std::string& name) {
+    return std::make_shared<const SyncManager::EraCallbackFn>([this, name](const std::string& event, std::int64_t era) {
+      calls_.push_back(name + ":" + event + ":" + std::to_string(era));
+    });
+  }
+  std::vector<std::string> calls_;
+};
+
+TEST_F(EraCallbacks, EachRegistrationIsCalledAndUnregisterRemovesTheFirst) {
+  auto m = make_manager();
+  const auto a = recorder("a");
+  const auto b = recorder("b");
+  m->register_era_callback(a);
+  m->register_era_callback(b);
+  m->register_era_callback(a);
+  m->_notify_era_callbacks("abort", 7);
+  EXPECT_EQ(calls_, (std::vector<std::string>{"a:abort:7", "b:abort:7", "a:abort:7"}));
+
+  calls_.clear();
+  m->unregister_era_callback(a);
+  m->unregister_era_callback(recorder("a"));  // a different callable: no entry is its own
+  m->_notify_era_callbacks("restart", 8);
+  EXPECT_EQ(calls_, (std::vector<std::string>{"b:restart:8", "a:restart:8"}));
+}
+
+TEST_F(EraCallbacks, AFailingCallbackIsLoggedAndTheRestStillRun) {
+  auto m = make_manager();
+  m->register_era_callback(recorder("first"));
+  m->register_era_callback(std::make_shared<const SyncManager::EraCallbackFn>(
+      [](const std::string&, std::int64_t) { throw RuntimeError("listener broke"); }));
+  m->register_era_callback(recorder("last"));
+  EXPECT_NO_THROW(m->_notify_era_callbacks("kill", 3));
+  EXPECT_EQ(calls_, (std::vector<std::string>{"first:kill:3", "last:kill:3"}));
+  EXPECT_EQ(log_.count(LogLevel::warning, "Era callback failed (kill): listener broke"), 1u);
+  EXPECT_EQ(log_.count_at(LogLevel::warning), 1u);
+}
+
+TEST_F(EraCallbacks, ACallbackMayChangeTheListForTheNextNotification) {
+  auto m = make_manager();
+  const auto late = recorder("late");
+  SyncManager::EraCallback self;
+  self = std::make_shared<const SyncManager::EraCallbackFn>([&](const std::string& event, std::int64_t era) {
+    calls_.push_back("self:" + event + ":" + std::to_string(era));
+    m->unregister_era_callback(self);
+    m->register_era_callback(late);
+  });
+  m->register_era_callback(self);
+  m->_notify_era_callbacks("kill", 1);
+  EXPECT_EQ(calls_, std::vector<std::string>{"self:kill:1"});
+  m->_notify_era_callbacks("restart", 1);
+  EXPECT_EQ(calls_, (std::vector<std::string>{"self:kill:1", "late:restart:1"}));
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

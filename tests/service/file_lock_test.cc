@@ -1,0 +1,179 @@
+// The lock that serialises writing passes: across real processes through
+// flock(2), and between threads of one process through the owner-aware lock.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include "sync/support/posix_file.h"
+#include "tests/support/sync_fixture.h"
+
+extern char** environ;
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::SyncFixture;
+using testing::TempDir;
+
+// The helper process that holds the lock; killed if a test leaves it running.
+class Holder {
+ public:
+  Holder(const std::string& data_dir, const std::string& server_url, const std::string& signals) {
+    std::vector<std::string> args = {QMSYNC_FLOCK_HOLDER, data_dir, server_url, signals};
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    spawn_error_ = ::posix_spawn(&pid_, QMSYNC_FLOCK_HOLDER, nullptr, nullptr, argv.data(), environ);
+  }
+  ~Holder() {
+    if (running()) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+  }
+  Holder(const Holder&) = delete;
+  Holder& operator=(const Holder&) = delete;
+
+  int spawn_error() const { return spawn_error_; }
+  // Waits for `file` to appear while the helper lives.
+  bool wait_for(const std::string& file) {
+    for (int i = 0; i < 2000; ++i) {
+      if (path_exists(file)) return true;
+      if (!running()) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+  }
+  // The exit status, or -1 when the helper did not exit normally.
+  int wait_exit() {
+    if (!reaped_) {
+      ::waitpid(pid_, &status_, 0);
+      reaped_ = true;
+    }
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+  }
+
+ private:
+  bool running() {
+    if (reaped_ || spawn_error_ != 0) return false;
+    if (::waitpid(pid_, &status_, WNOHANG) == pid_) reaped_ = true;
+    return !reaped_;
+  }
+  pid_t pid_ = -1;
+  int spawn_error_ = 0;
+  int status_ = 0;
+  bool reaped_ = false;
+};
+
+// Whether a descriptor of our own can take the lock on `path` right now.
+bool lockable(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY);
+  if (fd < 0) return true;
+  const bool taken = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+  const int error = errno;
+  ::close(fd);
+  EXPECT_TRUE(taken || error == EWOULDBLOCK) << error;
+  return taken;
+}
+
+class FileLock : public SyncFixture {};
+
+TEST_F(FileLock, APassWaitsForAnotherProcessToRelease) {
+  publish(manifest(1, 1));
+  TempDir signals;
+  Holder holder(dir_.path(), api_.base_url(), signals.path());
+  ASSERT_EQ(holder.spawn_error(), 0);
+  ASSERT_TRUE(holder.wait_for(signals / "held"));
+  EXPECT_FALSE(lockable(path(".sync_flock")));
+
+  auto m = make_manager();
+  std::atomic<bool> done{false};
+  bool holder_had_let_go = false;
+  std::string failure;
+  std::jthread pass([&] {
+    try {
+      m->sync();
+      holder_had_let_go = path_exists(signals / "released");
+    } catch (const std::exception& e) {
+      failure = e.what();
+    }
+    done = true;
+  });
+  // Time for a lock that excludes nothing to let the pass through early.
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(done.load());
+  write_file(signals / "release", "");
+  pass.join();
+  EXPECT_EQ(failure, "");
+  EXPECT_TRUE(holder_had_let_go);
+  EXPECT_EQ(holder.wait_exit(), 0);
+  EXPECT_TRUE(path_exists(path("manifest.json")));
+  EXPECT_FALSE(path_exists(path(".sync_flock")));
+}
+
+TEST_F(FileLock, NestedAcquireGivesTheFileLockUpAtTheFirstRelease) {
+  auto m = make_manager();
+  m->_acquire_flock();
+  m->_acquire_flock();
+  EXPECT_FALSE(lockable(path(".sync_flock")));
+  m->_release_flock();
+  EXPECT_FALSE(path_exists(path(".sync_flock")));
+  EXPECT_FALSE(m->_flock_fd.has_value());
+  EXPECT_TRUE(m->_flock_lock.held_by_this_thread());
+
+  // Other threads still wait until the second release balances the first acquire.
+  std::atomic<bool> second_released{false};
+  bool waited = false;
+  std::jthread other([&] {
+    m->_acquire_flock();
+    waited = second_released.load();
+    m->_release_flock();
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  second_released = true;
+  m->_release_flock();
+  other.join();
+  EXPECT_TRUE(waited);
+  EXPECT_FALSE(m->_flock_lock.held_by_this_thread());
+  EXPECT_FALSE(path_exists(path(".sync_flock")));
+}
+
+TEST_F(FileLock, ReleaseByAThreadThatNeverAcquiredIsHarmless) {
+  auto m = make_manager();
+  EXPECT_NO_THROW(m->_release_flock());  // nobody holds anything
+  m->_acquire_flock();
+  std::jthread([&] { EXPECT_NO_THROW(m->_release_flock()); }).join();
+  EXPECT_TRUE(m->_flock_fd.has_value());
+  EXPECT_TRUE(m->_flock_lock.held_by_this_thread());
+  EXPECT_FALSE(lockable(path(".sync_flock")));
+  m->_release_flock();
+  EXPECT_FALSE(path_exists(path(".sync_flock")));
+}
+
+TEST_F(FileLock, FailedAcquireLeavesNothingHeld) {
+  const std::string data = path("data");
+  make_dirs(data);
+  auto m = SyncManager::create(data, api_.base_url(), [] { return std::string("t"); });
+  ASSERT_EQ(::rmdir(data.c_str()), 0);
+  EXPECT_THROW(m->_acquire_flock(), FileNotFoundError);
+  EXPECT_FALSE(m->_flock_fd.has_value());
+  ASSERT_FALSE(m->_flock_lock.held_by_this_thread());
+  make_dirs(data);
+  std::jthread([&] {
+    m->_acquire_flock();
+    m->_release_flock();
+  }).join();
+  EXPECT_FALSE(path_exists(data + "/.sync_flock"));
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

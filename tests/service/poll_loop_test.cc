@@ -1,0 +1,192 @@
+// The poll thread: start and stop, the sweep on stop, the cheap check that
+// decides whether a pass is due, and a failing pass inside the loop.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "sync/support/posix_file.h"
+#include "tests/support/sync_fixture.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::Fault;
+using testing::SyncFixture;
+using testing::TempDir;
+using testing::TestServer;
+
+// Polls `done` until it holds or ten seconds pass; says whether it held.
+bool wait_until(const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+class PollLoop : public SyncFixture {
+ protected:
+  bool manifest_on_disk() const { return path_exists(path("manifest.json")); }
+};
+
+TEST_F(PollLoop, StartTwiceIsRefusedAndTheThreadRunsOn) {
+  publish(manifest(1, 1));
+  auto m = make_manager();
+  EXPECT_FALSE(m->is_alive());
+  m->start();
+  const auto thread = m->_sync_thread.load();
+  ASSERT_NE(thread, nullptr);
+  try {
+    m->start();
+    ADD_FAILURE() << "second start was accepted";
+  } catch (const StateError& e) {
+    EXPECT_STREQ(e.what(), "SyncManager already running");
+  }
+  EXPECT_EQ(m->_sync_thread.load(), thread);
+  EXPECT_TRUE(m->is_alive());
+  m->stop();
+  EXPECT_FALSE(m->is_alive());
+  EXPECT_EQ(m->_sync_thread.load(), nullptr);
+  EXPECT_FALSE(m->_running.load());
+  EXPECT_FALSE(thread->is_alive());
+}
+
+TEST_F(PollLoop, PollsAtOnceOnStartAndAgainAfterARestart) {
+  publish(manifest(1, 5));
+  auto m = make_manager(600.0);  // a poll that waited one interval would never come here
+  m->start();
+  ASSERT_TRUE(wait_until([&] { return manifest_on_disk(); }));
+  m->stop();
+  EXPECT_EQ(m->get_manifest()->version, 5);
+
+  publish(manifest(1, 6));
+  m->start();
+  EXPECT_TRUE(wait_until([&] { return m->get_manifest()->version == 6; }));
+  m->stop();
+}
+
+TEST_F(PollLoop, StopOnAnIdleManagerIsSilentAndSweepsNothing) {
+  write_file(path("left.tmp"), "x");
+  auto m = make_manager();
+  m->stop();
+  EXPECT_TRUE(log_.records().empty());
+  EXPECT_TRUE(path_exists(path("left.tmp")));
+}
+
+TEST_F(PollLoop, StopSweepsTmpFilesAtAnyDepth) {
+  publish(manifest(1, 1));
+  auto m = make_manager();
+  m->start();
+  // Once manifest.json is written, the pass's own sweep lies behind it.
+  ASSERT_TRUE(wait_until([&] { return manifest_on_disk(); }));
+  make_dirs(path("features/u"));
+  for (const char* name : {"a.tmp", "features/u/b.tmp", "features/c.tmp", "a.tmpx", "tmp", "d.tmp.bak"}) {
+    write_file(path(name), "x");
+  }
+  m->stop();
+  for (const char* gone : {"a.tmp", "features/u/b.tmp", "features/c.tmp"}) {
+    EXPECT_FALSE(path_exists(path(gone))) << gone;
+  }
+  for (const char* kept : {"a.tmpx", "tmp", "d.tmp.bak", "manifest.json"}) {
+    EXPECT_TRUE(path_exists(path(kept))) << kept;
+  }
+}
+
+TEST_F(PollLoop, StopWaitsForAPassRunOnAnotherThread) {
+  publish(manifest(1, 2));
+  api_.fault("/data/manifest", Fault{.delay_before_head_s = 0.5});
+  auto m = make_manager();
+  std::string foreground_failure;
+  std::jthread foreground([&] {
+    try {
+      m->sync();
+    } catch (const std::exception& e) {
+      foreground_failure = e.what();
+    }
+  });
+  ASSERT_TRUE(wait_until([&] { return api_.request_count("/data/manifest") == 1; }));
+  m->start();  // its first poll finds the pass lock taken and skips
+  m->stop();
+  EXPECT_TRUE(manifest_on_disk());  // the foreground pass had finished
+  foreground.join();
+  EXPECT_EQ(foreground_failure, "");
+}
+
+TEST_F(PollLoop, NeedsSyncIsFalseOnlyOnPositiveAgreement) {
+  make_dirs(path("features/u"));
+  write_file(path("features/u/a.bin"), "abc");
+  Json files = Json::object();
+  files["features/u/a.bin"] = {{"size_bytes", 3}, {"sha256", _sha256("abc")}, {"kind", "feature"}};
+  _write_manifest_json(dir_.path(), manifest(1, 3, files));
+  const std::string digest = _sha256(read_file(path("manifest.json")));
+  const std::string wrong(64, '0');
+  auto m = make_manager();
+  const std::string nobody = "https://127.0.0.1:" + std::to_string(testing::unused_loopback_port());
+  auto unreachable = SyncManager::create(dir_.path(), nobody, [] { return std::string("t"); });
+  auto with = [](Json doc) {
+    doc["era_id"] = 1;
+    return doc;
+  };
+  auto check = [&](const Json& doc, bool expected) {
+    SCOPED_TRACE(doc.dump());
+    publish(manifest(1, 3), doc);
+    EXPECT_EQ(m->needs_sync(), expected);
+  };
+  check(with({{"version", 3}}), false);
+  check(with({{"version", 3}, {"manifest_sha256", digest}}), false);
+  check(with({{"version", 3}, {"manifest_sha256", wrong}}), true);
+  check(with({{"version", 3}, {"manifest_sha256", ""}, {"sha256", digest}}), false);
+  check(with({{"version", 3}, {"manifest_sha256", ""}, {"sha256", wrong}}), true);
+  check(with({{"version", 3}, {"manifest_sha", wrong}}), true);
+  check(with({{"version", 3}, {"manifest_sha256", digest}, {"sha256", wrong}}), false);  // the first one decides
+  check(with({{"version", 4}, {"manifest_sha256", digest}}), true);
+  check(with(Json::object()), true);  // a missing version reads as 0
+
+  publish(manifest(1, 3), with({{"version", 3}}));
+  api_.fault("/data/manifest/version", Fault{.status = 503, .times = 1});
+  EXPECT_TRUE(m->needs_sync());
+  api_.put("/data/manifest/version", "{\"version\": ");
+  EXPECT_THROW(m->needs_sync(), ValueError);  // a bad answer is a failure, not a reason to sync
+
+  // The data files and manifest.json take part apart from each other.
+  remove_file(path("features/u/a.bin"));
+  check(with({{"version", 3}}), true);
+  write_file(path("features/u/a.bin"), "abc");
+  remove_file(path("manifest.json"));
+  check(with({{"version", 3}}), false);
+  check(with({{"version", 3}, {"manifest_sha256", digest}}), true);
+
+  TempDir empty;
+  auto fresh = SyncManager::create(empty.path(), api_.base_url(), [] { return std::string("t"); });
+  api_.clear_requests();
+  EXPECT_TRUE(fresh->needs_sync());
+  EXPECT_EQ(api_.request_count("/data/manifest/version"), 1u);
+
+  EXPECT_TRUE(unreachable->needs_sync());
+}
+
+TEST_F(PollLoop, FailingPassIsLoggedReleasesItsLocksAndTheLoopGoesOn) {
+  publish(manifest(1, 1));
+  api_.fault("/data/manifest", Fault{.status = 500});
+  auto m = make_manager(0.02);
+  m->start();
+  const std::string warning = "Poll once failed: Failed to fetch manifest: HTTP 500";
+  ASSERT_TRUE(wait_until([&] { return log_.count(LogLevel::warning, warning) >= 2; }));
+  for (const LogRecord& r : log_.records()) EXPECT_FALSE(r.message.starts_with("Poll loop iteration failed"));
+  if (path_exists(path(".sync_flock"))) {
+    m->_stop_event.set();  // stop() itself would wait for the kept lock
+    FAIL() << "the failed pass kept the file lock";
+  }
+
+  api_.clear_fault("/data/manifest");
+  m->sync();  // would block on a lock the failed pass kept
+  EXPECT_EQ(m->get_manifest()->version, 1);
+  m->stop();
+  EXPECT_FALSE(m->is_alive());
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

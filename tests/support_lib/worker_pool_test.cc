@@ -1,0 +1,153 @@
+#include "sync/support/worker_pool.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <latch>
+#include <set>
+
+#include "sync/errors.h"
+#include "sync/support/event.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+std::string thread_name() {
+  char name[32] = {};
+  pthread_getname_np(pthread_self(), name, sizeof name);
+  return name;
+}
+
+TEST(WorkerPool, CompletionsComeInTheOrderTheTasksFinish) {
+  WorkerPool pool(3, "qm-sync");
+  Event gates[3];
+  std::vector<std::shared_ptr<PoolFuture<int>>> tasks;
+  for (int i = 0; i < 3; ++i) {
+    tasks.push_back(pool.submit([&gates, i] {
+      gates[i].wait();
+      if (i == 1) throw ValueError("task 1 failed");
+      return i * 10;
+    }));
+  }
+  Completions done(tasks, std::nullopt);
+  for (int i : {2, 0, 1}) {
+    gates[i].set();
+    EXPECT_EQ(done.next(), std::optional<std::size_t>(i));
+  }
+  EXPECT_EQ(done.next(), std::nullopt);
+  EXPECT_EQ(tasks[2]->result(), 20);
+  EXPECT_EQ(tasks[0]->result(), 0);
+  EXPECT_THROW(tasks[1]->result(), ValueError);
+
+  // Tasks done before the wait began come in the order they finished too.
+  Completions again({tasks[1], tasks[0], tasks[2]}, 0.0);
+  EXPECT_EQ(again.next(), std::optional<std::size_t>(2));
+  EXPECT_EQ(again.next(), std::optional<std::size_t>(1));
+  EXPECT_EQ(again.next(), std::optional<std::size_t>(0));
+  EXPECT_EQ(again.next(), std::nullopt);
+}
+
+TEST(WorkerPool, TheDeadlineEndsTheWaitButNotWhatFinishedInTime) {
+  WorkerPool pool(2, "qm-sync");
+  Event gate;
+  auto quick = pool.submit([] { return 1; });
+  auto slow = pool.submit([&gate] {
+    gate.wait();
+    return 2;
+  });
+  quick->wait();
+  Completions done(std::vector<std::shared_ptr<PoolTask>>{slow, quick}, 0.0);
+  EXPECT_EQ(done.next(), std::optional<std::size_t>(1));
+  try {
+    done.next();
+    ADD_FAILURE() << "no timeout";
+  } catch (const FuturesTimeoutError& e) {
+    EXPECT_STREQ(e.what(), "1 (of 2) futures unfinished");
+  }
+  EXPECT_FALSE(slow->done());
+  gate.set();
+  EXPECT_EQ(slow->result(), 2);
+}
+
+TEST(WorkerPool, CancelWithdrawsOnlyWhatHasNotBegun) {
+  WorkerPool pool(1, "qm-sync");
+  Event started, gate;
+  auto running = pool.submit([&] {
+    started.set();
+    gate.wait();
+    return 1;
+  });
+  bool queued_ran = false;
+  auto held = std::make_shared<int>(0);
+  auto queued = pool.submit([&queued_ran, held] {
+    queued_ran = true;
+    return 2;
+  });
+  started.wait();
+
+  EXPECT_FALSE(running->cancel());
+  EXPECT_TRUE(running->running());
+  EXPECT_TRUE(queued->cancel());
+  EXPECT_TRUE(queued->cancelled());
+  EXPECT_TRUE(queued->done());
+  EXPECT_EQ(held.use_count(), 1);  // the withdrawn call's captures are gone
+  EXPECT_THROW(queued->result(), RuntimeError);
+
+  Completions done(std::vector<std::shared_ptr<PoolTask>>{running, queued}, std::nullopt);
+  EXPECT_EQ(done.next(), std::optional<std::size_t>(1));
+  gate.set();
+  EXPECT_EQ(done.next(), std::optional<std::size_t>(0));
+  pool.shutdown();
+  EXPECT_FALSE(queued_ran);
+  EXPECT_FALSE(running->cancelled());
+}
+
+TEST(WorkerPool, ShutdownWithAndWithoutWaiting) {
+  {
+    WorkerPool pool(1, "qm-sync");
+    std::vector<std::shared_ptr<PoolFuture<int>>> tasks;
+    for (int i = 0; i < 4; ++i) tasks.push_back(pool.submit([i] { return i; }));
+    pool.shutdown();
+    // Waiting includes what was still queued.
+    for (const auto& task : tasks) EXPECT_TRUE(task->done());
+    EXPECT_THROW(pool.submit([] { return 0; }), RuntimeError);
+  }
+
+  auto gate = std::make_shared<Event>();
+  auto started = std::make_shared<Event>();
+  std::shared_ptr<PoolFuture<int>> running, queued;
+  {
+    WorkerPool pool(1, "qm-sync");
+    running = pool.submit([gate, started] {
+      started->set();
+      gate->wait();
+      return 1;
+    });
+    queued = pool.submit([] { return 2; });
+    started->wait();
+    pool.shutdown(false, true);
+    EXPECT_TRUE(queued->cancelled());
+    EXPECT_TRUE(running->running());
+  }  // the pool goes while its worker is still busy
+  EXPECT_TRUE(running->running());
+  gate->set();
+  EXPECT_EQ(running->result(), 1);
+}
+
+TEST(WorkerPool, ThreadsAreNamedAndNeverMoreThanAsked) {
+  WorkerPool pool(2, "qm-sync");
+  std::latch both(2);  // the first two calls only end together
+  std::vector<std::shared_ptr<PoolFuture<std::string>>> tasks;
+  for (int i = 0; i < 6; ++i) {
+    tasks.push_back(pool.submit([&both, i] {
+      if (i < 2) both.arrive_and_wait();
+      return thread_name();
+    }));
+  }
+  std::set<std::string> names;
+  for (const auto& task : tasks) names.insert(task->result());
+  EXPECT_EQ(names, (std::set<std::string>{"qm-sync_0", "qm-sync_1"}));
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync
