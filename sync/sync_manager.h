@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "sync/engine/download_progress.h"
 #include "sync/engine/transport.h"
 #include "sync/errors.h"
 #include "sync/manifest.h"
@@ -89,7 +90,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   const std::string _hash_cache_path;
   std::mutex _hash_cache_lock;
   bool _hash_cache_dirty = false;
-  std::unordered_map<std::string, Json> _hash_cache;
+  // Entries are replaced whole, never changed in place, so a flush can copy
+  // the map shallowly and write it outside the lock.
+  std::unordered_map<std::string, std::shared_ptr<const Json>> _hash_cache;
   const std::string _consumer_count_path;
   std::int64_t _consumer_count = 0;
   std::atomic<bool> _in_transition{false};
@@ -119,6 +122,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // "Internal sync implementation (must hold _sync_lock)." The caller also
   // holds the cross-process lock.
   SyncResult _sync_impl();
+  // _sync_impl between _acquire_flock and _release_flock; the caller holds
+  // _sync_lock.
+  SyncResult _sync_impl_under_flock();
   // Files of `server_manifest` that must come down, as copies of their
   // entries; DiskSpaceError when they will not fit.
   Json _select_files_to_download(const Manifest& server_manifest, SyncResult& result);
@@ -142,25 +148,67 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   // --- Hash cache and local comparison --------------------------------------
 
-  std::unordered_map<std::string, Json> _load_hash_cache();
+  // What a cached digest is valid for: size, modification and status-change
+  // times in nanoseconds, inode.
+  struct CacheStatKey {
+    std::int64_t size_bytes = 0;
+    std::int64_t mtime_ns = 0;
+    std::int64_t ctime_ns = 0;
+    std::int64_t inode = 0;
+    bool operator==(const CacheStatKey&) const = default;
+  };
+  // "Load local SHA cache; invalid cache content is a cold miss." Never fails.
+  std::unordered_map<std::string, std::shared_ptr<const Json>> _load_hash_cache();
+  // Writes the cache if it holds anything the file may lack; a failed write
+  // is logged and retried at the next call.
   void _persist_hash_cache();
+  // OSError when the stat fails.
+  static CacheStatKey _cache_stat_key(const std::string& local_path);
+  // `expected_sha` when the cache proves the file still has that digest.
   std::optional<std::string> _cached_local_sha(const std::string& file_path, const std::string& local_path,
                                                const std::string& expected_sha);
+  // Records the digest just computed for the file as it stands now.
   void _remember_local_sha(const std::string& file_path, const std::string& local_path,
                            const std::string& actual_sha);
+  // Whether the local file has the entry's size and digest; the cache is
+  // neither read nor written unless `cache_allowed`.
   bool _local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
                                     const Json& file_info, bool cache_allowed = true);
   bool _local_manifest_files_complete(const Manifest& manifest);
 
   // --- Era artefacts --------------------------------------------------------
 
-  bool _download_vocabulary(Manifest& server_manifest);
-  bool _download_shuffle_seed(const Manifest& server_manifest);
+  // Brings every universe's vocabulary of `server_manifest` into the data
+  // directory (or `target_data_dir`), repairing incomplete entries of its
+  // files; true when at least one was downloaded.
+  bool _download_vocabulary(Manifest& server_manifest,
+                            const std::optional<std::string>& target_data_dir = std::nullopt);
+  // Fills in a missing digest or corrects the size of the entry of
+  // `file_path` from validated bytes; IntegrityError for a stated digest
+  // that differs.
+  void _repair_vocabulary_manifest_entry(Manifest& server_manifest, const std::string& file_path,
+                                         std::string_view body,
+                                         const std::optional<std::string>& reason = std::nullopt);
+  // Fetches the era's shuffle seed unless a valid one of the era in force
+  // stands; true when a new one was fetched.
+  bool _download_shuffle_seed(const Manifest& server_manifest,
+                              const std::optional<std::string>& target_data_dir = std::nullopt);
 
   // --- Verification and repair -------------------------------------------
 
-  // Re-downloads the given manifest paths under the file lock.
-  SyncResult repair(const std::vector<std::string>& files);
+  // "Verify local files against manifest existence, size, and checksum."
+  // Reads only; always hashes afresh.
+  VerifyResult verify();
+  // "Re-download specified corrupted/missing files." Under the file lock;
+  // paths the manifest lacks are passed over, and the first failure ends the
+  // batch and reaches the caller.
+  SyncResult repair(const std::vector<std::string>& corrupted_files);
+  // Queues a manifest path found bad and repairs it on a background thread.
+  // StateError when the service is not running, ValueError for a path that
+  // the manifest in force lacks.
+  void report_corruption(const std::string& file_path);
+  // Body of the repair threads: hands whatever is queued to repair.
+  void _process_repair_queue();
 
   // --- Threads and poll loop ----------------------------------------------
 
@@ -184,6 +232,16 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void _notify_era_callbacks(const std::string& event_type, std::int64_t era_id);
   // "Get all found signal and strategy PnL file paths, ordered newest first."
   std::vector<std::string> _get_found_file_paths();
+
+  // --- Progress -----------------------------------------------------------
+
+  // Optional, beyond the component's own behaviour: `observer` is told how
+  // each download batch of a pass advances (see download_progress.h). An
+  // empty one removes it; unset, nothing changes.
+  void set_progress_observer(ProgressObserver observer) {
+    _progress_observer.store(observer ? std::make_shared<const ProgressObserver>(std::move(observer)) : nullptr);
+  }
+  std::atomic<std::shared_ptr<const ProgressObserver>> _progress_observer;
 
  private:
   struct PassKey {};

@@ -16,12 +16,14 @@ namespace quillmarsh::sync {
 
 void SyncManager::_download_files_parallel(const Json& files_to_download, SyncResult& result) {
   if (files_to_download.empty()) return;
+  ProgressTally progress(_progress_observer.load(), files_to_download, result);
   const auto count = static_cast<std::int64_t>(files_to_download.size());
   const std::int64_t max_workers = std::min(_sync_max_concurrency(), count);
   if (max_workers <= 1) {
     // A plain loop keeps stack traces simple for whoever turned concurrency off.
     for (const auto& [file_path, file_info] : files_to_download.items()) {
       _download_file(file_path, file_info, result);
+      progress.file_done();
     }
     return;
   }
@@ -58,6 +60,7 @@ void SyncManager::_download_files_parallel(const Json& files_to_download, SyncRe
           const SyncResult& local = future_to_path[*done]->result();
           result.bytes_downloaded += local.bytes_downloaded;
           result.features_downloaded += local.features_downloaded;
+          progress.file_done();
         } catch (...) {
           // The batch goes on; only the first failure is reported.
           if (!first_error) first_error = std::current_exception();

@@ -1,9 +1,76 @@
+// Re-downloading files found bad between passes: directly through repair,
+// or reported by a consumer and repaired on a background thread.
+#include <string_view>
+#include <unordered_map>
+
+#include "sync/support/background_thread.h"
+#include "sync/support/integer.h"
+#include "sync/support/log.h"
 #include "sync/sync_manager.h"
 
 namespace quillmarsh::sync {
 
-// Interim: corruption cannot be reported yet, so the repair queue that feeds
-// this stays empty.
-SyncResult SyncManager::repair(const std::vector<std::string>& /*files*/) { return SyncResult{}; }
+SyncResult SyncManager::repair(const std::vector<std::string>& corrupted_files) {
+  _acquire_flock();
+  SyncResult result;
+  try {
+    const std::shared_ptr<Manifest> manifest = _manifest.load();
+    if (manifest) result.era_id = integer_of(manifest->era_id);
+    if (!corrupted_files.empty()) {
+      if (!manifest) throw StateError("Cannot repair without a manifest: " + corrupted_files.front());
+      // Indexed once, so that a long batch does not scan the manifest per path.
+      std::unordered_map<std::string_view, const Json*> entries;
+      if (manifest->files().is_object()) {
+        const auto& files = manifest->files().get_ref<const Json::object_t&>();
+        entries.reserve(files.size());
+        for (const auto& [file_path, file_info] : files) entries.emplace(file_path, &file_info);
+      }
+      // One file after another; the first failure ends the batch.
+      for (const std::string& file_path : corrupted_files) {
+        const auto it = entries.find(file_path);
+        if (it != entries.end()) _download_file(file_path, *it->second, result);
+      }
+    }
+    _persist_hash_cache();
+  } catch (...) {
+    try {
+      _release_flock();
+    } catch (...) {
+      // The failure that ended the repair is the one to report.
+    }
+    throw;
+  }
+  _release_flock();
+  return result;
+}
+
+void SyncManager::report_corruption(const std::string& file_path) {
+  if (!_running.load()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
+  if (const std::shared_ptr<Manifest> manifest = _manifest.load()) {
+    if (!manifest->files().contains(file_path)) throw ValueError("File not in manifest: " + file_path);
+  }
+  {
+    std::lock_guard<std::mutex> lock(_repair_lock);
+    _repair_queue.push_back(file_path);
+  }
+  // Every report starts its own thread; it holds the manager while it runs
+  // and is let go at once, so it never holds up the process.
+  BackgroundThread repair_thread([self = shared_from_this()] { self->_process_repair_queue(); });
+}
+
+void SyncManager::_process_repair_queue() {
+  std::vector<std::string> files;
+  {
+    std::lock_guard<std::mutex> lock(_repair_lock);
+    files.swap(_repair_queue);
+  }
+  // An earlier thread or the poll loop may have taken the work already.
+  if (files.empty()) return;
+  try {
+    repair(files);
+  } catch (const std::exception& e) {
+    log_warning("Background repair failed: %s", {e});
+  }
+}
 
 }  // namespace quillmarsh::sync

@@ -34,6 +34,10 @@ bool version_at_least(const Json& local, const Json& server) {
 
 SyncResult SyncManager::sync() {
   std::lock_guard<std::mutex> hold(_sync_lock);
+  return _sync_impl_under_flock();
+}
+
+SyncResult SyncManager::_sync_impl_under_flock() {
   _acquire_flock();
   SyncResult result;
   try {

@@ -63,17 +63,7 @@ std::vector<std::string> SyncManager::request_for_sync() {
   };
   try {
     std::lock_guard<std::mutex> pass(_sync_lock);
-    _acquire_flock();
-    try {
-      _sync_impl();
-    } catch (...) {
-      try {
-        _release_flock();
-      } catch (...) {
-      }
-      throw;
-    }
-    _release_flock();
+    _sync_impl_under_flock();
   } catch (...) {
     try {
       finish();

@@ -82,17 +82,7 @@ void SyncManager::_poll_once() {
   try {
     // The transition flag is a hint, so it is read again after each wait.
     if (_in_transition.load() || !needs_sync() || _in_transition.load()) return;
-    _acquire_flock();
-    try {
-      _sync_impl();
-    } catch (...) {
-      try {
-        _release_flock();
-      } catch (...) {
-      }
-      throw;
-    }
-    _release_flock();
+    _sync_impl_under_flock();
   } catch (const std::exception& e) {
     log_warning("Poll once failed: %s", {e});
   }

@@ -104,6 +104,44 @@ void write_file(const std::string& path, std::string_view data) {
   if (::close(fd) != 0) raise_os_error(errno, path);
 }
 
+void write_private_file(const std::string& path, std::string_view data) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) raise_os_error(errno, path);
+  std::size_t done = 0;
+  while (done < data.size()) {
+    const ssize_t put = ::write(fd, data.data() + done, data.size() - done);
+    if (put < 0) {
+      if (errno == EINTR) continue;
+      const int err = errno;
+      ::close(fd);
+      raise_os_error(err, path);
+    }
+    done += static_cast<std::size_t>(put);
+  }
+  if (::close(fd) != 0) raise_os_error(errno, path);
+}
+
+std::string read_file_range(const std::string& path, std::int64_t offset, std::size_t n) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) raise_os_error(errno, path);
+  std::string out(n, '\0');
+  std::size_t done = 0;
+  while (done < n) {
+    const ssize_t got = ::pread(fd, out.data() + done, n - done, static_cast<off_t>(offset) + static_cast<off_t>(done));
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      const int err = errno;
+      ::close(fd);
+      raise_os_error(err, path);
+    }
+    if (got == 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  ::close(fd);
+  out.resize(done);
+  return out;
+}
+
 void rename_file(const std::string& from, const std::string& to) {
   if (::rename(from.c_str(), to.c_str()) != 0) raise_os_error(errno, from);
 }

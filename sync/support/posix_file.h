@@ -59,6 +59,10 @@ class UpdatableFile {
 std::string read_file(const std::string& path);
 // Creates or truncates `path` and writes `data` whole. No fsync.
 void write_file(const std::string& path, std::string_view data);
+// As write_file, but a file it creates is readable by its owner alone.
+void write_private_file(const std::string& path, std::string_view data);
+// Up to `n` bytes of `path` from `offset`; fewer only at the end of the file.
+std::string read_file_range(const std::string& path, std::int64_t offset, std::size_t n);
 // Atomic rename over whatever stands at `to`.
 void rename_file(const std::string& from, const std::string& to);
 // Creates `path` and its parents; an existing directory is fine.

@@ -168,6 +168,21 @@ TEST_F(Download, ACutConnectionResumesWhereTheBytesStopped) {
   EXPECT_EQ(read_file(path("cut/ranged.bin")), content);
 }
 
+TEST_F(Download, AFailureInTheThirdOfFiveChunksResumesThere) {
+  const std::string content = numbered_bytes(5000);
+  publish("cut/third.bin", content);
+  // The third request fails outright, so a new attempt has to rebuild the
+  // digest of the 2000 staged bytes and ask for the third chunk again.
+  store_.fault("/bucket/cut/third.bin", {.status = 503, .times = 1, .skip = 2});
+  SyncResult result;
+  download("cut/third.bin", result);
+  EXPECT_EQ(ranges("cut/third.bin"), (std::vector<std::string>{"bytes=0-999", "bytes=1000-1999", "bytes=2000-2999",
+                                                               "bytes=2000-2999", "bytes=3000-3999", "bytes=4000-4999"}));
+  EXPECT_EQ(events(), (std::vector<std::string>{"callback 0.25", "sleep 0.25"}));
+  EXPECT_EQ(read_file(path("cut/third.bin")), content);
+  EXPECT_EQ(result.bytes_downloaded, 5000);
+}
+
 TEST_F(Download, HalfRangesMoveOnByWhatCame) {
   const std::string content = numbered_bytes(5000);
   publish("half.bin", content);

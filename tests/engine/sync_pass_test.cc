@@ -20,7 +20,7 @@ TEST_F(SyncPass, FirstPassMirrorsTheEraAndWritesTheExactManifestText) {
   files["features/a/x.arrow"] = store_file("features/a/x.arrow", "feature bytes", "feature");
   files["named_universes/u.json"] = store_file("named_universes/u.json", "{\"u\": \"\xc3\xa9\"}");
   files["useful_signals/r/g/signal_os/s.bin"] = store_file("useful_signals/r/g/signal_os/s.bin", "sig");
-  Json m = manifest(4, 10, files);
+  Json m = with_artefacts(manifest(4, 10, files));
   m["pnl_column_count"] = 3;
   m["note"] = "caf\xc3\xa9";  // keys the component does not read stay
   publish(m);
@@ -48,7 +48,7 @@ TEST_F(SyncPass, FirstPassMirrorsTheEraAndWritesTheExactManifestText) {
 TEST_F(SyncPass, AnUnchangedEraCostsOneRequest) {
   Json files = Json::object();
   files["features/a.bin"] = store_file("features/a.bin", "aaaa", "feature");
-  publish(manifest(2, 5, files));
+  publish(with_artefacts(manifest(2, 5, files)));
   auto manager = make_manager();
   manager->sync();
   api_.clear_requests();
@@ -66,12 +66,12 @@ TEST_F(SyncPass, AnUnchangedEraCostsOneRequest) {
 TEST_F(SyncPass, AVersionBumpFetchesTheManifestAndTheNewFile) {
   Json files = Json::object();
   files["features/a.bin"] = store_file("features/a.bin", "old", "feature");
-  publish(manifest(2, 5, files));
+  publish(with_artefacts(manifest(2, 5, files)));
   auto manager = make_manager();
   manager->sync();
 
   files["features/b.bin"] = store_file("features/b.bin", "new file", "feature");
-  publish(manifest(2, 6, files));
+  publish(with_artefacts(manifest(2, 6, files)));
   store_.clear_requests();
   const SyncResult result = manager->sync();
   EXPECT_EQ(api_requests("/data/manifest"), 2u);
@@ -82,7 +82,7 @@ TEST_F(SyncPass, AVersionBumpFetchesTheManifestAndTheNewFile) {
 }
 
 TEST_F(SyncPass, AnotherErasManifestEndsThePassAndChangesNothing) {
-  publish(manifest(2, 5));
+  publish(with_artefacts(manifest(2, 5)));
   auto manager = make_manager();
   manager->sync();
   const std::string before = manifest_on_disk();
@@ -157,12 +157,14 @@ TEST_F(SyncPass, DeclarationsAndRetiredFilesNeverReachTheDisk) {
   files["bundle/agent.pxd"] = store_file("bundle/agent.pxd", "decl");
   files["bundle/v.bin"] = store_file("bundle/v.bin", "v", "vault_declaration");
   files["found_signals/a/b/c/pnl_long.arrow"] = store_file("found_signals/a/b/c/pnl_long.arrow", "old");
-  publish(manifest(1, 1, files));
+  const Json m = with_artefacts(manifest(1, 1, files));
+  publish(m);
   auto manager = make_manager();
   manager->sync();
 
   Json expected = manifest(1, 1);
   expected["files"]["features/a.bin"] = files["features/a.bin"];
+  expected["files"][vocabulary_path("u")] = m["files"][vocabulary_path("u")];
   EXPECT_EQ(manifest_on_disk(), json_text(expected));
   EXPECT_FALSE(path_exists(path("bundle/agent.pxd")));
   EXPECT_FALSE(path_exists(path("found_signals/a/b/c/pnl_long.arrow")));
@@ -170,7 +172,7 @@ TEST_F(SyncPass, DeclarationsAndRetiredFilesNeverReachTheDisk) {
 }
 
 TEST_F(SyncPass, TheProbeIsOnlyAHint) {
-  publish(manifest(1, 3));
+  publish(with_artefacts(manifest(1, 3)));
   auto manager = make_manager();
   manager->sync();
 
@@ -197,7 +199,7 @@ TEST_F(SyncPass, TheProbeIsOnlyAHint) {
 TEST_F(SyncPass, ADamagedFileTurnsTheFastPathIntoARepair) {
   Json files = Json::object();
   files["features/a.bin"] = store_file("features/a.bin", "good bytes", "feature");
-  publish(manifest(1, 1, files));
+  publish(with_artefacts(manifest(1, 1, files)));
   auto manager = make_manager();
   manager->sync();
   write_file(path("features/a.bin"), "bad bytes!");
@@ -216,10 +218,10 @@ TEST_F(SyncPass, ADamagedFileTurnsTheFastPathIntoARepair) {
 }
 
 TEST_F(SyncPass, AnOlderServerVersionIsTakenWhenTheFilesFitIt) {
-  publish(manifest(1, 9));
+  publish(with_artefacts(manifest(1, 9)));
   auto manager = make_manager();
   manager->sync();
-  Json older = manifest(1, 7);
+  Json older = with_artefacts(manifest(1, 7));
   older["extra"] = true;
   publish(older);
   const SyncResult result = manager->sync();
@@ -232,7 +234,7 @@ TEST_F(SyncPass, StaleTemporaryFilesGoFirst) {
   make_dirs(path("features/deep/er"));
   write_file(path("features/deep/er/x.bin.tmp"), "left by a crash");
   write_file(path("keep.bin"), "not temporary");
-  publish(manifest(1, 1));
+  publish(with_artefacts(manifest(1, 1)));
   make_manager()->sync();
   EXPECT_FALSE(path_exists(path("features/deep/er/x.bin.tmp")));
   EXPECT_TRUE(path_exists(path("keep.bin")));

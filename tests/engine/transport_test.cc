@@ -22,6 +22,11 @@ std::string numbered_bytes(std::size_t n) {
   return out;
 }
 
+// Long enough for a TLS handshake on a loaded machine, short enough for a
+// test; the server's delays outlast it by a wide margin.
+constexpr const char* kShortTimeout = "1.0";
+constexpr double kLongerThanTimeout = 2.5;
+
 class Transport : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -123,8 +128,8 @@ TEST_F(Transport, RedirectsAreFollowedWithTheRangeKept) {
 }
 
 TEST_F(Transport, ASlowHeadIsRetriedThenFailsAsConnectionError) {
-  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "0.3");
-  server_.fault("/slow", Fault{.delay_before_head_s = 1.5});
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", kShortTimeout);
+  server_.fault("/slow", Fault{.delay_before_head_s = kLongerThanTimeout});
   const std::string url = server_.url("/slow");
   try {
     _http_get(url, "t");
@@ -142,16 +147,16 @@ TEST_F(Transport, ASlowHeadIsRetriedThenFailsAsConnectionError) {
 }
 
 TEST_F(Transport, ASlowHeadOnceIsRecoveredByTheRetry) {
-  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "0.3");
-  server_.fault("/file.bin", Fault{.delay_before_head_s = 1.0, .times = 1});
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", kShortTimeout);
+  server_.fault("/file.bin", Fault{.delay_before_head_s = kLongerThanTimeout, .times = 1});
   HttpResponse r = _http_get_public(server_.url("/file.bin"));
   EXPECT_EQ(r.body, content_);
   EXPECT_EQ(slept_, std::vector<double>{0.25});
 }
 
 TEST_F(Transport, NegativeRetriesMeanOneAttemptAndNoWait) {
-  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "0.3").set("QUILLMARSH_SYNC_HTTP_RETRIES", "-3");
-  server_.fault("/slow", Fault{.delay_before_head_s = 1.0});
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", kShortTimeout).set("QUILLMARSH_SYNC_HTTP_RETRIES", "-3");
+  server_.fault("/slow", Fault{.delay_before_head_s = kLongerThanTimeout});
   try {
     _http_get_public(server_.url("/slow"));
     FAIL() << "expected ConnectionError";
@@ -163,8 +168,8 @@ TEST_F(Transport, NegativeRetriesMeanOneAttemptAndNoWait) {
 }
 
 TEST_F(Transport, ASlowBodySurfacesAsTimeoutErrorWithoutRetry) {
-  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "0.3");
-  server_.fault("/file.bin", Fault{.stall_after_bytes = 100, .stall_s = 1.5});
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", kShortTimeout);
+  server_.fault("/file.bin", Fault{.stall_after_bytes = 100, .stall_s = kLongerThanTimeout});
   EXPECT_THROW(_http_get_public(server_.url("/file.bin")), TimeoutError);
   EXPECT_EQ(server_.request_count("/file.bin"), 1u);
   EXPECT_TRUE(slept_.empty());

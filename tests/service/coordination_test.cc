@@ -52,12 +52,14 @@ class Coordination : public SyncFixture {
   }
   std::string local(const std::string& rel) const { return _manifest_local_path(dir_.path(), rel); }
 
-  // A started manager with `in_force` on disk. The version document names
-  // that version and no era, so polls never find work while every pass
-  // still fetches `served` from /data/manifest.
-  std::shared_ptr<SyncManager> running_manager(const Json& in_force, const Json& served) {
+  // A started manager with `in_force` on disk, its era artefacts beside it.
+  // The version document names that version and no era, so polls never find
+  // work while every pass still fetches `served`, with its artefacts, from
+  // /data/manifest.
+  std::shared_ptr<SyncManager> running_manager(Json in_force, const Json& served) {
+    write_local_artefacts(in_force["files"], in_force["era_id"].get<std::int64_t>());
     _write_manifest_json(dir_.path(), in_force);
-    publish(served, Json{{"version", in_force["version"]}});
+    publish(with_artefacts(served), Json{{"version", in_force["version"]}});
     auto m = make_manager();
     m->start();
     return m;

@@ -88,7 +88,7 @@ bool lockable(const std::string& path) {
 class FileLock : public SyncFixture {};
 
 TEST_F(FileLock, APassWaitsForAnotherProcessToRelease) {
-  publish(manifest(1, 1));
+  publish(with_artefacts(manifest(1, 1)));
   TempDir signals;
   Holder holder(dir_.path(), api_.base_url(), signals.path());
   ASSERT_EQ(holder.spawn_error(), 0);

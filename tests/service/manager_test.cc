@@ -144,7 +144,7 @@ TEST_F(Manager, UnreadableStateIsLoggedOnceAndTheManagerStillWorks) {
   EXPECT_EQ(log_.count_at(LogLevel::warning), 2u);
 
   // It behaves as a manager with no local state: a pass replaces the file.
-  publish(manifest(1, 3));
+  publish(with_artefacts(manifest(1, 3)));
   m->sync();
   ASSERT_NE(m->get_manifest(), nullptr);
   EXPECT_EQ(m->get_manifest()->version, 3);
@@ -165,6 +165,7 @@ TEST_F(Manager, RetiredEntriesLeaveTheManifestFileAtLoad) {
   files["found_signals/a/b/c/pnl_long.arrow"] = {{"sha256", "cc"}};
   files["found_signals/a/b/c/pnl.arrow"] = {{"sha256", "dd"}, {"kind", "found_signal_is_pnl"}};
   files["vault/v.bin"] = {{"kind", "vault_declaration"}};
+  write_local_artefacts(files, 1);  // valid vocabularies load without a word
   Json on_disk = manifest(1, 7, files);
   on_disk["extra"] = "kept";
   write_file(path("manifest.json"), json_text(on_disk));

@@ -33,7 +33,7 @@ class PollLoop : public SyncFixture {
 };
 
 TEST_F(PollLoop, StartTwiceIsRefusedAndTheThreadRunsOn) {
-  publish(manifest(1, 1));
+  publish(with_artefacts(manifest(1, 1)));
   auto m = make_manager();
   EXPECT_FALSE(m->is_alive());
   m->start();
@@ -55,14 +55,14 @@ TEST_F(PollLoop, StartTwiceIsRefusedAndTheThreadRunsOn) {
 }
 
 TEST_F(PollLoop, PollsAtOnceOnStartAndAgainAfterARestart) {
-  publish(manifest(1, 5));
+  publish(with_artefacts(manifest(1, 5)));
   auto m = make_manager(600.0);  // a poll that waited one interval would never come here
   m->start();
   ASSERT_TRUE(wait_until([&] { return manifest_on_disk(); }));
   m->stop();
   EXPECT_EQ(m->get_manifest()->version, 5);
 
-  publish(manifest(1, 6));
+  publish(with_artefacts(manifest(1, 6)));
   m->start();
   EXPECT_TRUE(wait_until([&] { return m->get_manifest()->version == 6; }));
   m->stop();
@@ -77,7 +77,7 @@ TEST_F(PollLoop, StopOnAnIdleManagerIsSilentAndSweepsNothing) {
 }
 
 TEST_F(PollLoop, StopSweepsTmpFilesAtAnyDepth) {
-  publish(manifest(1, 1));
+  publish(with_artefacts(manifest(1, 1)));
   auto m = make_manager();
   m->start();
   // Once manifest.json is written, the pass's own sweep lies behind it.
@@ -96,7 +96,7 @@ TEST_F(PollLoop, StopSweepsTmpFilesAtAnyDepth) {
 }
 
 TEST_F(PollLoop, StopWaitsForAPassRunOnAnotherThread) {
-  publish(manifest(1, 2));
+  publish(with_artefacts(manifest(1, 2)));
   api_.fault("/data/manifest", Fault{.delay_before_head_s = 0.5});
   auto m = make_manager();
   std::string foreground_failure;
@@ -120,6 +120,7 @@ TEST_F(PollLoop, NeedsSyncIsFalseOnlyOnPositiveAgreement) {
   write_file(path("features/u/a.bin"), "abc");
   Json files = Json::object();
   files["features/u/a.bin"] = {{"size_bytes", 3}, {"sha256", _sha256("abc")}, {"kind", "feature"}};
+  write_local_artefacts(files, 1);
   _write_manifest_json(dir_.path(), manifest(1, 3, files));
   const std::string digest = _sha256(read_file(path("manifest.json")));
   const std::string wrong(64, '0');
@@ -169,7 +170,7 @@ TEST_F(PollLoop, NeedsSyncIsFalseOnlyOnPositiveAgreement) {
 }
 
 TEST_F(PollLoop, FailingPassIsLoggedReleasesItsLocksAndTheLoopGoesOn) {
-  publish(manifest(1, 1));
+  publish(with_artefacts(manifest(1, 1)));
   api_.fault("/data/manifest", Fault{.status = 500});
   auto m = make_manager(0.02);
   m->start();

@@ -14,6 +14,7 @@
 #include "sync/engine/file_primitives.h"
 #include "sync/support/json_text.h"
 #include "sync/support/log.h"
+#include "sync/support/posix_file.h"
 #include "sync/support/sleep.h"
 #include "sync/sync_manager.h"
 #include "tests/support/scoped_env.h"
@@ -74,6 +75,65 @@ class SyncFixture : public ::testing::Test {
     entry["sha256"] = _sha256(bytes);
     if (!kind.empty()) entry["kind"] = kind;
     return entry;
+  }
+
+ public:
+  // A valid vocabulary of `era` for `universe`; `metadata` gains the
+  // universe's name.
+  static Json vocabulary(std::int64_t era, const std::string& universe, Json metadata = Json::object()) {
+    metadata["named_universe"] = universe;
+    Json v = Json::object();
+    v["era_id"] = era;
+    v["named_universe"] = universe;
+    v["rotations"] = Json::array();
+    v["filtrations"] = Json::array();
+    v["reductions"] = Json::object();
+    v["features"] = Json::array({"f1", "f2"});
+    v["metadata"] = std::move(metadata);
+    return v;
+  }
+  static std::string vocabulary_path(const std::string& universe) {
+    return "features/" + universe + "/vocabulary.json";
+  }
+  // 60 seed bytes that differ from era to era.
+  static std::string seed_bytes(std::int64_t era) {
+    std::string bytes(60, '\0');
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+      bytes[i] = static_cast<char>('A' + (static_cast<std::size_t>(era) * 7 + i) % 26);
+    }
+    return bytes;
+  }
+
+ protected:
+  // Serves the shuffle seed of `era` at /data/shuffle.
+  void publish_seed(std::int64_t era) {
+    api_.put("/data/shuffle", seed_bytes(era), {{"X-Era-Id", std::to_string(era)}});
+  }
+
+  // `m` with a valid vocabulary per universe added to its files (stored on
+  // the object store), and the seed of its era served beside it: what every
+  // era needs for a pass to complete.
+  Json with_artefacts(Json m, const std::vector<std::string>& universes = {"u"}) {
+    const std::int64_t era = m["era_id"].get<std::int64_t>();
+    for (const std::string& universe : universes) {
+      m["files"][vocabulary_path(universe)] =
+          store_file(vocabulary_path(universe), json_text(vocabulary(era, universe)));
+    }
+    publish_seed(era);
+    return m;
+  }
+
+  // Writes a valid vocabulary per universe, the seed of `era` and its side
+  // file into the data directory; adds the vocabulary entries to `files`.
+  void write_local_artefacts(Json& files, std::int64_t era, const std::vector<std::string>& universes = {"u"}) {
+    for (const std::string& universe : universes) {
+      const std::string bytes = json_text(vocabulary(era, universe));
+      make_dirs(path("features/" + universe));
+      write_file(path(vocabulary_path(universe)), bytes);
+      files[vocabulary_path(universe)] = Json{{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}};
+    }
+    write_file(path("shuffle_seed.enc"), seed_bytes(era));
+    write_file(path("shuffle_seed.enc.meta.json"), "{\"era_id\": " + std::to_string(era) + "}");
   }
 
   std::shared_ptr<SyncManager> make_manager(double poll_interval_s = 600.0) {

@@ -337,8 +337,12 @@ void TestServer::Impl::handle(const httplib::Request& req,
     requests_.push_back(rec);
     if (auto it = files_.find(req.path); it != files_.end()) file = it->second;
     if (auto it = faults_.find(req.path); it != faults_.end()) {
-      f = it->second;
-      if (it->second.times > 0 && --it->second.times == 0) faults_.erase(it);
+      if (it->second.skip > 0) {
+        --it->second.skip;  // served normally; the fault waits its turn
+      } else {
+        f = it->second;
+        if (it->second.times > 0 && --it->second.times == 0) faults_.erase(it);
+      }
     }
   }
 

@@ -57,6 +57,9 @@ struct Fault {
   // Apply to the next N requests for the path (any method, whether or not
   // the fault changes anything for them), then serve normally. -1: always.
   int times = -1;
+  // Serve the next N requests for the path normally before the fault
+  // applies (and before `times` starts counting): "fail the third chunk".
+  int skip = 0;
   // Extra response headers; they override the file's headers of that name.
   Headers headers{};
 };

@@ -1,0 +1,98 @@
+// The commands that work on a data directory, each one call of the library.
+#include <memory>
+#include <string>
+
+#include "cli/commands.h"
+#include "cli/exit_codes.h"
+#include "cli/output.h"
+#include "cli/progress.h"
+#include "sync/support/repr.h"
+#include "sync/sync_manager.h"
+
+namespace quillmarsh::sync::cli {
+namespace {
+
+// verify reads only local files, so it does without a server; the manager
+// still wants a URL, which it never uses for this.
+constexpr const char* kUnusedServer = "https://127.0.0.1";
+
+std::shared_ptr<SyncManager> open_manager(const GlobalOptions& g, const std::string& command, bool needs_server) {
+  const std::string data_dir = required_data_dir(g, command);
+  const std::string server = needs_server ? required_server(g, command) : g.server.value_or(kUnusedServer);
+  auto token = token_source(g);
+  try {
+    return SyncManager::create(data_dir, server, std::move(token));
+  } catch (const ValueError& e) {
+    // An empty or refused server URL is bad input like any other.
+    throw UsageError("cannot use --server " + quoted(server) + ": " + e.what());
+  }
+}
+
+int run_sync(const GlobalOptions& g) {
+  auto manager = open_manager(g, "sync", true);
+  TerminalProgress progress;
+  if (progress.enabled()) manager->set_progress_observer(progress.observer());
+  const SyncResult result = manager->sync();
+  progress.finish();
+  print_sync_result(result, "Sync", g.json);
+  return kExitOk;
+}
+
+int run_verify(const GlobalOptions& g) {
+  auto manager = open_manager(g, "verify", false);
+  const VerifyResult result = manager->verify();
+  print_verify_result(result, g.json);
+  return result.valid ? kExitOk : kExitInvalid;
+}
+
+int run_repair(const GlobalOptions& g, const std::vector<std::string>& paths) {
+  auto manager = open_manager(g, "repair", true);
+  TerminalProgress progress;
+  if (progress.enabled()) manager->set_progress_observer(progress.observer());
+  const SyncResult result = manager->repair(paths);
+  progress.finish();
+  print_sync_result(result, "Repair", g.json);
+  return kExitOk;
+}
+
+int run_needs_sync(const GlobalOptions& g) {
+  auto manager = open_manager(g, "needs-sync", true);
+  print_needs_sync(manager->needs_sync(), g.json);
+  return kExitOk;
+}
+
+int run_status(const GlobalOptions& g) {
+  auto manager = open_manager(g, "status", true);
+  StatusReport report;
+  if (const std::shared_ptr<Manifest> manifest = manager->get_manifest()) {
+    report.era_id = manifest->era_id;
+    report.version = manifest->version;
+    if (manifest->files().is_object()) report.file_count = static_cast<std::int64_t>(manifest->files().size());
+  }
+  report.needs_sync = manager->needs_sync();
+  report.status = manager->status();
+  print_status(report, g.json);
+  return kExitOk;
+}
+
+}  // namespace
+
+void add_client_commands(CLI::App& app, const GlobalOptions& g, std::vector<Command>& commands) {
+  commands.push_back({app.add_subcommand("sync", "one sync pass: bring the data directory up to the server's manifest"),
+                      [&g] { return run_sync(g); }});
+  commands.push_back(
+      {app.add_subcommand("verify", "check every file of the manifest in force; exit 1 when any is missing or bad"),
+       [&g] { return run_verify(g); }});
+
+  auto paths = std::make_shared<std::vector<std::string>>();
+  CLI::App* repair = app.add_subcommand("repair", "download the given manifest paths again");
+  repair->add_option("PATH", *paths, "manifest paths, as verify names them")->required();
+  commands.push_back({repair, [&g, paths] { return run_repair(g, *paths); }});
+
+  commands.push_back({app.add_subcommand("needs-sync", "whether a sync pass would change anything"),
+                      [&g] { return run_needs_sync(g); }});
+  commands.push_back({app.add_subcommand("status", "the manifest in force, whether a sync is due, the status text"),
+                      [&g] { return run_status(g); }});
+}
+
+}  // namespace quillmarsh::sync::cli

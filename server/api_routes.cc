@@ -1,0 +1,131 @@
+// The API site. Everything is read from the root for each request, so a
+// publish or a state change is served at once.
+#include <utility>
+
+#include "server/routes.h"
+#include "sync/engine/file_primitives.h"
+#include "sync/errors.h"
+#include "sync/manifest.h"
+#include "sync/support/log.h"
+#include "sync/support/posix_file.h"
+
+namespace quillmarsh::sync::server {
+namespace {
+
+void answer_json(httplib::Response& res, int status, const Json& body) {
+  res.status = status;
+  res.set_content(json_text(body), "application/json");
+}
+
+void answer_detail(httplib::Response& res, int status, const std::string& detail) {
+  Json body = Json::object();
+  body["detail"] = detail;
+  answer_json(res, status, body);
+}
+
+// The era served now and its manifest as clients get it.
+struct ServedEra {
+  std::int64_t era_id = 0;
+  Json manifest;
+};
+
+class Api {
+ public:
+  Api(ServerRoot root, ExpectedToken token, std::string files_url)
+      : root_(std::move(root)), token_(std::move(token)), files_url_(std::move(files_url)) {}
+
+  // Runs `answer` for an authorised request; any failure is a 500 that says why.
+  template <class Answer>
+  httplib::Server::Handler guarded(Answer answer) const {
+    return [this, answer](const httplib::Request& req, httplib::Response& res) {
+      try {
+        if (!authorised(req)) return answer_detail(res, 401, "missing or wrong bearer token");
+        answer(res);
+      } catch (const std::exception& e) {
+        log_warning("reference server: %s %s failed: %s", {req.method, req.path, describe_failure(e)});
+        answer_detail(res, 500, describe_failure(e));
+      }
+    };
+  }
+
+  void era_current(httplib::Response& res) const {
+    std::optional<Json> state = read_era_state(root_);
+    if (!state) state = Json{{"era", nullptr}, {"state", "between_eras"}};
+    answer_json(res, 200, *state);
+  }
+
+  void manifest(httplib::Response& res) const {
+    if (auto era = served_era(res)) answer_json(res, 200, era->manifest);
+  }
+
+  void manifest_version(httplib::Response& res) const {
+    const auto era = served_era(res);
+    if (!era) return;
+    // A client keeps the filtered manifest, so the digest is of that.
+    auto kept = _drop_retired_found_pnl_long_files(
+        _drop_agent_bundle_declaration_files(std::make_shared<Json>(era->manifest)));
+    Json doc = Json::object();
+    doc["version"] = era->manifest.value("version", Json(0));
+    doc["era_id"] = era->manifest.value("era_id", Json(era->era_id));
+    doc["manifest_sha256"] = _sha256(json_text(*kept));
+    answer_json(res, 200, doc);
+  }
+
+  void shuffle(httplib::Response& res) const {
+    const auto era = served_era(res);
+    if (!era) return;
+    const std::string seed_path = root_.seed_path(era->era_id);
+    if (!path_exists(seed_path)) return answer_detail(res, 404, "era has no shuffle seed");
+    res.status = 200;
+    res.set_header("X-Era-Id", std::to_string(era->era_id));
+    res.set_content(read_file(seed_path), "application/octet-stream");
+  }
+
+ private:
+  // An empty expected token (a token file emptied meanwhile) admits no one.
+  bool authorised(const httplib::Request& req) const {
+    const std::string expected = token_();
+    return !expected.empty() && req.get_header_value("Authorization") == "Bearer " + expected;
+  }
+
+  // Absent, with a 404 answered, when no era is served or it has no manifest.
+  std::optional<ServedEra> served_era(httplib::Response& res) const {
+    const std::optional<Json> state = read_era_state(root_);
+    const std::optional<std::int64_t> era_id = state ? named_era(*state) : std::nullopt;
+    if (!era_id) {
+      answer_detail(res, 404, "no era is being served");
+      return std::nullopt;
+    }
+    const std::string path = root_.manifest_path(*era_id);
+    if (!path_exists(path)) {
+      answer_detail(res, 404, "era " + std::to_string(*era_id) + " is not published");
+      return std::nullopt;
+    }
+    ServedEra era{*era_id, parse_json_text(read_file(path))};
+    if (era.manifest.is_object() && era.manifest.value("base_url", Json()).is_null()) {
+      era.manifest["base_url"] = files_url_ + "/era_" + std::to_string(*era_id);
+    }
+    return era;
+  }
+
+  const ServerRoot root_;
+  const ExpectedToken token_;
+  const std::string files_url_;
+};
+
+}  // namespace
+
+void add_api_routes(httplib::Server& server, const ServerRoot& root, ExpectedToken token, std::string files_url) {
+  // Lives as long as the process's server: the handlers point into it.
+  auto api = std::make_shared<const Api>(root, std::move(token), std::move(files_url));
+  auto route = [&server, api](const char* path, void (Api::*answer)(httplib::Response&) const) {
+    server.Get(path, [api, handler = api->guarded([api, answer](httplib::Response& res) { (api.get()->*answer)(res); })](
+                         const httplib::Request& req, httplib::Response& res) { handler(req, res); });
+  };
+  route("/era/current", &Api::era_current);
+  route("/data/manifest", &Api::manifest);
+  route("/data/manifest/version", &Api::manifest_version);
+  route("/data/shuffle", &Api::shuffle);
+}
+
+}  // namespace quillmarsh::sync::server

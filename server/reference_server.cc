@@ -1,0 +1,107 @@
+#include "server/reference_server.h"
+
+#include <signal.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "sync/errors.h"
+#include "sync/support/posix_file.h"
+#include "sync/support/real_path.h"
+#include "sync/support/repr.h"
+
+namespace quillmarsh::sync::server {
+namespace {
+
+// httplib listens with a backlog of 5, and a client's eight parallel
+// connects then lose SYNs and wait a second for the retransmit. Linux lets
+// listen() widen the queue of a listening socket; the socket is a protected
+// member, which a member pointer formed in a subclass reaches.
+struct ListeningSocket : httplib::Server {
+  static void widen_backlog(httplib::Server& s) { ::listen((s.*&ListeningSocket::svr_sock_).load(), SOMAXCONN); }
+};
+
+}  // namespace
+
+// One HTTPS site on its own listening thread.
+class ReferenceServer::Site {
+ public:
+  Site(const TlsFiles& tls, int port) : server_(tls.cert_file.c_str(), tls.key_file.c_str()) {
+    if (!server_.is_valid()) throw RuntimeError("cannot load " + tls.cert_file + " or " + tls.key_file);
+    server_.set_keep_alive_max_count(1000);
+    server_.set_keep_alive_timeout(2);
+    server_.set_tcp_nodelay(true);
+    // A client's download workers each keep a connection open.
+    server_.new_task_queue = [] { return new httplib::ThreadPool(32); };
+    if (port == 0) {
+      port_ = server_.bind_to_any_port("127.0.0.1");
+    } else if (server_.bind_to_port("127.0.0.1", port)) {
+      port_ = port;
+    }
+    if (port_ <= 0) {
+      throw OSError(EADDRINUSE, "cannot listen on 127.0.0.1:" + std::to_string(port));
+    }
+    ListeningSocket::widen_backlog(server_);
+  }
+
+  ~Site() {
+    if (thread_.joinable()) {
+      server_.stop();
+      thread_.join();
+    }
+  }
+
+  httplib::Server& http() { return server_; }
+  std::string url() const { return "https://127.0.0.1:" + std::to_string(port_); }
+
+  // Routes must be in place before this.
+  void start() {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    thread_ = std::thread([this, done] {
+      // A client that hangs up mid-response must not kill the process; the
+      // connection threads, started from this one, inherit the mask.
+      sigset_t pipe_signal;
+      sigemptyset(&pipe_signal);
+      sigaddset(&pipe_signal, SIGPIPE);
+      pthread_sigmask(SIG_BLOCK, &pipe_signal, nullptr);
+      server_.listen_after_bind();
+      done->store(true);
+    });
+    // stop() does nothing until listening has begun.
+    while (!server_.is_running() && !done->load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (!server_.is_running()) throw RuntimeError("listening on " + url() + " failed");
+  }
+
+ private:
+  httplib::SSLServer server_;
+  int port_ = -1;
+  std::thread thread_;
+};
+
+ReferenceServer::ReferenceServer(ServeRequest request) {
+  if (!is_directory(request.root_dir)) throw ValueError("server root is not a directory: " + quoted(std::string_view(request.root_dir)));
+  root_ = ServerRoot{resolve_path(expand_user(request.root_dir))};
+  tls_ = ensure_tls_files(root_.tls_dir());
+  files_ = std::make_unique<Site>(tls_, request.files_port);
+  api_ = std::make_unique<Site>(tls_, request.api_port);
+  add_object_store_routes(files_->http(), root_);
+  add_api_routes(api_->http(), root_, std::move(request.token), files_->url());
+  files_->start();
+  api_->start();
+}
+
+ReferenceServer::~ReferenceServer() {
+  api_.reset();
+  files_.reset();
+}
+
+std::string ReferenceServer::api_url() const { return api_->url(); }
+std::string ReferenceServer::files_url() const { return files_->url(); }
+const TlsFiles& ReferenceServer::tls() const { return tls_; }
+const ServerRoot& ReferenceServer::root() const { return root_; }
+
+}  // namespace quillmarsh::sync::server

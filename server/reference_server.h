@@ -1,0 +1,48 @@
+// The reference server on loopback: the API and the object store, each over
+// HTTPS with a certificate of the server's own CA, serving a root that
+// `publish_era` writes.
+#ifndef QUILLMARSH_SYNC_SERVER_REFERENCE_SERVER_H_
+#define QUILLMARSH_SYNC_SERVER_REFERENCE_SERVER_H_
+
+#include <memory>
+#include <string>
+
+#include "server/certificates.h"
+#include "server/routes.h"
+
+namespace quillmarsh::sync::server {
+
+struct ServeRequest {
+  std::string root_dir;
+  int api_port = 0;    // 0: any free port
+  int files_port = 0;  // 0: any free port
+  ExpectedToken token;
+};
+
+class ReferenceServer {
+ public:
+  // Makes the TLS files under the root when missing, binds 127.0.0.1 and
+  // serves before returning. Fails with ValueError for a root that is no
+  // directory, OSError when a port cannot be bound.
+  explicit ReferenceServer(ServeRequest request);
+  // Stops both sites and waits for their threads.
+  ~ReferenceServer();
+  ReferenceServer(const ReferenceServer&) = delete;
+  ReferenceServer& operator=(const ReferenceServer&) = delete;
+
+  std::string api_url() const;    // "https://127.0.0.1:P"
+  std::string files_url() const;  // "https://127.0.0.1:Q"
+  const TlsFiles& tls() const;
+  const ServerRoot& root() const;
+
+ private:
+  class Site;
+  ServerRoot root_;
+  TlsFiles tls_;
+  std::unique_ptr<Site> files_;
+  std::unique_ptr<Site> api_;
+};
+
+}  // namespace quillmarsh::sync::server
+
+#endif  // QUILLMARSH_SYNC_SERVER_REFERENCE_SERVER_H_

@@ -1,0 +1,233 @@
+// The vocabulary validators: names, paths, parsed values, bytes, files and
+// whole manifests.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "sync/artefacts/vocabulary.h"
+#include "sync/errors.h"
+#include "sync/support/posix_file.h"
+#include "tests/support/sync_fixture.h"
+#include "tests/support/temp_dir.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::SyncFixture;
+using testing::TempDir;
+
+// "Type: message" of what `f` raised, "ok" when it returned.
+std::string outcome(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const Error& e) {
+    return std::string(e.type_name()) + ": " + e.what();
+  }
+  return "ok";
+}
+
+TEST(NamedUniverse, CleansOrRefuses) {
+  struct Case {
+    std::optional<std::string> input;
+    std::string expected;  // the cleaned name, or the failure
+  };
+  const std::string unsafe = "SyncError: named_universe must be a single safe path segment: ";
+  const Case cases[] = {
+      {"equities", "equities"},
+      {"  equities\t", "equities"},
+      {"...a", "...a"},
+      {"...", "..."},
+      {std::nullopt, "SyncError: named_universe is required"},
+      {"", "SyncError: named_universe is required"},
+      {" \n ", "SyncError: named_universe is required"},
+      {"..", unsafe + "'..'"},
+      {" . ", unsafe + "' . '"},  // the input as received, not the stripped name
+      {"a/b", unsafe + "'a/b'"},
+      {"a\\b", unsafe + "'a\\\\b'"},
+      {std::string("a\0b", 3), unsafe + "'a\\x00b'"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input.value_or("<absent>"));
+    std::string got;
+    const std::string failure = outcome([&] { got = _validate_named_universe(c.input); });
+    EXPECT_EQ(failure == "ok" ? got : failure, c.expected);
+  }
+}
+
+TEST(VocabularyPath, GivesTheUniverseOfExactlyThreeSegments) {
+  const std::pair<const char*, std::optional<std::string>> cases[] = {
+      {"features/x/vocabulary.json", "x"},
+      {"features\\x\\vocabulary.json", "x"},
+      {"./features/x/vocabulary.json", "x"},
+      {"features/x/vocabulary.json/", "x"},
+      {"features/ x /vocabulary.json", "x"},
+      {"/features/x/vocabulary.json", std::nullopt},
+      {"features/a/b/vocabulary.json", std::nullopt},
+      {"features/vocabulary.json", std::nullopt},
+      {"Features/x/vocabulary.json", std::nullopt},
+      {"features/x/Vocabulary.json", std::nullopt},
+      {"features/../x/vocabulary.json", std::nullopt},
+      {"other/x/vocabulary.json", std::nullopt},
+  };
+  for (const auto& [path, expected] : cases) {
+    EXPECT_EQ(_vocabulary_named_universe_from_path(path), expected) << path;
+  }
+  // A blank segment passes the path gate and fails as a name.
+  EXPECT_EQ(outcome([] { _vocabulary_named_universe_from_path("features/  /vocabulary.json"); }),
+            "SyncError: named_universe is required");
+}
+
+TEST(VocabularyPath, ManifestPathsAreSortedAndSpelledAsListed) {
+  Json files = Json::object();
+  for (const char* p : {"features/zeta/vocabulary.json", "features/a.arrow", "features/alpha/vocabulary.json",
+                        "./features/beta/vocabulary.json", "features/x/y/vocabulary.json"}) {
+    files[p] = Json::object();
+  }
+  const Manifest manifest(Json{{"era_id", 1}, {"files", files}});
+  EXPECT_EQ(_vocabulary_manifest_paths(manifest),
+            (std::vector<std::string>{"./features/beta/vocabulary.json", "features/alpha/vocabulary.json",
+                                      "features/zeta/vocabulary.json"}));
+  EXPECT_THROW(_vocabulary_manifest_paths(Manifest(Json{{"files", nullptr}})), TypeError);
+}
+
+// A valid vocabulary of era 7 for universe "x", changed by `edit`.
+Json vocabulary_with(const std::function<void(Json&)>& edit) {
+  Json v = SyncFixture::vocabulary(7, "x");
+  edit(v);
+  return v;
+}
+
+TEST(VocabularyData, RefusesInTheOrderOfItsTests) {
+  struct Case {
+    const char* name;
+    Json vocabulary;
+    std::optional<std::string> universe;
+    std::string expected;
+  };
+  const std::string x = "x";
+  const Case cases[] = {
+      {"array", Json::array({1}), x, "SyncError: vocabulary.json must contain a JSON object"},
+      {"text", Json("x"), x, "SyncError: vocabulary.json must contain a JSON object"},
+      {"missing keys, sorted",
+       vocabulary_with([](Json& v) {
+         v.erase("metadata");
+         v.erase("features");
+       }),
+       x, "SyncError: vocabulary.json missing required keys: ['features', 'metadata']"},
+      {"era and universe both wrong: the era speaks",
+       vocabulary_with([](Json& v) {
+         v["era_id"] = 8;
+         v["named_universe"] = "y";
+       }),
+       x, "EraError: vocabulary.json era_id=8 does not match manifest era_id=7"},
+      {"era as text", vocabulary_with([](Json& v) { v["era_id"] = "7"; }), x,
+       "EraError: vocabulary.json era_id=7 does not match manifest era_id=7"},
+      {"era null", vocabulary_with([](Json& v) { v["era_id"] = nullptr; }), x,
+       "EraError: vocabulary.json era_id=None does not match manifest era_id=7"},
+      {"metadata null", vocabulary_with([](Json& v) { v["metadata"] = nullptr; }), x,
+       "SyncError: vocabulary.json metadata must be an object"},
+      {"unsafe argument", vocabulary_with([](Json&) {}), "../x",
+       "SyncError: named_universe must be a single safe path segment: '../x'"},
+      {"other universe", vocabulary_with([](Json& v) { v["named_universe"] = "y"; }), x,
+       "SyncError: vocabulary.json named_universe does not match manifest path 'x'"},
+      {"own name with blanks, no argument", vocabulary_with([](Json& v) { v["named_universe"] = " x "; }),
+       std::nullopt, "SyncError: vocabulary.json named_universe does not match manifest path 'x'"},
+      {"own name null, no argument", vocabulary_with([](Json& v) { v["named_universe"] = nullptr; }),
+       std::nullopt, "SyncError: named_universe is required"},
+      {"metadata without a name", vocabulary_with([](Json& v) { v["metadata"].erase("named_universe"); }), x,
+       "SyncError: vocabulary.json metadata.named_universe does not match manifest path 'x'"},
+      {"metadata of another universe", vocabulary_with([](Json& v) { v["metadata"]["named_universe"] = "y"; }),
+       x, "SyncError: vocabulary.json metadata.named_universe does not match manifest path 'x'"},
+      {"valid", vocabulary_with([](Json&) {}), x, "ok"},
+      {"valid by its own name", vocabulary_with([](Json&) {}), std::nullopt, "ok"},
+      {"era as a float", vocabulary_with([](Json& v) { v["era_id"] = 7.0; }), x, "ok"},
+      {"argument with blanks", vocabulary_with([](Json&) {}), "  x ", "ok"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(outcome([&] { _validate_vocabulary_data(c.vocabulary, 7, c.universe); }), c.expected);
+  }
+}
+
+TEST(VocabularyBytes, UndecodableBytesAreBadJsonAndValidatorFailuresAreNotWrapped) {
+  for (const std::string& bytes : {std::string(), std::string("{\"era_id\": 7,"), std::string("\"\xff\"")}) {
+    SCOPED_TRACE(bytes);
+    try {
+      _validate_vocabulary_bytes(bytes, 7, "x");
+      ADD_FAILURE() << "accepted";
+    } catch (const SyncError& e) {
+      EXPECT_TRUE(std::string(e.what()).starts_with("vocabulary.json is not valid JSON: ")) << e.what();
+      EXPECT_EQ(dynamic_cast<const EraError*>(&e), nullptr);
+      EXPECT_TRUE(e.cause()) << "the decoding failure is kept as the cause";
+    }
+  }
+  EXPECT_EQ(outcome([] { _validate_vocabulary_bytes(json_text(SyncFixture::vocabulary(6, "x")), 7, "x"); }),
+            "EraError: vocabulary.json era_id=6 does not match manifest era_id=7");
+  EXPECT_EQ(_validate_vocabulary_bytes(json_text(SyncFixture::vocabulary(7, "x")), 7, "x"),
+            SyncFixture::vocabulary(7, "x"));
+}
+
+TEST(VocabularyFile, MissingAndUnreadableFilesAreTold) {
+  TempDir dir;
+  EXPECT_EQ(outcome([&] { _validate_vocabulary_file(dir / "absent.json", 7, "x"); }),
+            "SyncError: vocabulary.json is missing");
+  make_dirs(dir / "a_directory");
+  try {
+    _validate_vocabulary_file(dir / "a_directory", 7, "x");
+    ADD_FAILURE() << "a directory was read as a vocabulary";
+  } catch (const SyncError& e) {
+    EXPECT_TRUE(std::string(e.what()).starts_with("vocabulary.json is not readable: ")) << e.what();
+    EXPECT_THROW(std::rethrow_exception(e.cause()), OSError);
+  }
+  write_file(dir / "v.json", json_text(SyncFixture::vocabulary(7, "x")));
+  EXPECT_EQ(_validate_vocabulary_file(dir / "v.json", 7, "x")["named_universe"], "x");
+}
+
+class ManifestVocabularies : public ::testing::Test {
+ protected:
+  // Writes `vocabulary` at features/{universe}/vocabulary.json.
+  void put(const std::string& universe, const Json& vocabulary) {
+    make_dirs(dir_ / ("features/" + universe));
+    write_file(dir_ / SyncFixture::vocabulary_path(universe), json_text(vocabulary));
+  }
+  Manifest manifest_of(const std::vector<std::string>& universes, Json era_id = 7) {
+    Json files = Json::object();
+    files["features/zz/data.arrow"] = Json::object();
+    for (const std::string& u : universes) files[SyncFixture::vocabulary_path(u)] = Json::object();
+    return Manifest(Json{{"era_id", era_id}, {"files", files}});
+  }
+  TempDir dir_;
+};
+
+TEST_F(ManifestVocabularies, TwoUniversesComeBackInSortedOrder) {
+  put("beta", SyncFixture::vocabulary(7, "beta", Json{{"n_instruments", 2}}));
+  put("alpha", SyncFixture::vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
+  const Json vocabularies = _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta", "alpha"}));
+  ASSERT_EQ(vocabularies.size(), 2u);
+  EXPECT_EQ(vocabularies.begin().key(), "alpha");
+  EXPECT_EQ(vocabularies["alpha"], SyncFixture::vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
+  EXPECT_EQ(vocabularies["beta"]["metadata"]["n_instruments"], 2);
+  // The first in sorted order stands for all.
+  EXPECT_EQ(_first_vocabulary_metadata(vocabularies)["n_instruments"], 1);
+  // An era held as text converts.
+  EXPECT_EQ(_validate_manifest_vocabulary_files(dir_.path(), manifest_of({"alpha"}, "7")).size(), 1u);
+}
+
+TEST_F(ManifestVocabularies, TheFirstBadFileInSortedOrderIsReported) {
+  put("beta", SyncFixture::vocabulary(6, "beta"));
+  put("alpha", SyncFixture::vocabulary(7, "gamma"));
+  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta", "alpha"})); }),
+            "SyncError: vocabulary.json named_universe does not match manifest path 'alpha'");
+  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta"})); }),
+            "EraError: vocabulary.json era_id=6 does not match manifest era_id=7");
+  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"delta"})); }),
+            "SyncError: vocabulary.json is missing");
+  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({})); }),
+            "SyncError: manifest is missing per-universe vocabulary.json entries");
+  // An era that will not convert is no finding about the files.
+  EXPECT_THROW(_validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta"}, "seven")), ValueError);
+  EXPECT_THROW(_validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta"}, nullptr)), TypeError);
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

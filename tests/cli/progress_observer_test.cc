@@ -1,0 +1,75 @@
+// The optional progress observer through which qmsync shows a download.
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "tests/support/sync_fixture.h"
+
+namespace quillmarsh::sync::testing {
+namespace {
+
+class ProgressObserverTest : public SyncFixture {
+ protected:
+  // Three data files of 10, 200 and 3000 bytes, published with the era's artefacts.
+  void publish_three_files() {
+    Json files = Json::object();
+    files["features/u/a.bin"] = store_file("features/u/a.bin", std::string(10, 'a'), "feature");
+    files["features/u/b.bin"] = store_file("features/u/b.bin", std::string(200, 'b'), "feature");
+    files["docs/c.txt"] = store_file("docs/c.txt", std::string(3000, 'c'));
+    publish(with_artefacts(manifest(1, 1, files)));
+  }
+
+  // Syncs with an observer and checks what it was told.
+  void expect_told_of_each_file() {
+    publish_three_files();
+    auto manager = make_manager();
+    std::vector<DownloadProgress> calls;
+    const auto caller = std::this_thread::get_id();
+    bool on_caller = true;
+    manager->set_progress_observer([&](const DownloadProgress& p) {
+      on_caller = on_caller && std::this_thread::get_id() == caller;
+      calls.push_back(p);
+    });
+    const SyncResult result = manager->sync();
+
+    ASSERT_EQ(calls.size(), 4u);
+    EXPECT_TRUE(on_caller);
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+      EXPECT_EQ(calls[i].files_done, static_cast<std::int64_t>(i));
+      EXPECT_EQ(calls[i].files_selected, 3);
+      EXPECT_EQ(calls[i].bytes_selected, 3210);
+      if (i > 0) {
+        EXPECT_GT(calls[i].bytes_done, calls[i - 1].bytes_done);
+      }
+    }
+    EXPECT_EQ(calls.front().bytes_done, 0);
+    EXPECT_EQ(calls.back().bytes_done, 3210);
+    EXPECT_EQ(result.bytes_downloaded, 3210);
+  }
+};
+
+TEST_F(ProgressObserverTest, ToldOfEachFileOfAParallelBatch) { expect_told_of_each_file(); }
+
+TEST_F(ProgressObserverTest, ToldOfEachFileWhenDownloadsRunOneByOne) {
+  env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "1");
+  expect_told_of_each_file();
+}
+
+TEST_F(ProgressObserverTest, AnObserverThatThrowsChangesNothing) {
+  publish_three_files();
+  auto manager = make_manager();
+  int calls = 0;
+  manager->set_progress_observer([&](const DownloadProgress&) {
+    ++calls;
+    throw std::runtime_error("display broke");
+  });
+  const SyncResult result = manager->sync();
+  EXPECT_EQ(calls, 4);
+  EXPECT_EQ(result.bytes_downloaded, 3210);
+  EXPECT_EQ(read_file(path("docs/c.txt")), std::string(3000, 'c'));
+  EXPECT_TRUE(manager->verify().valid);
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync::testing

@@ -1,0 +1,122 @@
+// The reference server that `qmsync serve` runs, in process: what its two
+// sites answer, read as raw HTTP exchanges.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+#include "server/publisher.h"
+#include "server/reference_server.h"
+#include "sync/engine/curl_session.h"
+#include "sync/engine/file_primitives.h"
+#include "sync/support/json_text.h"
+#include "sync/support/posix_file.h"
+#include "tests/support/temp_dir.h"
+
+namespace quillmarsh::sync::testing {
+namespace {
+
+class ReferenceServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    write_source(1);
+    publish(1, /*activate=*/false);
+    server_ = std::make_unique<server::ReferenceServer>(
+        server::ServeRequest{tmp_ / "root", 0, 0, [this] { return expected_token_; }});
+    set_extra_ca_file(server_->tls().ca_file);
+  }
+  void TearDown() override { set_extra_ca_file(std::nullopt); }
+
+  void write_source(std::int64_t era) {
+    const std::string features = tmp_ / ("source" + std::to_string(era) + "/features/u");
+    make_dirs(features);
+    Json v = Json::object();
+    v["era_id"] = era;
+    v["named_universe"] = "u";
+    for (const char* key : {"rotations", "filtrations", "reductions", "features"}) v[key] = Json::array();
+    v["metadata"] = Json{{"named_universe", "u"}};
+    write_file(features + "/vocabulary.json", json_text(v));
+    write_file(features + "/digits.txt", "0123456789");
+  }
+
+  void publish(std::int64_t era, bool activate) {
+    server::publish_era({tmp_ / ("source" + std::to_string(era)), tmp_ / "root", era, 10 + era, std::nullopt, activate});
+  }
+
+  OpenedResponse get(const std::string& url, std::optional<std::string> token = "t0k",
+                     std::optional<std::string> range = std::nullopt) {
+    HttpRequest request{url, {}};
+    if (token) request.headers.emplace_back("Authorization", "Bearer " + *token);
+    if (range) request.headers.emplace_back("Range", *range);
+    return open_http_request(request, 10);
+  }
+
+  TempDir tmp_;
+  std::string expected_token_ = "t0k";
+  std::unique_ptr<server::ReferenceServer> server_;
+};
+
+TEST_F(ReferenceServerTest, ObjectStoreAnswersSingleRangesAndNothingOutsideTheEra) {
+  const std::string file = server_->files_url() + "/era_1/features/u/digits.txt";
+  EXPECT_EQ(get(file, std::nullopt).body, "0123456789");
+
+  const OpenedResponse span = get(file, std::nullopt, "bytes=2-5");
+  EXPECT_EQ(span.status, 206);
+  EXPECT_EQ(span.body, "2345");
+  EXPECT_EQ(span.headers.at("Content-Range"), "bytes 2-5/10");
+  EXPECT_EQ(get(file, std::nullopt, "bytes=7-").body, "789");
+  EXPECT_EQ(get(file, std::nullopt, "bytes=-3").body, "789");
+  EXPECT_EQ(get(file, std::nullopt, "bytes=4-400").body, "456789");
+
+  const OpenedResponse beyond = get(file, std::nullopt, "bytes=10-");
+  EXPECT_EQ(beyond.status, 416);
+  EXPECT_EQ(beyond.headers.at("Content-Range"), "bytes */10");
+
+  // Decoded by the server into "../..", which must not climb out of the era.
+  EXPECT_EQ(get(server_->files_url() + "/era_1/%2e%2e/%2e%2e/current.json", std::nullopt).status, 404);
+  EXPECT_EQ(get(server_->files_url() + "/era_2/features/u/digits.txt", std::nullopt).status, 404);
+}
+
+TEST_F(ReferenceServerTest, ApiWantsTheCurrentTokenAndNeverAcceptsAnEmptyOne) {
+  const std::string url = server_->api_url() + "/data/manifest/version";
+  EXPECT_EQ(get(url).status, 200);
+  EXPECT_EQ(get(url, "wrong").status, 401);
+  EXPECT_EQ(get(url, std::nullopt).status, 401);
+
+  expected_token_ = "rotated";
+  EXPECT_EQ(get(url).status, 401);
+  EXPECT_EQ(get(url, "rotated").status, 200);
+
+  expected_token_ = "";
+  EXPECT_EQ(get(url, "").status, 401);
+}
+
+TEST_F(ReferenceServerTest, ApiServesTheEraTheStateNamesUntilItIsSwitched) {
+  const Json manifest = parse_json_text(get(server_->api_url() + "/data/manifest").body);
+  EXPECT_EQ(manifest["era_id"], 1);
+  EXPECT_EQ(manifest["base_url"], server_->files_url() + "/era_1");
+  EXPECT_EQ(manifest["files"]["features/u/digits.txt"]["sha256"], _sha256("0123456789"));
+
+  // The digest a client compares with its manifest.json, which is written in
+  // the same text form as the body.
+  const std::string body = get(server_->api_url() + "/data/manifest").body;
+  const Json version = parse_json_text(get(server_->api_url() + "/data/manifest/version").body);
+  EXPECT_EQ(version, (Json{{"version", 11}, {"era_id", 1}, {"manifest_sha256", _sha256(body)}}));
+
+  const OpenedResponse seed = get(server_->api_url() + "/data/shuffle");
+  EXPECT_EQ(seed.body.size(), 60u);
+  EXPECT_EQ(seed.headers.at("X-Era-Id"), "1");
+
+  // A second era published beside the first is served only once activated.
+  write_source(2);
+  publish(2, /*activate=*/false);
+  EXPECT_EQ(parse_json_text(get(server_->api_url() + "/era/current").body)["era_id"], 1);
+  publish(2, /*activate=*/true);
+  EXPECT_EQ(parse_json_text(get(server_->api_url() + "/era/current").body),
+            (Json{{"era_id", 2}, {"state", "active"}}));
+  EXPECT_EQ(parse_json_text(get(server_->api_url() + "/data/manifest").body)["era_id"], 2);
+  EXPECT_EQ(get(server_->api_url() + "/data/shuffle").headers.at("X-Era-Id"), "2");
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync::testing

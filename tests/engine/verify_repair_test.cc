@@ -1,0 +1,227 @@
+// verify, repair and report_corruption against a manifest in force that an
+// earlier run left on disk, with the object store serving the good bytes.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <thread>
+
+#include "sync/engine/platform.h"
+#include "sync/errors.h"
+#include "sync/support/posix_file.h"
+#include "tests/support/sync_fixture.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::SyncFixture;
+
+// Polls `done` until it holds or ten seconds pass; says whether it held.
+bool wait_until(const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+class VerifyRepair : public SyncFixture {
+ protected:
+  // Serves `bytes` for `rel` and lists it in `files`; puts `local` on disk
+  // unless it is absent.
+  void add(Json& files, const std::string& rel, const std::string& bytes, std::optional<std::string> local,
+           const std::string& kind = "") {
+    files[rel] = store_file(rel, bytes, kind);
+    if (local) put_local(rel, *local);
+  }
+  void put_local(const std::string& rel, const std::string& bytes) {
+    make_dirs(dir_name(path(rel)));
+    write_file(path(rel), bytes);
+  }
+  // A manager that finds `files`, as the manifest of era 3, on disk.
+  std::shared_ptr<SyncManager> manager_over(const Json& files) {
+    _write_manifest_json(dir_.path(), manifest(3, 7, files));
+    return make_manager();
+  }
+  std::string local(const std::string& rel) const {
+    return path_exists(path(rel)) ? read_file(path(rel)) : std::string("<missing>");
+  }
+  std::size_t warnings_starting(const std::string& prefix) const {
+    std::size_t n = 0;
+    for (const LogRecord& r : log_.records()) n += r.level == LogLevel::warning && r.message.rfind(prefix, 0) == 0;
+    return n;
+  }
+  bool queue_empty(SyncManager& m) {
+    std::lock_guard<std::mutex> lock(m._repair_lock);
+    return m._repair_queue.empty();
+  }
+  // Whether the flock and its in-process lock are free again.
+  bool flock_free(SyncManager& m) const {
+    return !m._flock_lock.held_by_this_thread() && !m._flock_fd && !path_exists(path(".sync_flock"));
+  }
+};
+
+TEST_F(VerifyRepair, VerifyListsMissingAndCorruptedFilesHashingAfresh) {
+  EXPECT_EQ(make_manager()->verify(), VerifyResult{});  // no manifest: valid, nothing listed
+
+  Json files = Json::object();
+  add(files, "features/a.bin", "aaaa", "aaaa");
+  add(files, "features/b.bin", "bbbb", "BBBB");  // same size, other bytes
+  add(files, "features/c.bin", "cccc", "cc");
+  add(files, "features/d.bin", "dddd", std::nullopt);
+  files["features/e.bin"] = Json{{"size_bytes", 4}};  // no digest: the size decides
+  put_local("features/e.bin", "eeee");
+  files["features/f.bin"] = Json{{"sha256", _sha256("ffff")}};  // no size: counts as 0
+  put_local("features/f.bin", "ffff");
+  files["features/g.bin"] = Json{{"size_bytes", "4"}, {"sha256", _sha256("gggg")}};  // size as text
+  put_local("features/g.bin", "gggg");
+  add(files, "features/u/vocabulary.json", "{\"era_id\": 3}", "{}");
+  Json other = Json{{"size_bytes", 1}, {"kind", "vault_module"}, {"platform", "plan9_mips"}};
+  files["modules/other.so"] = other;
+  Json here = Json{{"size_bytes", 1}, {"kind", "backtester_module"}, {"platform", CURRENT_PLATFORM}};
+  files["modules/here.so"] = here;
+  auto m = manager_over(files);
+
+  // The cache claims b is fine; verify does not ask it, nor write to it.
+  m->_remember_local_sha("features/b.bin", path("features/b.bin"), _sha256("bbbb"));
+  const VerifyResult result = m->verify();
+  EXPECT_FALSE(result.valid);
+  EXPECT_EQ(result.corrupted_files, (std::vector<std::string>{"features/b.bin", "features/c.bin", "features/f.bin",
+                                                              "features/g.bin", "features/u/vocabulary.json"}));
+  EXPECT_EQ(result.missing_files, (std::vector<std::string>{"features/d.bin", "modules/here.so"}));
+  EXPECT_EQ(m->_hash_cache.size(), 1u);
+  EXPECT_EQ(m->_hash_cache.at("features/b.bin")->at("sha256"), _sha256("bbbb"));
+  EXPECT_FALSE(path_exists(path(".sync_hash_cache.json")));
+}
+
+TEST_F(VerifyRepair, RepairRestoresWhatVerifyFoundAndFlushesTheCache) {
+  Json files = Json::object();
+  add(files, "features/a.bin", "aaaa", "aaaa", "feature");
+  add(files, "features/b.bin", "bbbb", "BBBB", "feature");
+  add(files, "features/d.bin", "dddd", std::nullopt);
+  put_local("features/d.bin.tmp", "dd");  // left by an earlier attempt: resumed
+  auto m = manager_over(files);
+
+  const VerifyResult found = m->verify();
+  std::vector<std::string> batch = found.corrupted_files;
+  batch.insert(batch.end(), found.missing_files.begin(), found.missing_files.end());
+  batch.push_back("features/unknown.bin");
+  ASSERT_EQ(batch.size(), 3u);
+  const SyncResult result = m->repair(batch);
+
+  EXPECT_EQ(local("features/b.bin"), "bbbb");
+  EXPECT_EQ(local("features/d.bin"), "dddd");
+  EXPECT_TRUE(m->verify().valid);
+  EXPECT_EQ(result.era_id, 3);
+  EXPECT_EQ(result.features_downloaded, 1);
+  EXPECT_EQ(result.bytes_downloaded, 8);
+  const auto d_requests = [&] {
+    std::vector<std::optional<std::string>> ranges;
+    for (const auto& r : store_.requests()) {
+      if (r.path == "/bucket/features/d.bin") ranges.push_back(r.range);
+    }
+    return ranges;
+  }();
+  EXPECT_EQ(d_requests, (std::vector<std::optional<std::string>>{"bytes=2-"}));
+  EXPECT_EQ(store_.request_count("/bucket/features/a.bin"), 0u);
+  EXPECT_EQ(store_.request_count("/bucket/features/unknown.bin"), 0u);
+  EXPECT_TRUE(flock_free(*m));
+
+  const Json cache = parse_json_text(read_file(path(".sync_hash_cache.json")));
+  EXPECT_EQ(cache["files"]["features/b.bin"]["sha256"], _sha256("bbbb"));
+  EXPECT_EQ(cache["files"]["features/d.bin"]["sha256"], _sha256("dddd"));
+  EXPECT_FALSE(m->_hash_cache_dirty);
+}
+
+TEST_F(VerifyRepair, AnEmptyBatchStillFlushesAndWithoutAManifestOnlyAnEmptyBatchPasses) {
+  auto bare = make_manager();
+  EXPECT_EQ(bare->repair({}), SyncResult{});
+  EXPECT_THROW(bare->repair({"features/a.bin"}), StateError);
+  EXPECT_TRUE(flock_free(*bare));
+
+  Json files = Json::object();
+  add(files, "features/a.bin", "aaaa", "aaaa");
+  auto m = manager_over(files);
+  m->_remember_local_sha("features/a.bin", path("features/a.bin"), _sha256("aaaa"));
+  SyncResult expected;
+  expected.era_id = 3;
+  EXPECT_EQ(m->repair({}), expected);
+  EXPECT_TRUE(path_exists(path(".sync_hash_cache.json")));
+  EXPECT_FALSE(m->_hash_cache_dirty);
+  EXPECT_TRUE(flock_free(*m));
+  EXPECT_TRUE(store_.requests().empty());
+}
+
+TEST_F(VerifyRepair, TheFirstFailureEndsTheBatchWithoutAFlush) {
+  Json files = Json::object();
+  add(files, "features/a.bin", "aaaa", std::nullopt);
+  store_.remove("/bucket/features/a.bin");
+  add(files, "features/b.bin", "bbbb", "BBBB");
+  auto m = manager_over(files);
+  m->_remember_local_sha("features/b.bin", path("features/b.bin"), _sha256("BBBB"));
+
+  EXPECT_THROW(m->repair({"features/a.bin", "features/b.bin"}), IntegrityError);
+  EXPECT_EQ(store_.request_count("/bucket/features/b.bin"), 0u);
+  EXPECT_EQ(local("features/b.bin"), "BBBB");
+  EXPECT_TRUE(m->_hash_cache_dirty);
+  EXPECT_FALSE(path_exists(path(".sync_hash_cache.json")));
+  EXPECT_TRUE(flock_free(*m));
+}
+
+TEST_F(VerifyRepair, ReportsNeedARunningServiceAndAPathOfTheManifest) {
+  Json files = Json::object();
+  add(files, "features/a.bin", "aaaa", "AAAA");
+  auto m = manager_over(files);
+  try {
+    m->report_corruption("features/a.bin");
+    ADD_FAILURE() << "a report before start was accepted";
+  } catch (const StateError& e) {
+    EXPECT_STREQ(e.what(), "Sync thread is not running. Call start() or acquire() first.");
+  }
+  EXPECT_TRUE(queue_empty(*m));
+
+  m->start();
+  try {
+    m->report_corruption("features/nope.bin");
+    ADD_FAILURE() << "an unknown path was accepted";
+  } catch (const ValueError& e) {
+    EXPECT_STREQ(e.what(), "File not in manifest: features/nope.bin");
+  }
+  EXPECT_TRUE(queue_empty(*m));
+  m->stop();
+  EXPECT_EQ(local("features/a.bin"), "AAAA");
+}
+
+TEST_F(VerifyRepair, ReportedFilesAreRepairedInTheBackground) {
+  Json files = Json::object();
+  add(files, "features/a.bin", "aaaa", "AAAA");
+  add(files, "features/b.bin", "bbbb", std::nullopt);
+  add(files, "features/c.bin", "cccc", "CCCC");
+  store_.remove("/bucket/features/c.bin");
+  auto m = manager_over(files);
+  // Nothing is published, so the poll loop's own pass fails and repairs nothing.
+  m->start();
+  ASSERT_TRUE(wait_until([&] { return warnings_starting("Poll once failed: ") == 1; }));
+
+  m->report_corruption("features/a.bin");
+  m->report_corruption("features/b.bin");
+  EXPECT_TRUE(wait_until([&] { return local("features/a.bin") == "aaaa" && local("features/b.bin") == "bbbb"; }));
+
+  // A batch that fails is logged and dropped, not queued again.
+  m->report_corruption("features/c.bin");
+  EXPECT_TRUE(wait_until([&] { return warnings_starting("Background repair failed: Download failed for features/c.bin") == 1; }));
+  EXPECT_TRUE(queue_empty(*m));
+  EXPECT_EQ(local("features/c.bin"), "CCCC");
+
+  m->stop();
+  // Every repair thread lets go of the manager when it ends.
+  EXPECT_TRUE(wait_until([&] { return m.use_count() == 1; }));
+  const Json cache = parse_json_text(read_file(path(".sync_hash_cache.json")));
+  EXPECT_EQ(cache["files"]["features/a.bin"]["sha256"], _sha256("aaaa"));
+  EXPECT_EQ(cache["files"]["features/b.bin"]["sha256"], _sha256("bbbb"));
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

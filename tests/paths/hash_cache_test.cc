@@ -1,0 +1,363 @@
+// The digest cache: its file form, what survives a restart, which stat
+// changes invalidate an entry, the dirty flag, and the local comparison built
+// on it. Whether a file was read is observed through inotify, which reports
+// every open of a watched file.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "sync/engine/platform.h"
+#include "sync/errors.h"
+#include "sync/support/posix_file.h"
+#include "tests/support/sync_fixture.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::SyncFixture;
+
+// Counts the opens of the files it watches.
+class OpenWatch {
+ public:
+  explicit OpenWatch(const std::vector<std::string>& paths) : fd_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    if (fd_ < 0) throw std::runtime_error("inotify_init1 failed");
+    // Watching closes too keeps two opens in a row from merging into one event.
+    for (const std::string& p : paths) {
+      if (inotify_add_watch(fd_, p.c_str(), IN_OPEN | IN_CLOSE_NOWRITE) < 0) throw std::runtime_error("watch " + p);
+    }
+  }
+  ~OpenWatch() { ::close(fd_); }
+
+  // Opens since the last call.
+  int opens() {
+    int n = 0;
+    alignas(inotify_event) char buffer[4096];
+    for (;;) {
+      const ssize_t got = ::read(fd_, buffer, sizeof buffer);
+      if (got <= 0) return n;
+      for (char* p = buffer; p < buffer + got;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(p);
+        if (event->mask & IN_OPEN) ++n;
+        p += sizeof(inotify_event) + event->len;
+      }
+    }
+  }
+
+ private:
+  int fd_;
+};
+
+Json entry_of(const std::string& bytes) { return Json{{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}}; }
+
+// An entry in the cache's own form for the file as it stands.
+Json cache_entry(const std::string& local_path, const std::string& sha) {
+  const FileStat st = stat_path(local_path);
+  Json e = Json::object();
+  e["ctime_ns"] = st.ctime_ns;
+  e["inode"] = static_cast<std::int64_t>(st.inode);
+  e["mtime_ns"] = st.mtime_ns;
+  e["sha256"] = sha;
+  e["size_bytes"] = st.size;
+  return e;
+}
+
+void set_mtime_ns(const std::string& p, std::int64_t ns) {
+  const timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, p.c_str(), times, 0), 0);
+}
+
+class HashCache : public SyncFixture {
+ protected:
+  // Writes `bytes` at the manifest path `rel`; returns the local path.
+  std::string put(const std::string& rel, const std::string& bytes) {
+    const std::string local = path(rel);
+    make_dirs(dir_name(local));
+    write_file(local, bytes);
+    return local;
+  }
+  std::string cache_file() { return path(".sync_hash_cache.json"); }
+};
+
+TEST_F(HashCache, PersistsSortedOneLineTextThatARestartedManagerTrusts) {
+  const std::string b = put("b/second.bin", "bbbb");
+  const std::string a = put("a/\xc3\xa9.bin", "aa");
+  auto first = make_manager();
+  // Remembered in the opposite order to the one the file holds.
+  EXPECT_TRUE(first->_local_file_matches_manifest("b/second.bin", b, entry_of("bbbb")));
+  EXPECT_TRUE(first->_local_file_matches_manifest("a/\xc3\xa9.bin", a, entry_of("aa")));
+  EXPECT_TRUE(first->_hash_cache_dirty);
+  first->_persist_hash_cache();
+  EXPECT_FALSE(first->_hash_cache_dirty);
+
+  auto field_text = [](const std::string& p, const std::string& bytes) {
+    const FileStat st = stat_path(p);
+    return "{\"ctime_ns\": " + std::to_string(st.ctime_ns) + ", \"inode\": " + std::to_string(st.inode) +
+           ", \"mtime_ns\": " + std::to_string(st.mtime_ns) + ", \"sha256\": \"" + _sha256(bytes) +
+           "\", \"size_bytes\": " + std::to_string(bytes.size()) + "}";
+  };
+  EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"a/\\u00e9.bin\": " + field_text(a, "aa") +
+                                         ", \"b/second.bin\": " + field_text(b, "bbbb") + "}, \"version\": 1}");
+
+  // A new manager on the same directory checks both files without reading either.
+  auto second = make_manager();
+  EXPECT_FALSE(second->_hash_cache_dirty);
+  EXPECT_EQ(second->_cached_local_sha("b/second.bin", b, _sha256("bbbb")), _sha256("bbbb"));
+  EXPECT_EQ(second->_cached_local_sha("b/second.bin", b, _sha256("other")), std::nullopt);
+  EXPECT_EQ(second->_cached_local_sha("b/second.bin", b, ""), std::nullopt);
+  OpenWatch watch({a, b});
+  EXPECT_TRUE(second->_local_file_matches_manifest("b/second.bin", b, entry_of("bbbb")));
+  EXPECT_TRUE(second->_local_file_matches_manifest("a/\xc3\xa9.bin", a, entry_of("aa")));
+  EXPECT_EQ(watch.opens(), 0);
+  // Without the cache the same check reads the file: the watch sees opens.
+  EXPECT_TRUE(second->_local_file_matches_manifest("b/second.bin", b, entry_of("bbbb"), false));
+  EXPECT_EQ(watch.opens(), 1);
+}
+
+TEST_F(HashCache, AHitIsTrustedWithoutReadingAndEveryStatFieldMustMatch) {
+  const std::string p = put("f.bin", "real");
+  const std::string claimed = _sha256("fake");  // same size, other bytes
+  const Json good = cache_entry(p, claimed);
+  // Planted through the file, so the load is exercised too.
+  write_file(cache_file(), json_text(Json{{"version", 1}, {"files", {{"f.bin", good}}}}));
+  auto m = make_manager();
+  OpenWatch watch({p});
+  EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, entry_of("fake")));
+  EXPECT_EQ(watch.opens(), 0);
+  EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("fake"), false));
+  EXPECT_EQ(watch.opens(), 1);
+
+  auto hits_with = [&](const Json& entry) {
+    std::lock_guard<std::mutex> lock(m->_hash_cache_lock);
+    m->_hash_cache["f.bin"] = std::make_shared<const Json>(entry);
+  };
+  for (const char* field : {"size_bytes", "mtime_ns", "ctime_ns", "inode"}) {
+    SCOPED_TRACE(field);
+    Json moved = good;
+    moved[field] = moved[field].get<std::int64_t>() + 1;
+    hits_with(moved);
+    EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), std::nullopt);
+    Json lacking = good;
+    lacking.erase(field);
+    hits_with(lacking);
+    EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), std::nullopt);
+    Json unparsable = good;
+    unparsable[field] = "many";
+    hits_with(unparsable);
+    EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), std::nullopt);
+    Json as_text = good;
+    as_text[field] = std::to_string(good[field].get<std::int64_t>());
+    hits_with(as_text);
+    EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), claimed);
+  }
+  hits_with(Json::array({1, 2}));
+  EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), std::nullopt);
+  EXPECT_EQ(m->_cached_local_sha("f.bin", path("gone.bin"), claimed), std::nullopt);
+
+  // An entry without an inode misses, and the hash that follows replaces it.
+  Json lacking = good;
+  lacking.erase("inode");
+  lacking["sha256"] = _sha256("real");
+  hits_with(lacking);
+  m->_hash_cache_dirty = false;
+  EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, entry_of("real")));
+  EXPECT_EQ(watch.opens(), 1);
+  EXPECT_TRUE(m->_hash_cache_dirty);
+  EXPECT_EQ(*m->_hash_cache.at("f.bin"), cache_entry(p, _sha256("real")));
+}
+
+TEST_F(HashCache, ARewriteThatKeepsSizeAndModificationTimeMisses) {
+  const std::string p = put("f.bin", "good");
+  auto m = make_manager();
+  ASSERT_TRUE(m->_local_file_matches_manifest("f.bin", p, entry_of("good")));
+  const FileStat recorded = stat_path(p);
+
+  // In place: the inode stays, the modification time is put back.
+  write_file(p, "evil");
+  set_mtime_ns(p, recorded.mtime_ns);
+  // The status-change clock may be coarse: touch until it has moved.
+  for (int i = 0; i < 1000000 && stat_path(p).ctime_ns == recorded.ctime_ns; ++i) set_mtime_ns(p, recorded.mtime_ns);
+  ASSERT_EQ(stat_path(p).inode, recorded.inode);
+  ASSERT_EQ(stat_path(p).mtime_ns, recorded.mtime_ns);
+  EXPECT_EQ(m->_cached_local_sha("f.bin", p, _sha256("good")), std::nullopt);
+  EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("good")));
+
+  // A new file renamed over it, with the old time: a new inode.
+  ASSERT_TRUE(m->_local_file_matches_manifest("f.bin", p, entry_of("evil")));
+  const FileStat before = stat_path(p);
+  write_file(p + ".new", "good");
+  set_mtime_ns(p + ".new", before.mtime_ns);
+  rename_file(p + ".new", p);
+  ASSERT_NE(stat_path(p).inode, before.inode);
+  EXPECT_EQ(m->_cached_local_sha("f.bin", p, _sha256("evil")), std::nullopt);
+  EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("evil")));
+}
+
+TEST_F(HashCache, UnusableCacheFilesLoadAsAnEmptyCacheAndStayUntilTheNextFlush) {
+  struct Case {
+    const char* text;
+    bool warns;
+  };
+  const std::vector<Case> cases = {
+      {"{\"files\": {", true},
+      {"{\"files\": {}, \"version\": 1}\xff", true},
+      {"{\"files\": {\"a\": {}}, \"version\": 2}", false},
+      {"{\"files\": {\"a\": {}}, \"version\": \"1\"}", false},
+      {"{\"files\": {\"a\": {}}}", false},
+      {"{\"files\": [], \"version\": 1}", false},
+      {"[1]", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    write_file(cache_file(), c.text);
+    log_.clear();
+    auto m = make_manager();
+    EXPECT_TRUE(m->_hash_cache.empty());
+    EXPECT_FALSE(m->_hash_cache_dirty);
+    EXPECT_EQ(log_.count_at(LogLevel::warning), c.warns ? 1u : 0u);
+    if (c.warns) {
+      EXPECT_EQ(log_.records().at(0).message.rfind("Ignoring unreadable sync hash cache: ", 0), 0u);
+    }
+    m->_persist_hash_cache();  // nothing new: nothing written
+    EXPECT_EQ(read_file(cache_file()), c.text);
+  }
+
+  // Entries that are no objects are dropped; the fields of the rest are not checked.
+  write_file(cache_file(), "{\"version\": 1.0, \"files\": {\"a\": {\"sha256\": 5, \"z\": [{\"y\": 1, \"x\": 2}]}, \"b\": 7}}");
+  auto m = make_manager();
+  ASSERT_EQ(m->_hash_cache.size(), 1u);
+  // A flush rewrites the file whole, in sorted form, with the kept entry.
+  const std::string p = put("c.bin", "c");
+  EXPECT_TRUE(m->_local_file_matches_manifest("c.bin", p, entry_of("c")));
+  m->_persist_hash_cache();
+  EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"a\": {\"sha256\": 5, \"z\": [{\"x\": 2, \"y\": 1}]}, \"c.bin\": " +
+                                         json_text(cache_entry(p, _sha256("c"))) + "}, \"version\": 1}");
+}
+
+TEST_F(HashCache, TheFlagTracksWhatTheFileLacks) {
+  const std::string p = put("f.bin", "data");
+  // The file's own entry, stored with its keys in another order.
+  Json shuffled = Json::object();
+  for (const char* key : {"sha256", "size_bytes", "inode", "mtime_ns", "ctime_ns"}) {
+    shuffled[key] = cache_entry(p, _sha256("data"))[key];
+  }
+  write_file(cache_file(), json_text(Json{{"files", {{"f.bin", shuffled}}}, {"version", 1}}));
+  auto m = make_manager();
+  m->_remember_local_sha("f.bin", p, _sha256("data"));
+  EXPECT_FALSE(m->_hash_cache_dirty) << "an identical entry is no change";
+
+  remove_file(cache_file());
+  m->_persist_hash_cache();
+  EXPECT_FALSE(path_exists(cache_file())) << "nothing new, nothing written";
+
+  m->_remember_local_sha("f.bin", p, "");
+  m->_remember_local_sha("g.bin", path("missing.bin"), _sha256("x"));
+  EXPECT_FALSE(m->_hash_cache_dirty);
+  EXPECT_EQ(m->_hash_cache.count("g.bin"), 0u);
+
+  // A digest that matches no manifest is stored all the same.
+  m->_remember_local_sha("f.bin", p, _sha256("other"));
+  EXPECT_TRUE(m->_hash_cache_dirty);
+  EXPECT_EQ(m->_hash_cache.at("f.bin")->at("sha256"), _sha256("other"));
+}
+
+TEST_F(HashCache, AFailedPersistIsRetriedAtTheNextFlush) {
+  const std::string p = put("f.bin", "data");
+  auto m = make_manager();
+  make_dirs(cache_file());  // a directory where the file goes
+  m->_remember_local_sha("f.bin", p, _sha256("data"));
+  m->_persist_hash_cache();
+  EXPECT_EQ(log_.count_at(LogLevel::warning), 1u);
+  EXPECT_EQ(log_.records().at(0).message.rfind("Failed to persist sync hash cache: ", 0), 0u);
+  EXPECT_TRUE(m->_hash_cache_dirty);
+
+  ASSERT_EQ(::rmdir(cache_file().c_str()), 0);
+  m->_persist_hash_cache();
+  EXPECT_FALSE(m->_hash_cache_dirty);
+  EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"f.bin\": " + json_text(cache_entry(p, _sha256("data"))) +
+                                         "}, \"version\": 1}");
+  EXPECT_EQ(log_.count_at(LogLevel::warning), 1u);
+}
+
+TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
+  const std::string p = put("f.bin", "1234");
+  auto m = make_manager();
+  OpenWatch watch({p});
+  EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("12345")));
+  EXPECT_FALSE(m->_local_file_matches_manifest("missing.bin", path("missing.bin"), entry_of("1234")));
+  EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", 4}}));
+  EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", "4"}, {"sha256", ""}}));
+  EXPECT_EQ(watch.opens(), 0);
+  EXPECT_TRUE(m->_hash_cache.empty());
+
+  // An unusable or negative size leaves the decision to the digest.
+  for (const Json& size : {Json(-1), Json("many"), Json(nullptr)}) {
+    EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", size}, {"sha256", _sha256("1234")}}));
+    EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", size}, {"sha256", _sha256("4321")}}));
+  }
+
+  // A wrong digest is hashed at every check.
+  watch.opens();
+  EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("4321")));
+  EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("4321")));
+  EXPECT_EQ(watch.opens(), 2);
+  EXPECT_EQ(m->_hash_cache.at("f.bin")->at("sha256"), _sha256("1234"));
+
+  // Without the cache nothing is stored either.
+  const std::string q = put("g.bin", "g");
+  EXPECT_TRUE(m->_local_file_matches_manifest("g.bin", q, entry_of("g"), false));
+  EXPECT_EQ(m->_hash_cache.count("g.bin"), 0u);
+}
+
+TEST_F(HashCache, ModulesAreHashedEveryTimeAndOnlyThoseOfThisPlatformAreRequired) {
+  const std::string p = put("modules/m.so", "module");
+  auto m = make_manager();
+  Json here = entry_of("module");
+  here["kind"] = "vault_module";
+  here["platform"] = CURRENT_PLATFORM;
+  OpenWatch watch({p});
+  EXPECT_TRUE(m->_local_entry_passes("modules/m.so", here));
+  EXPECT_TRUE(m->_local_entry_passes("modules/m.so", here));
+  EXPECT_EQ(watch.opens(), 2);
+  EXPECT_TRUE(m->_hash_cache.empty());
+
+  Json elsewhere = entry_of("x");
+  elsewhere["kind"] = "backtester_module";
+  elsewhere["platform"] = "plan9_mips";
+  EXPECT_TRUE(m->_local_entry_passes("modules/absent.so", elsewhere));
+  elsewhere["platform"] = "";
+  EXPECT_FALSE(m->_local_entry_passes("modules/absent.so", elsewhere));
+}
+
+TEST_F(HashCache, APassOverUnchangedFilesReadsNoneOfThemEvenAfterARestart) {
+  Json files = Json::object();
+  files["features/a/x.arrow"] = store_file("features/a/x.arrow", "feature bytes", "feature");
+  files["named_universes/u.json"] = store_file("named_universes/u.json", "{}");
+  publish(with_artefacts(manifest(4, 9, files)));
+  auto first = make_manager();
+  first->sync();
+  const std::string x = path("features/a/x.arrow");
+  const std::string s = path("named_universes/u.json");
+  const Json on_disk = parse_json_text(read_file(cache_file()));
+  EXPECT_EQ(on_disk["files"]["features/a/x.arrow"], cache_entry(x, _sha256("feature bytes")));
+  EXPECT_EQ(on_disk["files"]["named_universes/u.json"], cache_entry(s, _sha256("{}")));
+
+  OpenWatch watch({x, s});
+  first->sync();
+  EXPECT_EQ(watch.opens(), 0);
+  auto second = make_manager();
+  EXPECT_FALSE(second->needs_sync());
+  second->sync();
+  EXPECT_EQ(watch.opens(), 0);
+  // verify hashes afresh: the watch does see reads.
+  EXPECT_TRUE(second->verify().valid);
+  EXPECT_EQ(watch.opens(), 2);
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync
