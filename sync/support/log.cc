@@ -90,8 +90,8 @@ std::string format_log_message(std::string_view format, std::initializer_list<Lo
       out += c;
       continue;
     }
-    const char spec = format[i + 1];
-    if (spec == '%') {
+    const char conversion = format[i + 1];
+    if (conversion == '%') {
       out += '%';
       ++i;
       continue;
@@ -99,10 +99,10 @@ std::string format_log_message(std::string_view format, std::initializer_list<Lo
     // %.Nf
     int decimals = -1;
     std::size_t len = 1;
-    if (spec == '.' && i + 3 < format.size() && format[i + 3] == 'f') {
+    if (conversion == '.' && i + 3 < format.size() && format[i + 3] == 'f') {
       decimals = format[i + 2] - '0';
       len = 3;
-    } else if (spec != 's' && spec != 'r' && spec != 'd' && spec != 'f') {
+    } else if (conversion != 's' && conversion != 'r' && conversion != 'd' && conversion != 'f') {
       out += c;
       continue;
     }
@@ -113,9 +113,9 @@ std::string format_log_message(std::string_view format, std::initializer_list<Lo
     }
     const LogArg::Value& v = (next++)->value();
     if (decimals >= 0) out += as_fixed(v, decimals);
-    else if (spec == 'f') out += as_fixed(v, 6);
-    else if (spec == 'r') out += as_repr(v);
-    else if (spec == 'd') out += as_decimal(v);
+    else if (conversion == 'f') out += as_fixed(v, 6);
+    else if (conversion == 'r') out += as_repr(v);
+    else if (conversion == 'd') out += as_decimal(v);
     else out += as_text(v);
     i += len;
   }
