@@ -116,11 +116,10 @@ class Api {
 }  // namespace
 
 void add_api_routes(httplib::Server& server, const ServerRoot& root, ExpectedToken token, std::string files_url) {
-  // Lives as long as the process's server: the handlers point into it.
+  // Every handler holds the Api through its answer, which keeps it alive.
   auto api = std::make_shared<const Api>(root, std::move(token), std::move(files_url));
   auto route = [&server, api](const char* path, void (Api::*answer)(httplib::Response&) const) {
-    server.Get(path, [api, handler = api->guarded([api, answer](httplib::Response& res) { (api.get()->*answer)(res); })](
-                         const httplib::Request& req, httplib::Response& res) { handler(req, res); });
+    server.Get(path, api->guarded([api, answer](httplib::Response& res) { ((*api).*answer)(res); }));
   };
   route("/era/current", &Api::era_current);
   route("/data/manifest", &Api::manifest);

@@ -33,7 +33,8 @@ class ReferenceServer::Site {
   Site(const TlsFiles& tls, int port) : server_(tls.cert_file.c_str(), tls.key_file.c_str()) {
     if (!server_.is_valid()) throw RuntimeError("cannot load " + tls.cert_file + " or " + tls.key_file);
     server_.set_keep_alive_max_count(1000);
-    server_.set_keep_alive_timeout(2);
+    // Short: stopping waits this long for a connection a client left idle.
+    server_.set_keep_alive_timeout(1);
     server_.set_tcp_nodelay(true);
     // A client's download workers each keep a connection open.
     server_.new_task_queue = [] { return new httplib::ThreadPool(32); };
