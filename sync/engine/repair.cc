@@ -3,6 +3,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "sync/engine/download_progress.h"
 #include "sync/support/background_thread.h"
 #include "sync/support/integer.h"
 #include "sync/support/log.h"
@@ -25,10 +26,17 @@ SyncResult SyncManager::repair(const std::vector<std::string>& corrupted_files) 
         entries.reserve(files.size());
         for (const auto& [file_path, file_info] : files) entries.emplace(file_path, &file_info);
       }
-      // One file after another; the first failure ends the batch.
+      // Paths the manifest does not list are passed over.
+      Json found = Json::object();
+      auto& found_entries = found.get_ref<Json::object_t&>();
       for (const std::string& file_path : corrupted_files) {
-        const auto it = entries.find(file_path);
-        if (it != entries.end()) _download_file(file_path, *it->second, result);
+        if (const auto it = entries.find(file_path); it != entries.end()) found_entries.emplace_back(file_path, *it->second);
+      }
+      ProgressTally progress(_progress_observer.load(), found, result);
+      // One file after another; the first failure ends the batch.
+      for (const auto& [file_path, file_info] : found_entries) {
+        _download_file(file_path, file_info, result);
+        progress.file_done();
       }
     }
     _persist_hash_cache();

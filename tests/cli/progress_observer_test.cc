@@ -56,6 +56,21 @@ TEST_F(ProgressObserverTest, ToldOfEachFileWhenDownloadsRunOneByOne) {
   expect_told_of_each_file();
 }
 
+TEST_F(ProgressObserverTest, ToldOfEachFileARepairBrings) {
+  publish_three_files();
+  auto manager = make_manager();
+  manager->sync();
+  std::vector<DownloadProgress> calls;
+  manager->set_progress_observer([&](const DownloadProgress& p) { calls.push_back(p); });
+  // A path the manifest does not list is passed over and not counted.
+  manager->repair({"docs/c.txt", "not/listed.bin", "features/u/a.bin"});
+  ASSERT_EQ(calls.size(), 3u);
+  EXPECT_EQ(calls.back().files_done, 2);
+  EXPECT_EQ(calls.back().files_selected, 2);
+  EXPECT_EQ(calls.back().bytes_done, 3010);
+  EXPECT_EQ(calls.back().bytes_selected, 3010);
+}
+
 TEST_F(ProgressObserverTest, AnObserverThatThrowsChangesNothing) {
   publish_three_files();
   auto manager = make_manager();
