@@ -22,7 +22,7 @@ for leg in "${legs[@]}"; do
       UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
         ctest --test-dir "$build" --output-on-failure --parallel "$(nproc)" --timeout 600 ;;
     thread)
-      TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+      TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/tsan.supp \
         ctest --test-dir "$build" --output-on-failure --parallel "$(nproc)" --timeout 600 -R "^($threaded)" ;;
   esac
 done
