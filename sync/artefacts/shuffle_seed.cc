@@ -1,7 +1,5 @@
 #include "sync/artefacts/shuffle_seed.h"
 
-#include <cctype>
-
 #include "sync/engine/file_primitives.h"
 #include "sync/errors.h"
 #include "sync/support/integer.h"
@@ -12,24 +10,15 @@
 #include "sync/sync_manager.h"
 
 namespace quillmarsh::sync {
-namespace {
-
-std::string lower(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return out;
-}
-
-}  // namespace
 
 std::string _shuffle_seed_meta_path(const std::string& path) { return path + ".meta.json"; }
 
 std::optional<std::string> _header_value(const std::map<std::string, std::string>& headers,
                                          std::string_view name) {
   // The map keeps the server's spelling of each name.
-  const std::string wanted = lower(name);
+  const std::string wanted = ascii_lower(name);
   for (const auto& [key, value] : headers) {
-    if (lower(key) == wanted) return value;
+    if (ascii_lower(key) == wanted) return value;
   }
   return std::nullopt;
 }

@@ -2,22 +2,13 @@
 
 #include <sys/utsname.h>
 
-#include <cctype>
+#include "sync/support/text.h"
 
 namespace quillmarsh::sync {
-namespace {
-
-std::string lower(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return out;
-}
-
-}  // namespace
 
 std::string _detect_platform(std::string_view system_name, std::string_view machine_name) {
-  const std::string system = lower(system_name);
-  const std::string machine = lower(machine_name);
+  const std::string system = ascii_lower(system_name);
+  const std::string machine = ascii_lower(machine_name);
   const bool x86_64 = machine == "x86_64" || machine == "amd64";
   const bool arm64 = machine == "aarch64" || machine == "arm64";
   if (system == "linux" && x86_64) return "linux_x86_64";

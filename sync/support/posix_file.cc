@@ -87,8 +87,10 @@ std::string read_file(const std::string& path) {
   return out;
 }
 
-void write_file(const std::string& path, std::string_view data) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+namespace {
+
+void write_whole_file(const std::string& path, std::string_view data, mode_t mode) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) raise_os_error(errno, path);
   std::size_t done = 0;
   while (done < data.size()) {
@@ -104,22 +106,11 @@ void write_file(const std::string& path, std::string_view data) {
   if (::close(fd) != 0) raise_os_error(errno, path);
 }
 
-void write_private_file(const std::string& path, std::string_view data) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) raise_os_error(errno, path);
-  std::size_t done = 0;
-  while (done < data.size()) {
-    const ssize_t put = ::write(fd, data.data() + done, data.size() - done);
-    if (put < 0) {
-      if (errno == EINTR) continue;
-      const int err = errno;
-      ::close(fd);
-      raise_os_error(err, path);
-    }
-    done += static_cast<std::size_t>(put);
-  }
-  if (::close(fd) != 0) raise_os_error(errno, path);
-}
+}  // namespace
+
+void write_file(const std::string& path, std::string_view data) { write_whole_file(path, data, 0666); }
+
+void write_private_file(const std::string& path, std::string_view data) { write_whole_file(path, data, 0600); }
 
 std::string read_file_range(const std::string& path, std::int64_t offset, std::size_t n) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);

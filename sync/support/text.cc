@@ -51,6 +51,14 @@ std::string_view strip(std::string_view text) {
   return text;
 }
 
+std::string ascii_lower(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return out;
+}
+
 void check_utf8(std::string_view bytes) {
   for (std::size_t i = 0; i < bytes.size();) {
     std::size_t length = 0;
