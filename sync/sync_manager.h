@@ -74,6 +74,14 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void register_era_callback(EraCallback callback);
   // "Unregister an era change callback." Removes the first registration.
   void unregister_era_callback(const EraCallback& callback);
+  // Moves the data directory to era `new_era_id` while searches are stopped
+  // (kill before, restart after a complete run); fails, leaving the live data
+  // whole or moved as far as the failure allowed, when it cannot.
+  void trigger_era_transition(std::int64_t new_era_id, std::function<void()> kill_searches_fn = nullptr,
+                              std::function<void()> restart_searches_fn = nullptr);
+  // "Delete non-current era directories, return bytes freed." With
+  // keep_current false, the current data goes as well.
+  std::int64_t cleanup_old_eras(bool keep_current = true);
 
   // --- State (set in this order by the constructor) ------------------------
 
@@ -107,6 +115,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::optional<int> _flock_fd;
   OwnerLock _flock_lock;
   std::atomic<std::shared_ptr<const Vocabularies>> _vocabulary;
+  std::mutex _cleanup_lock;
+  std::shared_ptr<BackgroundThread> _cleanup_thread;
 
   // --- Transport ----------------------------------------------------------
 
@@ -232,6 +242,26 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void _notify_era_callbacks(const std::string& event_type, std::int64_t era_id);
   // "Get all found signal and strategy PnL file paths, ordered newest first."
   std::vector<std::string> _get_found_file_paths();
+
+  // --- Era gates and transition ------------------------------------------
+
+  // The active era's id and its normalised /era/current answer; EraError
+  // unless the era is in state "active" (or "closing", when allowed).
+  std::pair<std::int64_t, Json> _fetch_active_era_for_transition(bool allow_closing = false);
+  // The era's normalised answer when `expected_era_id` is the active era;
+  // EraError otherwise.
+  Json _confirm_active_era(std::int64_t expected_era_id, bool allow_closing = false);
+  // A newer active era's id, or absent while `expected_era_id` is still
+  // active; EraError for an older one.
+  std::optional<std::int64_t> _check_transition_superseded(std::int64_t expected_era_id,
+                                                           bool allow_closing = false);
+
+  // --- Old-era cleanup ----------------------------------------------------
+
+  // Runs cleanup_old_eras on a background thread unless one is running.
+  void _schedule_cleanup_old_eras(bool keep_current = true);
+  // Body of the cleanup thread: logs what it freed or why it failed.
+  void _cleanup_old_eras_background(bool keep_current);
 
   // --- Progress -----------------------------------------------------------
 
