@@ -1,4 +1,5 @@
 // The commands that work on a data directory, each one call of the library.
+#include <iostream>
 #include <memory>
 #include <string>
 
@@ -75,6 +76,27 @@ int run_status(const GlobalOptions& g) {
   return kExitOk;
 }
 
+int run_transition(const GlobalOptions& g, std::int64_t era) {
+  auto manager = open_manager(g, "transition", true);
+  if (!g.json) std::cout << "Moving " << manager->_data_dir << " to era " << era << "..." << std::endl;
+  // A person at a terminal has no searches to stop or restart.
+  manager->trigger_era_transition(era);
+  StatusReport report;
+  if (const std::shared_ptr<Manifest> manifest = manager->get_manifest()) {
+    report.era_id = manifest->era_id;
+    report.version = manifest->version;
+    if (manifest->files().is_object()) report.file_count = static_cast<std::int64_t>(manifest->files().size());
+  }
+  print_transition_result(report, g.json);
+  return kExitOk;
+}
+
+int run_cleanup(const GlobalOptions& g, bool all) {
+  auto manager = open_manager(g, "cleanup", false);
+  print_cleanup_result(manager->cleanup_old_eras(!all), all, g.json);
+  return kExitOk;
+}
+
 }  // namespace
 
 void add_client_commands(CLI::App& app, const GlobalOptions& g, std::vector<Command>& commands) {
@@ -93,6 +115,17 @@ void add_client_commands(CLI::App& app, const GlobalOptions& g, std::vector<Comm
                       [&g] { return run_needs_sync(g); }});
   commands.push_back({app.add_subcommand("status", "the manifest in force, whether a sync is due, the status text"),
                       [&g] { return run_status(g); }});
+
+  auto era = std::make_shared<std::int64_t>(0);
+  CLI::App* transition = app.add_subcommand(
+      "transition", "move the data directory to era ERA, which the server must have made the active one");
+  transition->add_option("ERA", *era, "the era to move to")->required();
+  commands.push_back({transition, [&g, era] { return run_transition(g, *era); }});
+
+  auto all = std::make_shared<bool>(false);
+  CLI::App* cleanup = app.add_subcommand("cleanup", "delete the directories of eras other than the current one");
+  cleanup->add_flag("--all", *all, "also delete the current era's data (manifest, seed and data folders)");
+  commands.push_back({cleanup, [&g, all] { return run_cleanup(g, *all); }});
 }
 
 }  // namespace quillmarsh::sync::cli

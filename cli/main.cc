@@ -9,6 +9,7 @@
 #include "cli/commands.h"
 #include "cli/exit_codes.h"
 #include "cli/options.h"
+#include "cli/standalone_modules.h"
 
 namespace {
 
@@ -60,7 +61,7 @@ int main(int argc, char** argv) {
   if (!chosen) {
     if (!extras.empty() && extras.front().front() != '-') {
       return fail(UsageError("unknown command '" + extras.front() +
-                             "'; the commands are sync, verify, repair, needs-sync, status, publish, serve"));
+                             "'; the commands are sync, verify, repair, needs-sync, status, transition, cleanup, publish, serve"));
     }
     return fail(UsageError(extras.empty() ? "no command given; see qmsync --help"
                                           : "unexpected arguments: " + joined(extras)));
@@ -69,6 +70,7 @@ int main(int argc, char** argv) {
 
   try {
     apply_process_options(global);
+    install_standalone_modules();
     return chosen->run();
   } catch (const std::exception& e) {
     return fail(e);

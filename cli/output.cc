@@ -1,6 +1,7 @@
 #include "cli/output.h"
 
 #include <cstdio>
+#include <iomanip>
 #include <iostream>
 #include <utility>
 #include <vector>
@@ -116,6 +117,29 @@ void print_needs_sync(bool needs_sync, bool json) {
     return print_json(j);
   }
   std::cout << (needs_sync ? "true" : "false") << "\n";
+}
+
+void print_transition_result(const StatusReport& s, bool json) {
+  if (json) {
+    Json j = Json::object();
+    j["era_id"] = s.era_id;
+    j["version"] = s.version;
+    j["file_count"] = s.file_count;
+    return print_json(j);
+  }
+  std::cout << "Now on era " << text_of_json(s.era_id) << ": version " << text_of_json(s.version) << ", "
+            << s.file_count << " files.\n";
+}
+
+void print_cleanup_result(std::int64_t bytes_freed, bool all, bool json) {
+  if (json) {
+    Json j = Json::object();
+    j["bytes_freed"] = bytes_freed;
+    return print_json(j);
+  }
+  std::cout << "Freed " << bytes_freed << " bytes (" << std::fixed << std::setprecision(1)
+            << static_cast<double>(bytes_freed) / 1048576.0 << " MiB) "
+            << (all ? "of old eras and the current data.\n" : "of old eras.\n");
 }
 
 }  // namespace quillmarsh::sync::cli

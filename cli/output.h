@@ -31,6 +31,11 @@ void print_status(const StatusReport& report, bool json);
 
 void print_needs_sync(bool needs_sync, bool json);
 
+// The manifest in force after a transition (needs_sync and status unused).
+void print_transition_result(const StatusReport& report, bool json);
+// `all`: the current data went as well as the old eras.
+void print_cleanup_result(std::int64_t bytes_freed, bool all, bool json);
+
 // Prints a JSON object on one line.
 void print_json(const Json& object);
 

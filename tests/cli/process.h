@@ -96,7 +96,8 @@ inline ProcessResult run_process(const std::vector<std::string>& argv, const std
 // stderr in a file. Stopped with SIGTERM when it goes.
 class BackgroundProcess {
  public:
-  BackgroundProcess(const std::vector<std::string>& argv, const std::string& err_path) {
+  BackgroundProcess(const std::vector<std::string>& argv, const std::string& err_path,
+                    const std::vector<std::string>& env = {}) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
     posix_spawn_file_actions_t actions;
@@ -105,7 +106,7 @@ class BackgroundProcess {
     posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
     posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     try {
-      pid_ = spawn(argv, child_environment({}), &actions);
+      pid_ = spawn(argv, child_environment(env), &actions);
     } catch (...) {
       posix_spawn_file_actions_destroy(&actions);
       ::close(fds[0]);
@@ -132,8 +133,10 @@ class BackgroundProcess {
   }
 
   // Sends SIGTERM and returns the exit code.
-  int stop() {
-    ::kill(pid_, SIGTERM);
+  int stop() { return stop_with(SIGTERM); }
+  // Sends `signal_number`; the exit code, or 128 + the signal that ended it.
+  int stop_with(int signal_number) {
+    ::kill(pid_, signal_number);
     int status = 0;
     while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
     }

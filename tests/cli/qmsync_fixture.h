@@ -1,0 +1,133 @@
+// qmsync as a user drives it: a generated source tree that `publish` turns
+// into an era, `serve` on loopback, and the client commands run as
+// separate processes against it.
+#ifndef QUILLMARSH_SYNC_TESTS_CLI_QMSYNC_FIXTURE_H_
+#define QUILLMARSH_SYNC_TESTS_CLI_QMSYNC_FIXTURE_H_
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sync/support/json_text.h"
+#include "sync/support/posix_file.h"
+#include "tests/cli/process.h"
+#include "tests/support/temp_dir.h"
+
+#ifndef QMSYNC_BINARY
+#error "QMSYNC_BINARY must name the built qmsync"
+#endif
+
+namespace quillmarsh::sync::testing {
+
+// Bytes that differ from file to file and do not compress to nothing.
+inline std::string pseudo_random_bytes(std::size_t n, std::uint32_t seed) {
+  std::string bytes(n, '\0');
+  for (char& c : bytes) {
+    seed = seed * 1664525u + 1013904223u;
+    c = static_cast<char>(seed >> 24);
+  }
+  return bytes;
+}
+
+inline std::string vocabulary_text(std::int64_t era, const std::string& universe) {
+  Json v = Json::object();
+  v["era_id"] = era;
+  v["named_universe"] = universe;
+  v["rotations"] = Json::array();
+  v["filtrations"] = Json::array();
+  v["reductions"] = Json::object();
+  v["features"] = Json::array({"close", "volume"});
+  v["metadata"] = Json{{"named_universe", universe}, {"t_signal_is", 12}, {"n_instruments", 30}};
+  return json_text(v);
+}
+
+class QmsyncTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    make_dirs(data_dir());
+    // The data files; a chunk size below the larger one's size makes the
+    // client fetch it by ranges.
+    source_files_ = {
+        {"features/equities/prices.bin", pseudo_random_bytes(40000, 1)},
+        {"features/futures/rolls.bin", pseudo_random_bytes(3000, 2)},
+        {"docs/readme.txt", "What this era holds.\n"},
+        {"docs/empty.txt", ""},
+    };
+    for (const std::string universe : {"equities", "futures"}) {
+      source_files_["features/" + universe + "/vocabulary.json"] = vocabulary_text(1, universe);
+    }
+    write_source();
+    write_file(token_path(), "token-1\n");
+  }
+
+  void write_source() {
+    for (const auto& [path, bytes] : source_files_) {
+      make_dirs(dir_name(source_dir() + "/" + path));
+      write_file(source_dir() + "/" + path, bytes);
+    }
+  }
+
+  std::string source_dir() const { return tmp_ / "source"; }
+  std::string root_dir() const { return tmp_ / "root"; }
+  // The data directory's parent holds nothing else, so anything written
+  // outside the data directory shows up there.
+  std::string work_dir() const { return tmp_ / "work"; }
+  std::string data_dir() const { return tmp_ / "work/data"; }
+  std::string token_path() const { return tmp_ / "token"; }
+
+  ProcessResult qmsync(std::vector<std::string> args, const std::vector<std::string>& env = {}) {
+    args.insert(args.begin(), QMSYNC_BINARY);
+    return run_process(args, tmp_.path(), env);
+  }
+
+  // Client options for the running server; `token_file` defaults to the good one.
+  std::vector<std::string> client(std::vector<std::string> args, const std::string& token_file = "") {
+    for (const std::string& option : {std::string("--data-dir"), data_dir(), std::string("--server"), api_url_,
+                                      std::string("--ca-file"), ca_file_, std::string("--token-file"),
+                                      token_file.empty() ? token_path() : token_file}) {
+      args.push_back(option);
+    }
+    return args;
+  }
+
+  void publish(std::int64_t version, std::int64_t era = 1) {
+    const ProcessResult r = qmsync({"publish", "--source", source_dir(), "--out", root_dir(), "--era",
+                                    std::to_string(era), "--version", std::to_string(version)});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+  }
+  // Replaces the server's current.json: what /era/current answers.
+  void set_era_state(const std::string& state_json) { write_file(root_dir() + "/current.json", state_json); }
+
+  void start_server() {
+    publish(1);
+    server_ = std::make_unique<BackgroundProcess>(
+        std::vector<std::string>{QMSYNC_BINARY, "serve", "--root", root_dir(), "--token-file", token_path(), "--json"},
+        tmp_ / "serve.err");
+    const std::string line = server_->read_line();
+    ASSERT_FALSE(line.empty()) << read_file(tmp_ / "serve.err");
+    const Json started = parse_json_text(line);
+    api_url_ = started["api_url"].get<std::string>();
+    ca_file_ = started["ca_file"].get<std::string>();
+  }
+
+  void expect_mirrors_source() {
+    for (const auto& [path, bytes] : source_files_) {
+      ASSERT_TRUE(path_exists(data_dir() + "/" + path)) << path;
+      // Compared as a whole: a byte dump of a mismatch helps no one.
+      EXPECT_TRUE(read_file(data_dir() + "/" + path) == bytes) << path << " differs from the source";
+    }
+  }
+
+  TempDir tmp_;
+  std::map<std::string, std::string> source_files_;
+  std::unique_ptr<BackgroundProcess> server_;
+  std::string api_url_;
+  std::string ca_file_;
+};
+
+}  // namespace quillmarsh::sync::testing
+
+#endif  // QUILLMARSH_SYNC_TESTS_CLI_QMSYNC_FIXTURE_H_
