@@ -17,43 +17,31 @@ struct DirCloser {
 };
 using DirHandle = std::unique_ptr<DIR, DirCloser>;
 
-std::vector<std::string> entry_names(const std::string& dir, bool raise) {
+// What can be listed of `dir`; nothing when it cannot be opened.
+std::vector<std::string> entry_names(const std::string& dir) {
   std::vector<std::string> names;
   DirHandle handle(::opendir(dir.c_str()));
-  if (!handle) {
-    if (raise) raise_os_error(errno, dir);
-    return names;
-  }
-  errno = 0;
+  if (!handle) return names;
   while (const dirent* entry = ::readdir(handle.get())) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") names.emplace_back(name);
   }
-  if (errno != 0 && raise) raise_os_error(errno, dir);
   return names;
-}
-
-// Removes `path`; on failure raises when `raise`, else carries on with the
-// rest. lstat, so that a link is judged as the link itself.
-void remove_below(const std::string& path, bool raise) {
-  struct stat st;
-  if (::lstat(path.c_str(), &st) != 0) {
-    if (raise) raise_os_error(errno, path);
-    return;
-  }
-  if (S_ISDIR(st.st_mode)) {
-    for (const std::string& name : entry_names(path, raise)) remove_below(join_path(path, name), raise);
-    if (::rmdir(path.c_str()) != 0 && raise) raise_os_error(errno, path);
-    return;
-  }
-  if (::unlink(path.c_str()) != 0 && raise) raise_os_error(errno, path);
 }
 
 }  // namespace
 
-void remove_tree(const std::string& path) { remove_below(path, true); }
-
-void remove_tree_ignoring_errors(const std::string& path) { remove_below(path, false); }
+// lstat, so that a link is judged as the link itself.
+void remove_tree_ignoring_errors(const std::string& path) {
+  struct stat st;
+  if (::lstat(path.c_str(), &st) != 0) return;
+  if (S_ISDIR(st.st_mode)) {
+    for (const std::string& name : entry_names(path)) remove_tree_ignoring_errors(join_path(path, name));
+    ::rmdir(path.c_str());
+    return;
+  }
+  ::unlink(path.c_str());
+}
 
 std::vector<std::string> walk_files(const std::string& root,
                                     const std::function<bool(std::string_view name)>& descend) {
@@ -63,7 +51,7 @@ std::vector<std::string> walk_files(const std::string& root,
   for (std::size_t next = 0; next < pending.size(); ++next) {
     const std::string relative_dir = pending[next];
     const std::string dir = relative_dir.empty() ? root : join_path(root, relative_dir);
-    for (const std::string& name : entry_names(dir, false)) {
+    for (const std::string& name : entry_names(dir)) {
       const std::string relative = relative_dir.empty() ? name : relative_dir + "/" + name;
       struct stat st;
       if (::lstat(join_path(dir, name).c_str(), &st) != 0) continue;

@@ -11,10 +11,7 @@
 
 namespace quillmarsh::sync {
 
-// Removes `path` and everything below it; a link is unlinked, not followed.
-// The first failure raises OSError and leaves the rest in place.
-void remove_tree(const std::string& path);
-// As remove_tree, but removes what it can and never fails.
+// As remove_tree (posix_file.h), but removes what it can and never fails.
 void remove_tree_ignoring_errors(const std::string& path);
 
 // Paths relative to `root` ("a/b.txt") of every entry below it that is not a

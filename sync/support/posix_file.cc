@@ -1,5 +1,6 @@
 #include "sync/support/posix_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -250,5 +251,92 @@ std::string dir_name(std::string_view path) {
   while (end > 1 && head[end - 1] == '/') --end;
   return std::string(head.substr(0, end));
 }
+
+namespace {
+
+// A directory opened below `parent_fd`. A walk opens each step without
+// following a link, so that it never leaves the tree it was given.
+class OpenDirectory {
+ public:
+  OpenDirectory(int parent_fd, const char* name, const std::string& path, bool follow_link = false)
+      : path_(path) {
+    const int fd = ::openat(parent_fd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (follow_link ? 0 : O_NOFOLLOW));
+    if (fd < 0) raise_os_error(errno, path);
+    handle_ = ::fdopendir(fd);
+    if (handle_ == nullptr) {
+      const int err = errno;
+      ::close(fd);
+      raise_os_error(err, path);
+    }
+  }
+  ~OpenDirectory() { ::closedir(handle_); }
+  OpenDirectory(const OpenDirectory&) = delete;
+  OpenDirectory& operator=(const OpenDirectory&) = delete;
+
+  int fd() const { return ::dirfd(handle_); }
+
+  // Read whole before the caller changes the directory.
+  std::vector<std::string> names() {
+    std::vector<std::string> out;
+    for (;;) {
+      errno = 0;
+      const dirent* entry = ::readdir(handle_);
+      if (entry == nullptr) {
+        if (errno != 0) raise_os_error(errno, path_);
+        return out;
+      }
+      const std::string_view name = entry->d_name;
+      if (name != "." && name != "..") out.emplace_back(name);
+    }
+  }
+
+ private:
+  std::string path_;
+  DIR* handle_;
+};
+
+std::int64_t file_bytes_at(int parent_fd, const char* name, const std::string& path) {
+  struct stat st;
+  if (::fstatat(parent_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) raise_os_error(errno, path);
+  if (S_ISREG(st.st_mode)) return st.st_size;
+  if (S_ISLNK(st.st_mode)) {
+    struct stat target;
+    if (::fstatat(parent_fd, name, &target, 0) == 0) return S_ISREG(target.st_mode) ? target.st_size : 0;
+    // A dangling or looping link points at no file.
+    if (errno == ENOENT || errno == ENOTDIR || errno == ELOOP) return 0;
+    raise_os_error(errno, path);
+  }
+  if (!S_ISDIR(st.st_mode)) return 0;
+  OpenDirectory dir(parent_fd, name, path);
+  std::int64_t total = 0;
+  for (const std::string& child : dir.names()) total += file_bytes_at(dir.fd(), child.c_str(), join_path(path, child));
+  return total;
+}
+
+void remove_tree_at(int parent_fd, const char* name, const std::string& path) {
+  struct stat st;
+  if (::fstatat(parent_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) raise_os_error(errno, path);
+  if (!S_ISDIR(st.st_mode)) {
+    if (::unlinkat(parent_fd, name, 0) != 0) raise_os_error(errno, path);
+    return;
+  }
+  {
+    OpenDirectory dir(parent_fd, name, path);
+    for (const std::string& child : dir.names()) remove_tree_at(dir.fd(), child.c_str(), join_path(path, child));
+  }
+  if (::unlinkat(parent_fd, name, AT_REMOVEDIR) != 0) raise_os_error(errno, path);
+}
+
+}  // namespace
+
+std::vector<std::string> list_directory(const std::string& dir) {
+  std::vector<std::string> names = OpenDirectory(AT_FDCWD, dir.c_str(), dir, true).names();
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::int64_t tree_file_bytes(const std::string& path) { return file_bytes_at(AT_FDCWD, path.c_str(), path); }
+
+void remove_tree(const std::string& path) { remove_tree_at(AT_FDCWD, path.c_str(), path); }
 
 }  // namespace quillmarsh::sync

@@ -104,6 +104,19 @@ std::string join_path(std::string_view a, std::string_view b);
 // Everything before the last "/" ("" for a bare name, "/" for a root entry).
 std::string dir_name(std::string_view path);
 
+// The names of the entries of `dir`, "." and ".." left out, sorted. OSError
+// when it cannot be listed.
+std::vector<std::string> list_directory(const std::string& dir);
+// The summed sizes of the regular files at or below `path`. A link to a file
+// counts by its target's size (nothing when dangling); a link to a directory
+// is never followed. OSError when a directory cannot be read or an entry's
+// own stat fails.
+std::int64_t tree_file_bytes(const std::string& path);
+// Removes `path` and, for a directory, everything below it, stopping at the
+// first failure with OSError (what went stays gone). A link is removed, never
+// what it points to.
+void remove_tree(const std::string& path);
+
 }  // namespace quillmarsh::sync
 
 #endif  // QUILLMARSH_SYNC_SUPPORT_POSIX_FILE_H_
