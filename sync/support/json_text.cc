@@ -203,6 +203,7 @@ class Builder : public nlohmann::json_sax<Json> {
 
  private:
   static constexpr std::size_t kIndexFrom = 16;
+  static constexpr std::size_t kMaxDepth = 1000;
   struct Frame {
     Json* container;
     std::string key;
@@ -255,6 +256,11 @@ class Builder : public nlohmann::json_sax<Json> {
     return true;
   }
   bool open(Json&& container) {
+    // Copying, comparing and printing a value recurse once per level, so a
+    // hostile document nested deep enough would overflow the stack there.
+    if (frames_.size() >= kMaxDepth) {
+      throw ValueError("JSON nested deeper than " + std::to_string(kMaxDepth) + " levels");
+    }
     Json* placed = place(std::move(container));
     frames_.push_back(Frame{placed, {}, {}});
     return true;

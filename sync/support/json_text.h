@@ -21,7 +21,8 @@ using Json = nlohmann::ordered_json;
 std::string json_text(const Json& value);
 
 // Parses UTF-8 JSON text, keeping member order. Fails with ValueError,
-// whose message says where the text went wrong.
+// whose message says where the text went wrong, also for arrays and objects
+// nested more than 1000 deep.
 Json parse_json_text(std::string_view text);
 
 }  // namespace quillmarsh::sync

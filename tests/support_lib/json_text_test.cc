@@ -62,5 +62,16 @@ TEST(JsonText, BadInputFailsWithValueError) {
   EXPECT_THROW(json_text(Json(std::string("\xed\xa0\x80"))), ValueError);  // a lone surrogate
 }
 
+TEST(JsonText, NestingIsBoundedSoAHostileDocumentCannotExhaustTheStack) {
+  // Deep enough that copying or printing the value would overflow the stack.
+  const std::size_t deep = 200000;
+  EXPECT_THROW(parse_json_text(std::string(deep, '[') + std::string(deep, ']')), ValueError);
+  EXPECT_THROW(parse_json_text(std::string(1001, '[') + std::string(1001, ']')), ValueError);
+  std::string ok;
+  for (int i = 0; i < 1000; ++i) ok += "{\"a\": ";
+  ok += "1" + std::string(1000, '}');
+  EXPECT_EQ(json_text(parse_json_text(ok)), ok);
+}
+
 }  // namespace
 }  // namespace quillmarsh::sync

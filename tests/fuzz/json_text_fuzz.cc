@@ -1,0 +1,87 @@
+// parse_json_text and json_text on any bytes.
+//
+// Whatever parses must print as one line of ASCII that parses back to an
+// equal value and prints again to the same bytes; whatever does not parse
+// fails with ValueError. The bytes as a JSON string print exactly when they
+// are UTF-8.
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "sync/errors.h"
+#include "sync/support/json_text.h"
+#include "sync/support/text.h"
+#include "tests/fuzz/fuzz_check.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+bool is_lower_hex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); }
+
+// One line of ASCII (DEL may stand raw) whose \u escapes use lower-case hex.
+void check_text_form(std::string_view text) {
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    FUZZ_CHECK(c >= 0x20 && c < 0x80, "json_text wrote a control byte or one beyond ASCII");
+    if (c != '\\') continue;
+    FUZZ_CHECK(i + 1 < text.size(), "json_text ended on a backslash");
+    if (text[++i] != 'u') continue;
+    FUZZ_CHECK(i + 4 < text.size(), "json_text wrote a short \\u escape");
+    for (std::size_t k = 1; k <= 4; ++k) {
+      FUZZ_CHECK(is_lower_hex(text[i + k]), "json_text wrote a \\u escape not in lower-case hex");
+    }
+    i += 4;
+  }
+}
+
+// json_text(value) and its round trip; `value` holds only UTF-8 text.
+void check_round_trip(const Json& value) {
+  const std::string text = json_text(value);
+  check_text_form(text);
+  const Json back = parse_json_text(text);
+  FUZZ_CHECK(back == value, "json_text did not parse back to an equal value");
+  FUZZ_CHECK(json_text(back) == text, "json_text is not stable over a round trip");
+}
+
+void check_parsed(std::string_view input) {
+  std::optional<Json> value;
+  try {
+    value = parse_json_text(input);
+  } catch (const ValueError&) {
+    return;
+  }
+  check_round_trip(*value);
+}
+
+void check_as_string(std::string_view input) {
+  bool utf8 = true;
+  try {
+    check_utf8(input);
+  } catch (const ValueError&) {
+    utf8 = false;
+  }
+  const Json value = std::string(input);
+  if (utf8) {
+    check_round_trip(value);
+    return;
+  }
+  bool refused = false;
+  try {
+    json_text(value);
+  } catch (const ValueError&) {
+    refused = true;
+  }
+  FUZZ_CHECK(refused, "json_text printed a string that is not UTF-8");
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace quillmarsh::sync;
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  check_parsed(input);
+  check_as_string(input);
+  return 0;
+}
