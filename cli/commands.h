@@ -19,6 +19,8 @@ struct Command {
 
 // sync, verify, repair, needs-sync, status: one SyncManager on --data-dir.
 void add_client_commands(CLI::App& app, const GlobalOptions& global, std::vector<Command>& commands);
+// watch: a consumer of the shared manager until SIGINT or SIGTERM.
+void add_watch_command(CLI::App& app, const GlobalOptions& global, std::vector<Command>& commands);
 // publish and serve: the reference publisher and server.
 void add_server_commands(CLI::App& app, const GlobalOptions& global, std::vector<Command>& commands);
 

@@ -37,6 +37,7 @@ int main(int argc, char** argv) {
   add_global_options(app, global);
   std::vector<Command> commands;
   add_client_commands(app, global, commands);
+  add_watch_command(app, global, commands);
   add_server_commands(app, global, commands);
   for (const Command& command : commands) {
     command.app->footer("Global options go before or after the command: see qmsync --help.");
@@ -61,7 +62,7 @@ int main(int argc, char** argv) {
   if (!chosen) {
     if (!extras.empty() && extras.front().front() != '-') {
       return fail(UsageError("unknown command '" + extras.front() +
-                             "'; the commands are sync, verify, repair, needs-sync, status, transition, cleanup, publish, serve"));
+                             "'; the commands are sync, verify, repair, needs-sync, status, transition, cleanup, watch, publish, serve"));
     }
     return fail(UsageError(extras.empty() ? "no command given; see qmsync --help"
                                           : "unexpected arguments: " + joined(extras)));

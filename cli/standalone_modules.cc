@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "sync/collaborators/agent_onboarding.h"
 #include "sync/collaborators/auth.h"
 #include "sync/collaborators/search_tracking.h"
 
@@ -26,9 +27,15 @@ class NothingToNotify : public Auth {
   void notify_era_change(std::int64_t) override {}
 };
 
+class NoNudges : public AgentOnboarding {
+ public:
+  void update_nudge(const std::string&, std::int64_t, std::optional<std::int64_t>) override {}
+};
+
 }  // namespace
 
 void install_standalone_modules() {
+  agent_onboarding_slot().set(std::make_shared<NoNudges>());
   search_tracking_slot().set(std::make_shared<NoSearchTracking>());
   auth_slot().set(std::make_shared<NothingToNotify>());
 }

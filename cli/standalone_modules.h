@@ -5,7 +5,8 @@
 
 namespace quillmarsh::sync::cli {
 
-// Fills the search tracking and auth slots with modules that do nothing;
+// Fills the search tracking, auth and agent onboarding slots with modules
+// that do nothing;
 // identity stays empty and deployment keeps the library's default.
 void install_standalone_modules();
 

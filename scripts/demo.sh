@@ -2,7 +2,8 @@
 # The main job, from a fresh Debian machine as root: installs what is
 # missing, builds qmsync, publishes a sample era into a temporary directory,
 # serves it on loopback, mirrors it, checks it, corrupts one file, repairs
-# it, and stops the server. Every step says in words what happens.
+# it, then lets `qmsync watch` follow the server into a new era, and stops
+# the server. Every step says in words what happens.
 #
 #   scripts/demo.sh            # QMSYNC_BUILD_DIR=... to build elsewhere,
 #                              # QMSYNC_DEMO_KEEP=1 to keep the directory
@@ -22,7 +23,12 @@ qmsync_bin="$build/cli/qmsync"
 
 demo="$(mktemp -d "${TMPDIR:-/tmp}/qmsync-demo.XXXXXX")"
 server_pid=""
+watch_pid=""
 cleanup() {
+  if [ -n "$watch_pid" ] && kill -0 "$watch_pid" 2>/dev/null; then
+    kill "$watch_pid" 2>/dev/null || true
+    wait "$watch_pid" 2>/dev/null || true
+  fi
   if [ -n "$server_pid" ] && kill -0 "$server_pid" 2>/dev/null; then
     kill "$server_pid" 2>/dev/null || true
     wait "$server_pid" 2>/dev/null || true
@@ -105,10 +111,57 @@ qmsync verify --data-dir data
 say "Status: the manifest in force and whether a sync is due"
 qmsync status "${client[@]}"
 
+say "Watching: qmsync watch acquires the shared manager, which polls the manifest version and the era every second"
+"$qmsync_bin" watch --poll-interval 1 "${client[@]}" >watch.log 2>watch.err &
+watch_pid=$!
+wait_for_line() {  # text: waits up to 30 s for watch to print a line holding it
+  for _ in $(seq 300); do
+    grep -qF "$1" watch.log 2>/dev/null && return 0
+    kill -0 "$watch_pid" 2>/dev/null || { cat watch.log watch.err; fail "qmsync watch ended early"; }
+    sleep 0.1
+  done
+  cat watch.log watch.err
+  fail "qmsync watch never said: $1"
+}
+wait_for_line "Watching"
+sed 's/^/  watch | /' watch.log
+
+say "Preparing era 2: futures gone, equities prices replaced, a new universe of rates, vocabularies of era 2"
+rm -rf source/features/futures
+head -c $((20 * 1024 * 1024)) /dev/urandom >source/features/equities/prices.arrow
+vocabulary 2 equities 520 >source/features/equities/vocabulary.json
+mkdir -p source/features/rates
+vocabulary 2 rates 12 >source/features/rates/vocabulary.json
+head -c $((3 * 1024 * 1024)) /dev/urandom >source/features/rates/curves.arrow
+qmsync publish --source source --out server-root --era 2 --version 1
+
+say "The server announces that era 1 closes: watch stops work on the data and confirms era 1 is still whole"
+printf '{"era": {"era_id": 1, "next_closing_at": "%s"}, "state": "closing"}' "$(date -u -d '+1 min' '+%Y-%m-%d %H:%M UTC')" >server-root/current.json
+wait_for_line "Work on the data resumed on era 1"
+sed 's/^/  watch | /' watch.log | tail -n +2
+
+say "Era 2 becomes the active era: watch stages its changed files beside the live data, then swaps them in"
+echo '{"era": {"era_id": 2, "min_library_version": "0.0.1"}, "state": "active"}' >server-root/current.json
+wait_for_line "Now in force: era 2"
+sed 's/^/  watch | /' watch.log | grep -v -e "Watching" -e "announced" -e "resumed on era 1" -e "paused" | tail -n +1
+
+say "Stopping watch with SIGTERM: it releases the manager and waits for work in progress"
+kill -TERM "$watch_pid"
+wait "$watch_pid"
+watch_pid=""
+tail -n 2 watch.log | sed 's/^/  watch | /'
+
+say "The data directory is on era 2: the futures files of era 1 are gone, the rates files of era 2 are in"
+(cd data && find . -path ./.git -prune -o -type f -printf '  %-40P %10s bytes\n' | sort)
+[ ! -e data/features/futures/rolls.arrow ] || fail "an era 1 file survived the era change"
+[ -e data/features/rates/curves.arrow ] || fail "an era 2 file is missing"
+qmsync verify --data-dir data
+qmsync status "${client[@]}"
+
 say "Stopping the server"
 kill "$server_pid"
 wait "$server_pid" || true
 server_pid=""
 tail -n 1 serve.log | sed 's/^/  /'
 
-say "Done. The data directory mirrored era 1 exactly, a corrupted file was found by verify and put right by repair."
+say "Done. The data directory mirrored era 1 exactly, a corrupted file was found by verify and put right by repair, and watch moved it to era 2 by itself when the server changed eras."

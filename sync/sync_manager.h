@@ -24,6 +24,8 @@
 
 namespace quillmarsh::sync {
 
+class EraThread;
+
 // "Data synchronization manager with background polling and IPC."
 //
 // Lives in a std::shared_ptr (see create): every background thread holds
@@ -46,11 +48,25 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // is not an existing directory), in that order.
   static std::shared_ptr<SyncManager> create(std::string data_dir, std::string server_url,
                                              TokenSource get_token, double poll_interval_s = 600.0);
+  // "Get existing or create new SyncManager for this data_dir." One manager
+  // per real path; ValueError when it exists with another server_url. The
+  // newest get_token replaces the old one.
+  static std::shared_ptr<SyncManager> get_or_create(const std::string& data_dir, const std::string& server_url,
+                                                    TokenSource get_token, double poll_interval_s = 600.0);
   ~SyncManager();
   SyncManager(const SyncManager&) = delete;
   SyncManager& operator=(const SyncManager&) = delete;
 
   // --- Public operations ---------------------------------------------------
+
+  // "Register as consumer, start threads if first." The first consumer
+  // starts the poll thread and the era monitor.
+  void acquire();
+  // "Deregister as consumer, stop threads if last." The last one also takes
+  // the manager out of the registry.
+  void release();
+  // "Return the current number of active consumers."
+  std::int64_t consumer_count() const { return _consumer_count.load(); }
 
   // "Full sync: manifest, compare, download, verify, atomic write." One
   // locked pass; returns what it did.
@@ -102,7 +118,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // the map shallowly and write it outside the lock.
   std::unordered_map<std::string, std::shared_ptr<const Json>> _hash_cache;
   const std::string _consumer_count_path;
-  std::int64_t _consumer_count = 0;
+  std::atomic<std::int64_t> _consumer_count{0};
   std::atomic<bool> _in_transition{false};
   std::vector<std::string> _repair_queue;
   std::mutex _repair_lock;
@@ -117,6 +133,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::atomic<std::shared_ptr<const Vocabularies>> _vocabulary;
   std::mutex _cleanup_lock;
   std::shared_ptr<BackgroundThread> _cleanup_thread;
+  std::atomic<std::shared_ptr<EraThread>> _era_thread;
 
   // --- Transport ----------------------------------------------------------
 
@@ -219,6 +236,23 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void report_corruption(const std::string& file_path);
   // Body of the repair threads: hands whatever is queued to repair.
   void _process_repair_queue();
+
+  // --- Consumers and the registry ----------------------------------------
+
+  // The registry: managers by real path of their data directory, held
+  // weakly, so that one nobody holds leaves by itself.
+  static std::mutex& _class_lock();
+  static std::unordered_map<std::string, std::weak_ptr<SyncManager>>& _instances();
+  // Takes the manager of `data_dir` out of the registry.
+  static void _evict(const std::string& data_dir);
+  // "Save consumer count to disk." A failure is a warning.
+  void _persist_consumer_count();
+  // "Internal start used by the consumer-counted lifecycle." Poll thread,
+  // then the era monitor, built once per start.
+  void _start_internal();
+  // The era callbacks' "kill" and "restart", with the era now in force.
+  void _kill_fn();
+  void _restart_fn();
 
   // --- Threads and poll loop ----------------------------------------------
 

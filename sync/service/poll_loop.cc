@@ -1,6 +1,7 @@
 // The background life of a manager: the poll thread, its start and stop,
 // and the cheap check that decides whether a pass is due.
 #include "sync/engine/file_primitives.h"
+#include "sync/era/era_thread.h"
 #include "sync/support/log.h"
 #include "sync/support/posix_file.h"
 #include "sync/support/sleep.h"
@@ -27,6 +28,14 @@ void SyncManager::stop() {
 
 void SyncManager::_stop_internal() {
   _stop_event.set();
+  // Dropped whatever its stop does: the next start builds a new monitor.
+  if (const std::shared_ptr<EraThread> era_thread = _era_thread.exchange(nullptr)) {
+    try {
+      era_thread->stop();
+    } catch (const std::exception& e) {
+      log_warning("Failed to stop era thread: %s", {e});
+    }
+  }
   // A transition finishes its work first, within bounds.
   for (int round = 0; round < 100 && _in_transition.load(); ++round) sync_sleep(0.1);
   // Wait, without bound, for a pass in progress.

@@ -4,6 +4,7 @@
 #define QUILLMARSH_SYNC_TESTS_CLI_PROCESS_H_
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -11,6 +12,8 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -130,6 +133,24 @@ class BackgroundProcess {
     char c;
     while (::read(out_fd_, &c, 1) == 1 && c != '\n') line += c;
     return line;
+  }
+
+  // As read_line, but gives up after `timeout_s` seconds in all, returning
+  // absent, so that a process that never says something fails a test
+  // instead of hanging it.
+  std::optional<std::string> read_line_for(double timeout_s) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout_s);
+    std::string line;
+    while (true) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return std::nullopt;
+      pollfd pfd{out_fd_, POLLIN, 0};
+      if (::poll(&pfd, 1, static_cast<int>(left.count())) <= 0) continue;
+      char c;
+      if (::read(out_fd_, &c, 1) != 1) return line.empty() ? std::nullopt : std::optional<std::string>(line);
+      if (c == '\n') return line;
+      line += c;
+    }
   }
 
   // Sends SIGTERM and returns the exit code.

@@ -148,5 +148,41 @@ TEST_F(QmsyncEraTest, CleanupCountsTheBytesOfOldErasAndAllTakesTheCurrentDataBut
   EXPECT_TRUE(path_exists(data_dir() + "/.sync_hash_cache.json"));
 }
 
+TEST_F(QmsyncEraTest, WatchFollowsANewVersionAndThenAnEraChangeAndStopsCleanlyOnSigterm) {
+  std::vector<std::string> argv = client({"watch", "--poll-interval", "1", "--json"});
+  argv.insert(argv.begin(), QMSYNC_BINARY);
+  BackgroundProcess watch(argv, tmp_ / "watch.err");
+  // Waits for an event line of `kind` whose message holds `text`.
+  const auto wait_for = [&](const std::string& kind, const std::string& text) {
+    while (const std::optional<std::string> line = watch.read_line_for(20.0)) {
+      const Json event = parse_json_text(*line);
+      if (event["event"] == kind && event["message"].get<std::string>().find(text) != std::string::npos) return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(wait_for("start", "era 1, version 1")) << read_file(tmp_ / "watch.err");
+
+  source_files_["docs/added.txt"] = "A file of version 2.\n";
+  write_source();
+  publish(2);
+  ASSERT_TRUE(wait_for("manifest", "era 1, version 2")) << read_file(tmp_ / "watch.err");
+  expect_mirrors_source();
+
+  publish_era_2();
+  set_era_state(R"({"era_id": 2, "state": "active"})");
+  ASSERT_TRUE(wait_for("era_changed", "from era 1 to era 2")) << read_file(tmp_ / "watch.err");
+  ASSERT_TRUE(wait_for("manifest", "era 2, version 1")) << read_file(tmp_ / "watch.err");
+  expect_mirrors_source();
+  EXPECT_FALSE(path_exists(data_dir() + "/features/futures/rolls.bin"));
+
+  const auto stop_started = std::chrono::steady_clock::now();
+  EXPECT_EQ(watch.stop(), 0) << read_file(tmp_ / "watch.err");
+  EXPECT_LT(std::chrono::steady_clock::now() - stop_started, std::chrono::seconds(10));
+  for (const char* leftover : {".sync_flock", ".transition_lock", ".transition_era2.tmp"}) {
+    EXPECT_FALSE(path_exists(data_dir() + "/" + leftover)) << leftover;
+  }
+  EXPECT_EQ(read_file(data_dir() + "/.consumer_count"), "0");
+}
+
 }  // namespace
 }  // namespace quillmarsh::sync::testing
