@@ -1,0 +1,419 @@
+// The era monitor: what each answer of /era/current makes it do, the
+// transitions it runs and the nudge after a new era, and its thread's start
+// and stop. Single polls are driven on monitors that were never started.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sync/collaborators/agent_onboarding.h"
+#include "sync/era/era_thread.h"
+#include "sync/errors.h"
+#include "tests/support/era_fixture.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::EraFixture;
+using testing::EventLog;
+using testing::Fault;
+using testing::unused_loopback_port;
+using Events = std::vector<std::string>;
+
+const std::string kCancelled = "Era transition cancelled \u2014 resuming normal operation.";
+
+// Polls `done` until it holds or ten seconds pass; says whether it held.
+bool wait_until(const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+// Logs "nudge EVENT NEW prev=PREV".
+class RecordingOnboarding : public AgentOnboarding {
+ public:
+  explicit RecordingOnboarding(EventLog& log) : log_(log) {}
+  void update_nudge(const std::string& event, std::int64_t new_era_id,
+                    std::optional<std::int64_t> previous_era_id) override {
+    log_.add("nudge " + event + " " + std::to_string(new_era_id) +
+             " prev=" + (previous_era_id ? std::to_string(*previous_era_id) : std::string("None")));
+  }
+
+ private:
+  EventLog& log_;
+};
+
+class EraMonitor : public EraFixture {
+ protected:
+  void SetUp() override {
+    EraFixture::SetUp();
+    previous_onboarding_ = agent_onboarding_slot().set(std::make_shared<RecordingOnboarding>(events_));
+  }
+  void TearDown() override {
+    agent_onboarding_slot().set(previous_onboarding_);
+    EraFixture::TearDown();
+  }
+
+  // A monitor of `manager` on the API server, with the fixture's callbacks.
+  std::shared_ptr<EraThread> monitor(std::shared_ptr<SyncManager> manager,
+                                     std::function<void()> restart = nullptr) {
+    return std::make_shared<EraThread>(api_.base_url(), [] { return std::string("era-token"); },
+                                       std::move(manager), 600.0, kill_fn(),
+                                       restart ? std::move(restart) : restart_fn());
+  }
+
+  void answer(const Json& body) {
+    api_.put("/era/current", json_text(body), {{"Content-Type", "application/json"}});
+  }
+
+  std::size_t count(const std::string& event) const {
+    std::size_t n = 0;
+    for (const std::string& e : events_.events()) n += e == event;
+    return n;
+  }
+  std::size_t warnings_starting(const std::string& prefix) const {
+    std::size_t n = 0;
+    for (const LogRecord& r : log_.records()) n += r.level == LogLevel::warning && r.message.starts_with(prefix);
+    return n;
+  }
+
+  // A data directory synced to era 1, with era 1 active.
+  std::shared_ptr<SyncManager> synced_to_era1() {
+    publish_era_data(1, {{"features/a/one.bin", "era one"}, {"features/a/same.bin", "kept"}});
+    auto manager = make_manager();
+    manager->sync();
+    return manager;
+  }
+
+ private:
+  std::shared_ptr<AgentOnboarding> previous_onboarding_;
+};
+
+// One row of the monitor's state table: its state before, the server's
+// answer, and what must follow.
+struct Row {
+  const char* name;
+  bool in_closing;
+  std::optional<std::int64_t> known;
+  Json answer;
+  bool transition;                     // the transition was entered
+  std::optional<std::string> failure;  // the context recorded for its failure
+  bool restart;                        // the close was called off
+  bool in_closing_after;
+};
+
+Json flat(Json era_id, std::optional<std::string> state) {
+  Json era = Json::object();
+  era["era_id"] = std::move(era_id);
+  if (state) era["state"] = *state;
+  return era;
+}
+
+Json wrapped_null(std::optional<std::string> outer_state) {
+  Json data = Json::object();
+  data["era"] = nullptr;
+  if (outer_state) data["state"] = *outer_state;
+  return data;
+}
+
+// Over a manager with no manifest, every transition fails (a "closing" era
+// fails the gate, an active one has no manifest to fetch), so the record of
+// the failure shows which branch called it; the failing run leaves the
+// known era as it was in every row.
+TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
+  const std::vector<Row> rows = {
+      {"active, era = K", false, 1, flat(1, "active"), false, std::nullopt, false, false},
+      {"era as text equals K", false, 7, flat("7", std::nullopt), false, std::nullopt, false, false},
+      {"active, era != K", false, 1, flat(2, "active"), true, "new era", false, false},
+      {"lower era counts", false, 3, flat(2, "active"), true, "new era", false, false},
+      {"active, K absent", false, std::nullopt, flat(5, "active"), false, std::nullopt, false, false},
+      {"closing, era = K", false, 1, flat(1, "closing"), true, "closing", false, true},
+      {"closing, era != K", false, 1, flat(2, "closing"), true, "closing", false, true},
+      {"closing, K absent", false, std::nullopt, flat(3, "closing"), true, "closing", false, true},
+      {"closing without era id", false, 1, wrapped_null("closing"), false, "closing", false, true},
+      {"in closing: closing, era = K", true, 1, flat(1, "closing"), false, std::nullopt, false, true},
+      {"in closing: closing, era != K", true, 1, flat(2, "closing"), true, "new era", false, false},
+      {"in closing: active, era = K", true, 1, flat(1, "active"), false, std::nullopt, true, false},
+      {"in closing: era as text equals K", true, 7, flat("7", "active"), false, std::nullopt, true, false},
+      {"in closing: active, no era, K absent", true, std::nullopt, wrapped_null("active"), false, std::nullopt,
+       true, false},
+      {"in closing: active, era != K", true, 1, flat(2, "active"), true, "new era", false, false},
+      {"between eras", false, 1, wrapped_null(std::nullopt), false, std::nullopt, false, false},
+      {"in closing: between eras", true, 1, wrapped_null(std::nullopt), false, std::nullopt, false, true},
+      {"unknown state, era = K", false, 1, flat(1, "paused"), false, std::nullopt, false, false},
+      {"null state, era = K, in closing", true, 1, Json{{"era_id", 1}, {"state", nullptr}}, false, std::nullopt,
+       false, true},
+  };
+  auto manager = make_manager();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    events_.clear();
+    log_.clear();
+    answer(row.answer);
+    auto mon = monitor(manager);
+    mon->_last_known_era_id = row.known;
+    mon->_in_closing = row.in_closing;
+
+    mon->_poll_once();
+
+    EXPECT_EQ(count("kill"), row.transition ? 1u : 0u);
+    EXPECT_EQ(count("restart"), row.restart ? 1u : 0u);
+    EXPECT_EQ(log_.count(LogLevel::info, kCancelled), row.restart ? 1u : 0u);
+    EXPECT_EQ(mon->_in_closing, row.in_closing_after);
+    EXPECT_EQ(mon->_last_known_era_id, row.known);
+    EXPECT_EQ(mon->_transition_failed, row.failure.has_value());
+    if (row.failure) {
+      ASSERT_TRUE(mon->_last_transition_error.has_value());
+      EXPECT_TRUE(mon->_last_transition_error->starts_with(*row.failure + ": ")) << *mon->_last_transition_error;
+      EXPECT_EQ(warnings_starting("Trigger era transition (" + *row.failure + ") failed: "), 1u);
+    } else {
+      EXPECT_FALSE(mon->_last_transition_error.has_value());
+    }
+    // A "closing" answer announces its close in the words of an announcement.
+    const bool closing_branch = row.failure == "closing";
+    EXPECT_EQ(log_.count(LogLevel::info, "Scheduled close announced at None. Continue normal operation."),
+              closing_branch ? 1u : 0u);
+    EXPECT_EQ(count("nudge era_change 2 prev=1"), 0u);
+    EXPECT_EQ(warnings_starting("Era poll failed: "), 0u);
+  }
+}
+
+TEST_F(EraMonitor, FailedClosingTransitionIsNotTriedAgainWhileClosing) {
+  auto manager = make_manager();
+  auto mon = monitor(manager);
+  mon->_last_known_era_id = 1;
+  answer(flat(1, "closing"));
+  mon->_poll_once();
+  ASSERT_EQ(count("kill"), 1u);
+  EXPECT_EQ(*mon->_last_transition_error,
+            "closing: Active era confirmation for era_id=1 returned state='closing'");
+
+  api_.clear_requests();
+  mon->_poll_once();
+  mon->_poll_once();
+  EXPECT_EQ(count("kill"), 1u);
+  EXPECT_EQ(api_.request_count("/era/current"), 2u);  // the polls alone
+  EXPECT_TRUE(mon->_in_closing);
+  EXPECT_TRUE(mon->_transition_failed);
+}
+
+TEST_F(EraMonitor, AnnouncesAScheduledCloseOnEveryPoll) {
+  auto mon = monitor(make_manager());
+  mon->_last_known_era_id = 1;
+  Json era = flat(1, "active");
+  era["next_closing_at"] = "2031-05-01T00:00:00Z";
+  answer(era);
+  mon->_poll_once();
+  mon->_poll_once();
+  const std::string announced = "Scheduled close announced at 2031-05-01T00:00:00Z. Continue normal operation.";
+  EXPECT_EQ(log_.count(LogLevel::info, announced), 2u);
+  EXPECT_EQ(log_.records().size(), 2u);
+  EXPECT_TRUE(events_.events().empty());
+
+  log_.clear();
+  era["next_closing_at"] = nullptr;
+  answer(era);
+  mon->_poll_once();
+  EXPECT_TRUE(log_.records().empty());
+
+  // Every poll asks with a fresh token from the monitor's source.
+  for (const auto& request : api_.requests()) {
+    if (request.path == "/era/current") {
+      EXPECT_EQ(request.header("Authorization"), "Bearer era-token");
+    }
+  }
+}
+
+TEST_F(EraMonitor, UnansweredOrUnreadablePollsChangeNothing) {
+  auto mon = monitor(make_manager());
+  mon->_last_known_era_id = 1;
+  mon->_in_closing = true;
+  answer(flat(2, "active"));  // would start a transition if it came through
+  api_.fault("/era/current", {.status = 503, .times = 3});
+  for (int i = 0; i < 3; ++i) mon->_poll_once();
+  EXPECT_TRUE(log_.records().empty());
+  EXPECT_TRUE(events_.events().empty());
+  EXPECT_EQ(mon->_last_known_era_id, 1);
+  EXPECT_TRUE(mon->_in_closing);
+  EXPECT_FALSE(mon->_transition_failed);
+
+  for (const std::string body : {"{not json", "[1, 2]", "{\"era_id\": \"seven\", \"state\": \"active\"}"}) {
+    SCOPED_TRACE(body);
+    log_.clear();
+    api_.put("/era/current", body);
+    mon->_poll_once();
+    EXPECT_EQ(warnings_starting("Era poll failed: "), 1u);
+    EXPECT_EQ(log_.records().size(), 1u);
+  }
+  EXPECT_TRUE(events_.events().empty());
+  EXPECT_EQ(mon->_last_known_era_id, 1);
+  EXPECT_TRUE(mon->_in_closing);
+
+  log_.clear();
+  auto unreachable = std::make_shared<EraThread>("https://127.0.0.1:" + std::to_string(unused_loopback_port()),
+                                                 [] { return std::string("t"); }, make_manager());
+  unreachable->_poll_once();
+  EXPECT_EQ(warnings_starting("Era poll failed: "), 1u);
+
+  log_.clear();
+  auto tokenless = std::make_shared<EraThread>(
+      api_.base_url(), []() -> std::string { throw AuthError("token store locked"); }, make_manager());
+  tokenless->_poll_once();
+  EXPECT_EQ(log_.count(LogLevel::warning, "Era poll failed: token store locked"), 1u);
+}
+
+TEST_F(EraMonitor, CancelledCloseRestartsSearchesAndSurvivesACallbackFailure) {
+  auto mon = monitor(make_manager(), [] { throw RuntimeError("search pool gone"); });
+  mon->_last_known_era_id = 4;
+  mon->_in_closing = true;
+  answer(flat(4, "active"));
+  mon->_poll_once();
+  EXPECT_FALSE(mon->_in_closing);
+  EXPECT_EQ(log_.count(LogLevel::info, kCancelled), 1u);
+  EXPECT_EQ(log_.count(LogLevel::warning, "Restart searches callback failed: search pool gone"), 1u);
+  EXPECT_FALSE(mon->_transition_failed);
+
+  // Called off once only: the next poll finds nothing to do.
+  log_.clear();
+  mon->_poll_once();
+  EXPECT_TRUE(log_.records().empty());
+}
+
+TEST_F(EraMonitor, NewEraFailureIsRetriedAndSuccessNudgesTheOnboarding) {
+  auto manager = synced_to_era1();
+  auto mon = monitor(manager);
+  mon->_last_known_era_id = 1;
+  publish_era_data(2, {{"features/a/one.bin", "era two"}, {"features/a/same.bin", "kept"}});
+
+  // The poll gets through; the transition's own look at the era does not.
+  api_.fault("/era/current", {.status = 503, .times = 1, .skip = 1});
+  mon->_poll_once();
+  EXPECT_EQ(mon->_last_known_era_id, 1);
+  EXPECT_EQ(mon->_last_transition_error, "new era: Failed to confirm active era: HTTP 503");
+  EXPECT_EQ(log_.count(LogLevel::warning, "Trigger era transition (new era) failed: Failed to confirm active era: HTTP 503"),
+            1u);
+  EXPECT_EQ(manager->get_manifest()->era_id, 1);
+  EXPECT_EQ(count("nudge era_change 2 prev=1"), 0u);
+
+  events_.clear();
+  mon->_poll_once();
+  EXPECT_EQ(manager->get_manifest()->era_id, 2);
+  EXPECT_EQ(read_file(path("features/a/one.bin")), "era two");
+  EXPECT_EQ(mon->_last_known_era_id, 2);
+  EXPECT_FALSE(mon->_transition_failed);
+  EXPECT_FALSE(mon->_last_transition_error.has_value());
+  EXPECT_FALSE(mon->_in_closing);
+  const Events events = events_.events();
+  ASSERT_GE(events.size(), 3u);
+  EXPECT_EQ(events.front(), "kill");
+  EXPECT_EQ(count("restart"), 1u);
+  EXPECT_EQ(events.back(), "nudge era_change 2 prev=1");
+
+  // Without the onboarding module the transition still counts as done.
+  agent_onboarding_slot().set(nullptr);
+  publish_era_data(3, {{"features/a/one.bin", "era three"}});
+  mon->_poll_once();
+  EXPECT_EQ(manager->get_manifest()->era_id, 3);
+  EXPECT_EQ(mon->_last_known_era_id, 3);
+  EXPECT_FALSE(mon->_transition_failed);
+  EXPECT_EQ(log_.count(LogLevel::warning, "update_nudge call failed: No module named 'quillmarsh.agent_onboarding'"),
+            1u);
+}
+
+// The course the server is meant to take: era 1 closes, then era 2 opens.
+TEST_F(EraMonitor, CloseThenNewEraMovesTheDataOnce) {
+  auto manager = synced_to_era1();
+  auto mon = monitor(manager);
+  mon->_last_known_era_id = 1;
+  Json closing = flat(1, "closing");
+  closing["next_closing_at"] = "2031-05-01T00:00:00Z";
+  answer(closing);
+
+  mon->_poll_once();
+  EXPECT_TRUE(mon->_in_closing);
+  EXPECT_FALSE(mon->_transition_failed);
+  EXPECT_EQ(mon->_last_known_era_id, 1);
+  EXPECT_EQ(manager->get_manifest()->era_id, 1);
+  EXPECT_EQ(count("kill"), 1u);
+  EXPECT_EQ(count("restart"), 1u);
+  EXPECT_EQ(log_.count(LogLevel::info, "Scheduled close announced at 2031-05-01T00:00:00Z. Continue normal operation."),
+            1u);
+
+  mon->_poll_once();  // still closing: nothing more
+  EXPECT_EQ(count("kill"), 1u);
+
+  publish_era_data(2, {{"features/a/one.bin", "era two"}, {"features/a/same.bin", "kept"}});
+  mon->_poll_once();
+  EXPECT_FALSE(mon->_in_closing);
+  EXPECT_EQ(mon->_last_known_era_id, 2);
+  EXPECT_EQ(manager->get_manifest()->era_id, 2);
+  EXPECT_EQ(count("kill"), 2u);
+  EXPECT_EQ(count("nudge era_change 2 prev=1"), 1u);
+}
+
+TEST_F(EraMonitor, ConstructionRefusesAUrlThatWouldExposeTheToken) {
+  EXPECT_THROW(EraThread("http://example.com", [] { return std::string("t"); }, make_manager()), ValueError);
+}
+
+TEST_F(EraMonitor, ThreadPollsAtOnceAndStopsDuringItsWait) {
+  publish(with_artefacts(manifest(3, 1)));
+  auto manager = make_manager();
+  manager->sync();
+  answer(flat(3, "active"));
+  api_.clear_requests();
+
+  auto mon = monitor(manager);
+  mon->stop();  // never started: nothing to do
+  EXPECT_EQ(mon->_thread, nullptr);
+
+  mon->start();
+  // The interval is ten minutes: only a poll at once can come here.
+  ASSERT_TRUE(wait_until([&] { return api_.request_count("/era/current") == 1; }));
+  try {
+    mon->start();
+    ADD_FAILURE() << "second start was accepted";
+  } catch (const StateError& e) {
+    EXPECT_STREQ(e.what(), "EraThread already started");
+  }
+  mon->stop();
+  // The wait ended with the stop, within the join's bound, with no poll after it.
+  EXPECT_FALSE(mon->is_alive());
+  EXPECT_NE(mon->_thread, nullptr);
+  EXPECT_TRUE(mon->_stop_event.is_set());
+  EXPECT_EQ(api_.request_count("/era/current"), 1u);
+  // start took the era from the manifest, and the answer matched it.
+  EXPECT_EQ(mon->_last_known_era_id, 3);
+  EXPECT_TRUE(events_.events().empty());
+
+  mon->start();
+  EXPECT_FALSE(mon->_stop_event.is_set());
+  EXPECT_TRUE(wait_until([&] { return api_.request_count("/era/current") == 2; }));
+  mon->stop();
+  EXPECT_FALSE(mon->is_alive());
+  EXPECT_EQ(api_.request_count("/era/current"), 2u);
+}
+
+TEST_F(EraMonitor, StartWithoutAManifestKeepsTheKnownEra) {
+  answer(flat(5, "active"));
+  auto mon = monitor(make_manager());
+  mon->_last_known_era_id = 4;
+  mon->start();
+  ASSERT_TRUE(wait_until([&] { return api_.request_count("/era/current") >= 1; }));
+  mon->stop();
+  // Era 5 differs from the kept 4, so the poll tried a transition.
+  EXPECT_EQ(mon->_last_known_era_id, 4);
+  EXPECT_EQ(count("kill"), 1u);
+  ASSERT_TRUE(mon->_last_transition_error.has_value());
+  EXPECT_TRUE(mon->_last_transition_error->starts_with("new era: "));
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

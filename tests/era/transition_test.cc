@@ -1,0 +1,571 @@
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "sync/errors.h"
+#include "sync/support/posix_file.h"
+#include "tests/support/era_fixture.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::EraFixture;
+using testing::Fault;
+using Files = std::map<std::string, std::string>;
+using Events = std::vector<std::string>;
+
+const std::string kM1Tail =
+    ". Build a local wheel with build_wheel() and install it with: pip install --upgrade /path/to/quillmarsh-*.whl";
+
+class Transition : public EraFixture {
+ protected:
+  static Files era1_files() {
+    return {{"features/a/keep.bin", "same in both eras"},
+            {"features/a/change.bin", "era one bytes"},
+            {"named_universes/gone.json", "{\"era\": 1}"},
+            {"found_signals/r/g/s/pnl.arrow", "kept signal"}};
+  }
+
+  // A data directory synced to era 1, with era 1 active.
+  void sync_era1() {
+    m1_ = publish_era_data(1, era1_files());
+    manager_ = make_manager();
+    manager_->sync();
+    api_.clear_requests();
+    store_.clear_requests();
+  }
+
+  void transition(std::int64_t era, bool with_restart = true) {
+    manager_->trigger_era_transition(era, kill_fn(), with_restart ? restart_fn() : nullptr);
+  }
+
+  std::size_t era_requests() const { return api_.request_count("/era/current"); }
+
+  std::size_t log_count(LogLevel level, const std::string& message) const { return log_.count(level, message); }
+  std::size_t log_count_starting(LogLevel level, const std::string& prefix) const {
+    std::size_t n = 0;
+    for (const LogRecord& r : log_.records()) n += r.level == level && r.message.starts_with(prefix);
+    return n;
+  }
+
+  std::shared_ptr<SyncManager> manager_;
+  Json m1_;
+};
+
+TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
+  sync_era1();
+  // Strays in the six data folders go; everything else stays.
+  for (const char* stray : {"features/stray.bin", "universe_masks/m/stray.bin", "features/.dotfile",
+                            "found_strategies/x/y.arrow"}) {
+    make_dirs(dir_name(path(stray)));
+    write_file(path(stray), "stray");
+  }
+  const Files kept_extras = {{"features/.cache/kept.bin", "hidden dir"},
+                             {".private/features/y.bin", "dot dir"},
+                             {"notes.txt", "top-level file"},
+                             {"other/x.bin", "other folder"}};
+  for (const auto& [rel, bytes] : kept_extras) {
+    make_dirs(dir_name(path(rel)));
+    write_file(path(rel), bytes);
+  }
+  const FileStat keep_before = stat_path(path("features/a/keep.bin"));
+  const FileStat signal_before = stat_path(path("found_signals/r/g/s/pnl.arrow"));
+
+  Files era2 = era1_files();
+  era2.erase("named_universes/gone.json");
+  era2["features/a/change.bin"] = "era two bytes";
+  era2["useful_signals/new.bin"] = "fresh";
+  era2["features/a/decl.pxd"] = "a declaration a sync pass would drop";
+  const Json m2 = publish_era_data(2, era2);
+  // A dead run's staging of this era is not trusted; a stale lock file's
+  // content is replaced.
+  make_dirs(path(".transition_era2.tmp/features/a"));
+  write_file(path(".transition_era2.tmp/features/a/change.bin.tmp"), "era two");
+  write_file(path(".transition_lock"), "123456789 from a crashed process");
+
+  std::optional<std::string> lock_at_kill;
+  bool in_transition_at_kill = false;
+  manager_->trigger_era_transition(
+      2,
+      [&] {
+        events_.add("kill");
+        lock_at_kill = read_file(path(".transition_lock"));
+        in_transition_at_kill = manager_->_in_transition.load();
+      },
+      restart_fn());
+  EXPECT_EQ(lock_at_kill, std::to_string(::getpid()));
+  EXPECT_TRUE(in_transition_at_kill);
+
+  for (const char* fetched : {"features/a/change.bin", "useful_signals/new.bin", "features/a/decl.pxd",
+                              "features/u/vocabulary.json"}) {
+    EXPECT_EQ(store_.request_count("/bucket/" + std::string(fetched)), 1u) << fetched;
+  }
+  EXPECT_EQ(store_.requests().size(), 4u);
+  EXPECT_EQ(api_.request_count("/data/manifest"), 1u);
+  EXPECT_EQ(api_.request_count("/data/shuffle"), 1u);
+  // One look before each of the six taken entries, reused ones included,
+  // and the four confirmations.
+  EXPECT_EQ(era_requests(), 1u + 6u + 3u);
+
+  const FileStat keep_after = stat_path(path("features/a/keep.bin"));
+  EXPECT_EQ(keep_after.inode, keep_before.inode);
+  EXPECT_EQ(keep_after.mtime_ns, keep_before.mtime_ns);
+  EXPECT_EQ(stat_path(path("found_signals/r/g/s/pnl.arrow")).inode, signal_before.inode);
+
+  for (const auto& [rel, bytes] : era2) EXPECT_EQ(read_file(path(rel)), bytes) << rel;
+  for (const auto& [rel, bytes] : kept_extras) EXPECT_EQ(read_file(path(rel)), bytes) << rel;
+  for (const char* gone : {"named_universes/gone.json", "features/stray.bin", "universe_masks/m/stray.bin",
+                           "features/.dotfile", "found_strategies/x/y.arrow"}) {
+    EXPECT_FALSE(path_exists(path(gone))) << gone;
+  }
+  EXPECT_EQ(read_file(path("shuffle_seed.enc")), seed_bytes(2));
+  EXPECT_EQ(read_file(path("shuffle_seed.enc.meta.json")), "{\"era_id\": 2}");
+
+  // The server's manifest whole, the entry a sync pass would drop included.
+  EXPECT_EQ(read_file(path("manifest.json")), json_text(m2));
+  ASSERT_TRUE(manager_->get_manifest());
+  EXPECT_EQ(manager_->get_manifest()->era_id, 2);
+  EXPECT_TRUE(manager_->get_manifest()->files().contains("features/a/decl.pxd"));
+  const auto vocabulary = manager_->_vocabulary.load();
+  ASSERT_TRUE(vocabulary);
+  EXPECT_EQ((*vocabulary)["u"]["era_id"], 2);
+  expect_no_run_leftovers(*manager_, 2);
+
+  EXPECT_EQ(events_.events(), (Events{"kill", "auth 2", "open identity=owner", "handle 2 prev=1", "close", "restart"}));
+
+  store_.clear_requests();
+  manager_->sync();
+  EXPECT_TRUE(store_.requests().empty());
+}
+
+TEST_F(Transition, AFirstEraOnAnEmptyDirectoryDemandsAnActiveEra) {
+  const Json m1 = publish_era_data(1, era1_files());
+  make_dirs(path("features/old"));
+  write_file(path("features/old/stray.bin"), "stray");
+  manager_ = make_manager();
+  ASSERT_FALSE(manager_->get_manifest());
+
+  publish_era(1, "closing");
+  try {
+    transition(1, false);
+    FAIL() << "expected EraError";
+  } catch (const EraError& e) {
+    EXPECT_STREQ(e.what(), "Active era confirmation for era_id=1 returned state='closing'");
+  }
+  EXPECT_FALSE(path_exists(path("manifest.json")));
+
+  publish_era(1);
+  events_.clear();
+  api_.clear_requests();
+  transition(1, false);
+  EXPECT_EQ(read_file(path("manifest.json")), json_text(m1));
+  for (const auto& [rel, bytes] : era1_files()) EXPECT_EQ(read_file(path(rel)), bytes) << rel;
+  EXPECT_FALSE(path_exists(path("features/old/stray.bin")));
+  EXPECT_EQ(events_.events(), (Events{"kill", "auth 1", "open identity=owner", "handle 1 prev=None", "close"}));
+  // No restart callback: no fourth confirmation.
+  EXPECT_EQ(era_requests(), 1u + 5u + 2u);
+  expect_no_run_leftovers(*manager_, 1);
+}
+
+TEST_F(Transition, TheSameEraWhileClosingGoesThroughAndTellsNobody) {
+  sync_era1();
+  const Files before = live_files();
+  publish_era(1, "closing");
+
+  transition(1);
+
+  EXPECT_EQ(events_.events(), (Events{"kill", "restart"}));
+  for (const auto& [rel, bytes] : era1_files()) EXPECT_EQ(store_.request_count("/bucket/" + rel), 0u) << rel;
+  EXPECT_EQ(live_files(), before);
+  EXPECT_EQ(manager_->get_manifest()->era_id, 1);
+  expect_no_run_leftovers(*manager_, 1);
+}
+
+TEST_F(Transition, TheTrackerOpensWithWhateverIdentityThereIs) {
+  sync_era1();
+  struct Case {
+    std::function<void()> arrange;
+    Events tracker_events;  // between "auth N" and "handle N"
+  };
+  const std::vector<Case> cases = {
+      {[] {}, {"open identity=owner"}},
+      {[] { identity_slot().set(nullptr); }, {"open identity=absent"}},
+      {[this] { identity_->fail = true; }, {"open identity=null"}},
+      {[this] { tracking_->fail_with_identity = true; }, {"open identity=owner", "open identity=absent"}},
+  };
+  std::int64_t era = 1;
+  for (const Case& c : cases) {
+    ++era;
+    identity_slot().set(identity_);
+    identity_->fail = false;
+    tracking_->fail_with_identity = false;
+    c.arrange();
+    publish_era_data(era, {{"features/a/x.bin", "era " + std::to_string(era)}});
+    events_.clear();
+    transition(era);
+    Events expected = {"kill", "auth " + std::to_string(era)};
+    expected.insert(expected.end(), c.tracker_events.begin(), c.tracker_events.end());
+    for (const std::string& e : {"handle " + std::to_string(era) + " prev=" + std::to_string(era - 1),
+                                 std::string("close"), std::string("restart")}) {
+      expected.push_back(e);
+    }
+    EXPECT_EQ(events_.events(), expected) << "era " << era;
+    EXPECT_EQ(manager_->get_manifest()->era_id, era);
+  }
+
+  // Auth that fails, or is not there, is only a warning.
+  auth_->fail = true;
+  publish_era_data(++era, {{"features/a/x.bin", "auth fails"}});
+  transition(era);
+  EXPECT_EQ(log_count(LogLevel::warning, "Failed to notify auth about era change: token store locked"), 1u);
+  auth_slot().set(nullptr);
+  publish_era_data(++era, {{"features/a/x.bin", "no auth"}});
+  transition(era);
+  EXPECT_EQ(log_count(LogLevel::warning, "Failed to notify auth about era change: No module named 'quillmarsh.auth'"),
+            1u);
+  EXPECT_EQ(manager_->get_manifest()->era_id, era);
+}
+
+TEST_F(Transition, AFailingTrackerFailsTheRunAfterTheCommit) {
+  sync_era1();
+  Files era2 = era1_files();
+  era2.erase("named_universes/gone.json");
+  const Json m2 = publish_era_data(2, era2);
+  tracking_->fail_handle = true;
+  try {
+    transition(2);
+    FAIL() << "expected RuntimeError";
+  } catch (const RuntimeError& e) {
+    EXPECT_STREQ(e.what(), "search table busy");
+  }
+  EXPECT_EQ(events_.events(), (Events{"kill", "auth 2", "open identity=owner", "handle 2 prev=1", "close"}));
+  EXPECT_EQ(manager_->get_manifest()->era_id, 2);
+  EXPECT_EQ(read_file(path("manifest.json")), json_text(m2));
+  EXPECT_FALSE(path_exists(path("named_universes/gone.json")));
+  expect_no_run_leftovers(*manager_, 2);
+
+  // A tracker that cannot be opened at all fails the run as well.
+  tracking_->fail_handle = false;
+  tracking_->fail_always = true;
+  publish_era_data(3, era2);
+  events_.clear();
+  EXPECT_THROW(transition(3), RuntimeError);
+  EXPECT_EQ(events_.events(), (Events{"kill", "auth 3", "open identity=owner", "open identity=absent"}));
+  EXPECT_EQ(manager_->get_manifest()->era_id, 3);
+}
+
+TEST_F(Transition, ANewerEraWhileStagingRestartsTheRunForIt) {
+  sync_era1();
+  make_dirs(path("other"));
+  write_file(path("other/junk.tmp"), "left by someone");
+  // Sorted: keep (reused), only2 (staged), z; then the vocabulary.
+  publish_era_data(2, {{"features/a/keep.bin", "same in both eras"},
+                       {"features/b/only2.bin", "era two only"},
+                       {"useful_signals/z.bin", "era two z"}});
+  Json files3 = Json::object();
+  files3["features/a/keep.bin"] = store_file("features/a/keep.bin", "same in both eras");
+  files3["features/c/three.bin"] = store_file("features/c/three.bin", "era three");
+  const Json m3 = with_artefacts(manifest(3, 1, files3));
+  // The gate, then the looks before keep and only2 see era 2; the look
+  // before z sees era 3, and so does every later one.
+  api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(3)), .skip = 3});
+  api_.fault("/data/manifest", Fault{.status = 200, .body = json_text(m3), .skip = 1});
+
+  std::vector<Files> live_at_kill;
+  manager_->trigger_era_transition(
+      2,
+      [&] {
+        events_.add("kill");
+        live_at_kill.push_back(live_files());
+      },
+      restart_fn());
+
+  ASSERT_EQ(live_at_kill.size(), 2u);
+  EXPECT_EQ(store_.request_count("/bucket/features/b/only2.bin"), 1u);  // it did reach staging
+  EXPECT_EQ(store_.request_count("/bucket/useful_signals/z.bin"), 0u);
+  for (const Files& snapshot : live_at_kill) {
+    for (const auto& [rel, bytes] : snapshot) {
+      EXPECT_FALSE(rel == "features/b/only2.bin" || rel.starts_with(".transition_era2.tmp")) << rel;
+    }
+  }
+  EXPECT_FALSE(live_at_kill[1].contains("other/junk.tmp"));  // swept before the second run
+  EXPECT_EQ(live_at_kill[1].at("manifest.json"), json_text(m1_));
+
+  EXPECT_FALSE(path_exists(path("features/b/only2.bin")));
+  EXPECT_FALSE(path_exists(path("useful_signals/z.bin")));
+  EXPECT_EQ(read_file(path("features/c/three.bin")), "era three");
+  EXPECT_EQ(read_file(path("shuffle_seed.enc")), seed_bytes(3));
+  EXPECT_EQ(read_file(path("manifest.json")), json_text(m3));
+  EXPECT_EQ(manager_->get_manifest()->era_id, 3);
+  // The second run reads the same previous era as the first.
+  EXPECT_EQ(events_.events(),
+            (Events{"kill", "kill", "auth 3", "open identity=owner", "handle 3 prev=1", "close", "restart"}));
+  expect_no_run_leftovers(*manager_, 2);
+  expect_no_run_leftovers(*manager_, 3);
+}
+
+TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
+  sync_era1();
+  Files era2 = era1_files();
+  era2["features/a/change.bin"] = "era two bytes";
+  era2.erase("named_universes/gone.json");
+  const Json m2 = publish_era_data(2, era2);
+  const Files before = live_files();
+  const std::shared_ptr<Manifest> manifest_before = manager_->get_manifest();
+
+  const std::string m2_reason_default = "quillmarsh >= 2.0 required for era 2; auto-update failed: Could not "
+                                        "auto-update to latest." + kM1Tail;
+  struct Case {
+    const char* name;
+    std::function<void()> arrange;
+    std::function<bool(const std::exception&)> is_expected_type;
+    std::string message;
+    std::string warning = "";  // logged on the way out, when given
+  };
+  const auto lib = [](const std::exception& e) { return dynamic_cast<const LibraryUpdateRequired*>(&e) != nullptr; };
+  const auto era_error = [](const std::exception& e) { return dynamic_cast<const EraError*>(&e) != nullptr; };
+  const auto plain_sync_error = [](const std::exception& e) {
+    return dynamic_cast<const SyncError*>(&e) != nullptr && dynamic_cast<const EraError*>(&e) == nullptr;
+  };
+  const std::vector<Case> cases = {
+      {"below the minimum, no newer build", [this] { publish_era(2, "active", "999.0"); }, lib,
+       "quillmarsh >= 999.0 required for era 2" + kM1Tail},
+      {"update answers failure without a warning",
+       [this] {
+         use_scripted_deployment();
+         deployment_->newer_version = "1.5.0";
+         deployment_->update_result = UpdateResult{false, std::nullopt};
+         publish_era(2, "active", "2.0");
+       },
+       lib, m2_reason_default, "Auto-update failed: Could not auto-update to latest."},
+      {"update fails outright",
+       [this] {
+         use_scripted_deployment();
+         deployment_->newer_version = "1.5.0";
+         deployment_->auto_update_throws = [] { throw RuntimeError("pip exploded"); };
+         publish_era(2, "active", "2.0");
+       },
+       lib, "quillmarsh >= 2.0 required for era 2; auto-update failed: pip exploded" + kM1Tail,
+       "Auto-update failed: pip exploded"},
+      {"the module's own LibraryUpdateRequired passes untouched",
+       [this] {
+         use_scripted_deployment();
+         deployment_->newer_version = "1.5.0";
+         deployment_->auto_update_throws = [] { throw LibraryUpdateRequired("restart the kernel"); };
+         publish_era(2, "active", "2.0");
+       },
+       lib, "restart the kernel"},
+      {"closing on a real advance", [this] { publish_era(2, "closing"); }, era_error,
+       "Active era confirmation for era_id=2 returned state='closing'"},
+      {"another era active", [this] { publish_era(3); }, era_error,
+       "Active era_id=3 does not match requested transition era_id=2"},
+      {"between eras", [this] { publish_wrapped_era(nullptr, Json("between_eras")); }, era_error,
+       "Failed to parse active era response during transition"},
+      {"manifest of another era", [this] { api_.put("/data/manifest", json_text(manifest(3, 1))); }, era_error,
+       "Era transition manifest era_id=3 does not match active era_id=2"},
+      {"manifest with an unusable era",
+       [this] {
+         Json m = manifest(2, 1);
+         m["era_id"] = "two";
+         api_.put("/data/manifest", json_text(m));
+       },
+       era_error, "Era transition manifest has invalid era_id='two'"},
+      {"manifest unavailable", [this] { api_.fault("/data/manifest", Fault{.status = 500, .body = "down"}); },
+       plain_sync_error, "Failed to fetch era 2 manifest: HTTP 500"},
+      {"vocabulary of another era",
+       [this, &m2] {
+         const std::string bytes = json_text(vocabulary(1, "u"));
+         store_.put("/bucket/features/u/vocabulary.json", bytes);
+         Json m = m2;
+         m["files"]["features/u/vocabulary.json"] = Json{{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}};
+         api_.put("/data/manifest", json_text(m));
+       },
+       era_error, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    // Era 2 as published, unless the case says otherwise.
+    deployment_slot().set(std::make_shared<DefaultDeployment>());
+    deployment_->newer_version.reset();
+    deployment_->auto_update_throws = nullptr;
+    api_.clear_faults();
+    api_.put("/data/manifest", json_text(m2));
+    publish_era(2);
+    events_.clear();
+    log_.clear();
+    c.arrange();
+    try {
+      transition(2);
+      ADD_FAILURE() << "the run went through";
+    } catch (const std::exception& e) {
+      EXPECT_TRUE(c.is_expected_type(e)) << e.what();
+      if (!c.message.empty()) {
+        EXPECT_EQ(std::string(e.what()), c.message);
+      }
+    }
+    if (!c.warning.empty()) {
+      EXPECT_EQ(log_count(LogLevel::warning, c.warning), 1u);
+    }
+    EXPECT_EQ(live_files(), before);
+    EXPECT_EQ(manager_->get_manifest(), manifest_before);
+    EXPECT_EQ(events_.events(), Events{"kill"});  // searches stay killed
+    expect_no_run_leftovers(*manager_, 2);
+  }
+  EXPECT_EQ(deployment_->auto_update_calls, (std::vector<std::string>{"2.0", "2.0", "2.0"}));
+}
+
+TEST_F(Transition, TheLibraryGateLetsTheRunOnWhenItCan) {
+  sync_era1();
+  use_scripted_deployment();
+
+  // The update check cannot be reached: a warning, no update attempt.
+  deployment_->check_update_connection_error = true;
+  publish_era_data(2, {{"features/a/x.bin", "two"}});
+  transition(2);
+  EXPECT_EQ(log_count(LogLevel::warning, "Could not check local wheel cache for library update: wheel cache unreachable"),
+            1u);
+  EXPECT_TRUE(deployment_->auto_update_calls.empty());
+  EXPECT_EQ(manager_->get_manifest()->era_id, 2);
+
+  // Below the minimum, and the update answers without a success flag: done.
+  deployment_->check_update_connection_error = false;
+  deployment_->newer_version = "2.1.0";
+  deployment_->update_result = UpdateResult{};
+  publish_era_data(3, {{"features/a/x.bin", "three"}});
+  publish_era(3, "active", "2.0");
+  transition(3);
+  EXPECT_EQ(deployment_->auto_update_calls, std::vector<std::string>{"2.0"});
+  EXPECT_EQ(manager_->get_manifest()->era_id, 3);
+
+  // A minimum the era cannot state counts as met; the update is asked for
+  // the running version, and its failure is only logged.
+  deployment_->update_result = UpdateResult{false, "disk full"};
+  publish_era_data(4, {{"features/a/x.bin", "four"}});
+  publish_era(4, "active", "two");
+  transition(4);
+  EXPECT_EQ(log_count(LogLevel::warning, "Invalid min_library_version from era config: two"), 1u);
+  EXPECT_EQ(log_count(LogLevel::warning, "Auto-update failed: disk full"), 1u);
+  EXPECT_EQ(deployment_->auto_update_calls, (std::vector<std::string>{"2.0", "1.0.0"}));
+  EXPECT_EQ(manager_->get_manifest()->era_id, 4);
+
+  // At or above the minimum with no newer build: nothing to do.
+  deployment_->newer_version.reset();
+  publish_era_data(5, {{"features/a/x.bin", "five"}});
+  publish_era(5, "active", "1.0");
+  transition(5);
+  EXPECT_EQ(manager_->get_manifest()->era_id, 5);
+  EXPECT_EQ(deployment_->auto_update_calls.size(), 2u);
+}
+
+TEST_F(Transition, BytesThatStayWrongHoldTheRunUntilTheEraMoves) {
+  sync_era1();
+  // bad.bin sorts first; the vocabulary makes two taken entries.
+  publish_era_data(2, {{"features/a/bad.bin", "bytes that never arrive intact"}});
+  store_.fault("/bucket/features/a/bad.bin", Fault{.wrong_bytes = true});
+  // The gate, the look before bad.bin and eight looks after failed
+  // attempts see era 2; the ninth look finds no era.
+  api_.fault("/era/current", Fault{.status = 200, .body = json_text(wrapped_era(nullptr)), .skip = 10});
+  const Files before = live_files();
+
+  std::vector<std::pair<double, std::optional<std::string>>> waits;
+  replace_sleep([&](double s) { waits.emplace_back(s, manager_->status()); });
+  try {
+    transition(2);
+    FAIL() << "expected EraError";
+  } catch (const EraError& e) {
+    EXPECT_STREQ(e.what(), "Failed to parse active era response during transition");
+  }
+
+  std::vector<double> transition_waits;
+  for (const auto& [s, status] : waits) {
+    // The download's own waits show at least 1s as well.
+    const auto shown = std::to_string(std::max<std::int64_t>(1, static_cast<std::int64_t>(s)));
+    EXPECT_EQ(status, "Download interrupted, retrying in " + shown + "s (0/2 files complete)") << s;
+    if (s >= 1.0) transition_waits.push_back(s);
+  }
+  EXPECT_EQ(transition_waits, (std::vector<double>{1, 2, 4, 8, 16, 32, 60, 60}));
+  EXPECT_EQ(waits.size(), 8u + 9u * 2u);  // nine downloads of three attempts each
+  EXPECT_EQ(store_.request_count("/bucket/features/a/bad.bin"), 27u);
+  EXPECT_EQ(live_files(), before);
+  EXPECT_EQ(manager_->get_manifest()->era_id, 1);
+  expect_no_run_leftovers(*manager_, 2);
+}
+
+TEST_F(Transition, TheRetryCountStartsAfreshForEachFile) {
+  sync_era1();
+  // Sorted: keep (reused), flaky1, flaky2, a data file and a module for
+  // another platform, then the vocabulary. The module is not this
+  // machine's: it is neither counted nor fetched nor looked at.
+  Json files = Json::object();
+  for (const auto& [rel, bytes] : Files{{"features/a/keep.bin", "same in both eras"},
+                                        {"features/b/flaky1.bin", "first flaky file"},
+                                        {"features/c/flaky2.bin", "second flaky file"},
+                                        {"features/d/foreign.bin", "data for anyone"}}) {
+    files[rel] = store_file(rel, bytes);
+  }
+  files["features/d/foreign.bin"]["platform"] = "plan9-mips";
+  files["features/e/mod.so"] = store_file("features/e/mod.so", "module", "vault_module");
+  files["features/e/mod.so"]["platform"] = "plan9-mips";
+  publish(with_artefacts(manifest(2, 1, files)));
+  publish_era(2);
+  // Each fails one whole download (three cut attempts), then the next call
+  // resumes and completes it. (Wrong bytes would not do: they leave a
+  // complete staging file that every later call asks a range behind.)
+  store_.fault("/bucket/features/b/flaky1.bin", Fault{.cut_after_bytes = 1, .times = 3});
+  store_.fault("/bucket/features/c/flaky2.bin", Fault{.cut_after_bytes = 1, .times = 3});
+  std::vector<std::pair<double, std::optional<std::string>>> waits;
+  replace_sleep([&](double s) {
+    if (s >= 1.0) waits.emplace_back(s, manager_->status());
+  });
+
+  transition(2);
+
+  using Wait = std::pair<double, std::optional<std::string>>;
+  EXPECT_EQ(waits, (std::vector<Wait>{{1.0, "Download interrupted, retrying in 1s (1/5 files complete)"},
+                                      {1.0, "Download interrupted, retrying in 1s (2/5 files complete)"}}));
+  EXPECT_EQ(read_file(path("features/d/foreign.bin")), "data for anyone");
+  EXPECT_EQ(store_.request_count("/bucket/features/e/mod.so"), 0u);
+  EXPECT_FALSE(path_exists(path("features/e/mod.so")));
+  // The gate, five looks and two after failures, three confirmations.
+  EXPECT_EQ(era_requests(), 1u + 5u + 2u + 3u);
+  EXPECT_EQ(read_file(path("features/b/flaky1.bin")), "first flaky file");
+  EXPECT_EQ(read_file(path("features/c/flaky2.bin")), "second flaky file");
+  expect_no_run_leftovers(*manager_, 2);
+}
+
+TEST_F(Transition, ALockFileThatCannotBeWrittenIsOnlyAWarning) {
+  sync_era1();
+  make_dirs(path(".transition_lock"));
+  publish_era_data(2, {{"features/a/x.bin", "two"}});
+
+  transition(2);
+
+  EXPECT_EQ(log_count_starting(LogLevel::warning, "Failed to write transition lock file: "), 1u);
+  EXPECT_EQ(log_count_starting(LogLevel::debug, "best-effort transition_lock cleanup failed for " +
+                                                    path(".transition_lock") + ": "),
+            1u);
+  EXPECT_EQ(manager_->get_manifest()->era_id, 2);
+  EXPECT_EQ(read_file(path("features/a/x.bin")), "two");
+  EXPECT_FALSE(manager_->_in_transition.load());
+}
+
+TEST_F(Transition, AKillCallbackThatFailsStopsTheRun) {
+  sync_era1();
+  publish_era_data(2, {{"features/a/x.bin", "two"}});
+  const Files before = live_files();
+  api_.clear_requests();
+  EXPECT_THROW(manager_->trigger_era_transition(2, [] { throw RuntimeError("search will not die"); }, restart_fn()),
+               RuntimeError);
+  EXPECT_EQ(era_requests(), 0u);
+  EXPECT_TRUE(events_.events().empty());
+  EXPECT_EQ(live_files(), before);
+  expect_no_run_leftovers(*manager_, 2);
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

@@ -1,0 +1,268 @@
+// The registry of shared managers and their consumers: one manager per real
+// directory, the threads that the first consumer starts and the last one
+// stops, the count on disk, and the monitor that acquire starts.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "sync/era/era_thread.h"
+#include "sync/errors.h"
+#include "sync/support/posix_file.h"
+#include "tests/support/era_fixture.h"
+
+namespace quillmarsh::sync {
+namespace {
+
+using testing::EraFixture;
+using testing::TempDir;
+using Notices = std::vector<std::pair<std::string, std::int64_t>>;
+
+// Polls `done` until it holds or ten seconds pass; says whether it held.
+bool wait_until(const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+SyncManager::TokenSource token(std::string text) {
+  return [text] { return text; };
+}
+
+// What era callbacks were told, in order.
+class NoticeLog {
+ public:
+  SyncManager::EraCallback callback() {
+    return std::make_shared<const SyncManager::EraCallbackFn>([this](const std::string& event, std::int64_t era) {
+      std::lock_guard<std::mutex> lock(mu_);
+      notices_.emplace_back(event, era);
+    });
+  }
+  Notices notices() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return notices_;
+  }
+
+ private:
+  mutable std::mutex mu_;
+  Notices notices_;
+};
+
+class Registry : public EraFixture {
+ protected:
+  std::shared_ptr<SyncManager> shared(const std::string& data_dir, SyncManager::TokenSource get_token = token("t"),
+                                      double poll_interval_s = 600.0) {
+    return SyncManager::get_or_create(data_dir, api_.base_url(), std::move(get_token), poll_interval_s);
+  }
+  std::string count_file() const { return read_file(path(".consumer_count")); }
+  std::optional<std::string> last_authorization(const std::string& request_path) const {
+    std::optional<std::string> seen;
+    for (const auto& request : api_.requests()) {
+      if (request.path == request_path) seen = request.header("Authorization");
+    }
+    return seen;
+  }
+  // A manifest in force on the server, so that background polls find
+  // nothing to do and log nothing.
+  void quiet_server() {
+    publish(with_artefacts(manifest(1, 1)));
+    publish_era(1);
+  }
+};
+
+TEST_F(Registry, OneInstancePerRealDirectoryWithTheNewestToken) {
+  TempDir links;
+  const std::string link = links / "data";
+  ASSERT_EQ(::symlink(dir_.path().c_str(), link.c_str()), 0);
+  const std::string real = std::filesystem::canonical(dir_.path()).string();
+
+  auto first = shared(dir_.path(), token("first"), 600.0);
+  auto second = shared(link + "/", token("second"), 5.0);
+  EXPECT_EQ(second, first);
+  EXPECT_EQ(first->_data_dir, dir_.path());
+  EXPECT_EQ(first->_poll_interval, 600.0);
+
+  publish(manifest(1, 1));
+  first->needs_sync();
+  EXPECT_EQ(last_authorization("/data/manifest/version"), "Bearer second");
+
+  try {
+    SyncManager::get_or_create(link, "https://127.0.0.1:9", token("third"));
+    ADD_FAILURE() << "a second server was accepted";
+  } catch (const ValueError& e) {
+    EXPECT_EQ(std::string(e.what()), "SyncManager for '" + real + "' already exists with server_url='" +
+                                         api_.base_url() + "', cannot reuse with server_url='https://127.0.0.1:9'");
+  }
+  // The refused call left the token alone.
+  first->needs_sync();
+  EXPECT_EQ(last_authorization("/data/manifest/version"), "Bearer second");
+}
+
+TEST_F(Registry, AnInstanceNobodyHoldsLeavesTheRegistry) {
+  std::weak_ptr<SyncManager> dropped = shared(dir_.path());
+  EXPECT_TRUE(dropped.expired());
+  // Were it still registered, another server would be refused.
+  auto other = SyncManager::get_or_create(dir_.path(), "https://127.0.0.1:9", token("t"));
+  EXPECT_EQ(other->_server_url, "https://127.0.0.1:9");
+
+  // A construction that fails registers nothing.
+  const std::string missing = dir_ / "missing";
+  EXPECT_THROW(shared(missing), FileNotFoundError);
+  make_dirs(missing);
+  EXPECT_NO_THROW(SyncManager::get_or_create(missing, "https://127.0.0.1:9", token("t")));
+}
+
+TEST_F(Registry, FirstAcquireStartsTheThreadsAndLastReleaseStopsAndEvicts) {
+  quiet_server();
+  auto m = shared(dir_.path());
+  m->acquire();
+  EXPECT_EQ(m->consumer_count(), 1);
+  EXPECT_EQ(count_file(), "1");
+  EXPECT_TRUE(m->_running.load());
+  EXPECT_TRUE(m->_consumer_lifecycle_started.load());
+  const auto poll_thread = m->_sync_thread.load();
+  const auto monitor = m->_era_thread.load();
+  ASSERT_NE(poll_thread, nullptr);
+  ASSERT_NE(monitor, nullptr);
+  EXPECT_EQ(monitor->_server_url, api_.base_url());
+  EXPECT_EQ(monitor->_poll_interval, 600.0);
+  EXPECT_TRUE(wait_until([&] { return api_.request_count("/era/current") >= 1; }));
+
+  m->acquire();
+  EXPECT_EQ(count_file(), "2");
+  m->release();
+  EXPECT_EQ(count_file(), "1");
+  EXPECT_EQ(m->consumer_count(), 1);
+  EXPECT_EQ(m->_sync_thread.load(), poll_thread);
+  EXPECT_EQ(m->_era_thread.load(), monitor);
+  EXPECT_TRUE(m->is_alive());
+  EXPECT_TRUE(monitor->is_alive());
+
+  m->release();
+  EXPECT_EQ(count_file(), "0");
+  EXPECT_EQ(m->consumer_count(), 0);
+  EXPECT_FALSE(m->_running.load());
+  EXPECT_FALSE(m->_consumer_lifecycle_started.load());
+  EXPECT_EQ(m->_era_thread.load(), nullptr);
+  EXPECT_FALSE(poll_thread->is_alive());
+  EXPECT_FALSE(monitor->is_alive());
+  EXPECT_FALSE(monitor->_started.load());
+  EXPECT_EQ(api_.request_count("/era/current"), 1u);  // one poll at start, none after
+
+  auto fresh = shared(dir_.path());
+  EXPECT_NE(fresh, m);
+  EXPECT_EQ(fresh->consumer_count(), 0);
+
+  // An unbalanced release writes nothing, stops nothing and evicts nothing.
+  remove_file(path(".consumer_count"));
+  m->release();
+  fresh->release();
+  EXPECT_FALSE(path_exists(path(".consumer_count")));
+  EXPECT_EQ(m->consumer_count(), 0);
+  EXPECT_EQ(shared(dir_.path()), fresh);
+  EXPECT_EQ(log_.count_at(LogLevel::warning), 0u);
+}
+
+TEST_F(Registry, AcquireAfterStartAddsNoMonitorAndLastReleaseStillStops) {
+  quiet_server();
+  auto m = shared(dir_.path());
+  m->start();
+  m->acquire();
+  EXPECT_EQ(m->consumer_count(), 1);
+  EXPECT_EQ(m->_era_thread.load(), nullptr);
+  EXPECT_FALSE(m->_consumer_lifecycle_started.load());
+  const auto poll_thread = m->_sync_thread.load();
+
+  m->release();
+  EXPECT_FALSE(m->_running.load());
+  EXPECT_FALSE(poll_thread->is_alive());
+  EXPECT_EQ(api_.request_count("/era/current"), 0u);
+  EXPECT_NE(shared(dir_.path()), m);
+}
+
+TEST_F(Registry, CountLeftByAnEarlierProcessIsTakenOverAsItStands) {
+  quiet_server();
+  write_file(path(".consumer_count"), "5");
+  auto m = shared(dir_.path());
+  EXPECT_EQ(m->consumer_count(), 5);
+
+  // The threads decide, not the count: the first consumer here starts them.
+  m->acquire();
+  EXPECT_EQ(count_file(), "6");
+  EXPECT_TRUE(m->_running.load());
+  EXPECT_NE(m->_era_thread.load(), nullptr);
+
+  // Not the last release by the count: the threads run on, and the manager
+  // stays registered.
+  m->release();
+  EXPECT_EQ(count_file(), "5");
+  EXPECT_TRUE(m->is_alive());
+  EXPECT_EQ(shared(dir_.path()), m);
+
+  m->stop();
+  EXPECT_FALSE(m->_running.load());
+  EXPECT_EQ(m->_era_thread.load(), nullptr);
+  EXPECT_EQ(count_file(), "5");
+  SyncManager::_evict(dir_.path());
+  EXPECT_NE(shared(dir_.path()), m);
+}
+
+TEST_F(Registry, EraClosuresNameTheEraInForceWhenCalled) {
+  NoticeLog notices;
+  auto m = make_manager();
+  m->register_era_callback(notices.callback());
+  m->_kill_fn();
+  publish(with_artefacts(manifest(3, 1)));
+  m->sync();
+  m->_restart_fn();
+  EXPECT_EQ(notices.notices(), (Notices{{"kill", 0}, {"restart", 3}}));
+}
+
+// The monitor that acquire starts moves the data to a new era, tells the
+// era callbacks through the manager's closures, and asks the manager for
+// its newest token.
+TEST_F(Registry, MonitorStartedByAcquireMovesErasWithTheManagersCallbacks) {
+  publish_era_data(1, {{"features/a/one.bin", "era one"}});
+  auto m = shared(dir_.path(), token("first"));
+  m->sync();
+  NoticeLog notices;
+  m->register_era_callback(notices.callback());
+  // Era 2 keeps version 1, so the poll thread sees nothing to do and only
+  // the monitor moves the data.
+  publish_era_data(2, {{"features/a/one.bin", "era two"}}, 1);
+
+  m->acquire();
+  ASSERT_TRUE(wait_until([&] { return notices.notices().size() == 2; }));
+  const auto monitor = m->_era_thread.load();
+  ASSERT_NE(monitor, nullptr);
+  monitor->stop();
+  EXPECT_EQ(notices.notices(), (Notices{{"kill", 1}, {"restart", 2}}));
+  EXPECT_EQ(m->get_manifest()->era_id, 2);
+  EXPECT_EQ(read_file(path("features/a/one.bin")), "era two");
+  EXPECT_EQ(monitor->_last_known_era_id, 2);
+  EXPECT_FALSE(monitor->_transition_failed);
+  EXPECT_EQ(last_authorization("/era/current"), "Bearer first");
+
+  EXPECT_EQ(shared(dir_.path(), token("second")), m);
+  monitor->_poll_once();
+  EXPECT_EQ(last_authorization("/era/current"), "Bearer second");
+
+  m->release();
+  EXPECT_FALSE(m->_running.load());
+  EXPECT_EQ(m->_era_thread.load(), nullptr);
+}
+
+}  // namespace
+}  // namespace quillmarsh::sync

@@ -1,0 +1,240 @@
+// SyncFixture plus what era tests need: /era/current in either shape, the
+// host modules a transition reaches (scripted, recording what they are told)
+// and a picture of the live directory to compare before and after.
+#ifndef QUILLMARSH_SYNC_TESTS_SUPPORT_ERA_FIXTURE_H_
+#define QUILLMARSH_SYNC_TESTS_SUPPORT_ERA_FIXTURE_H_
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sync/collaborators/auth.h"
+#include "sync/collaborators/deployment.h"
+#include "sync/collaborators/identity.h"
+#include "sync/collaborators/search_tracking.h"
+#include "sync/support/file_tree.h"
+#include "tests/support/sync_fixture.h"
+
+namespace quillmarsh::sync::testing {
+
+// What the host modules and the search callbacks were told, in order.
+class EventLog {
+ public:
+  void add(std::string event) {
+    std::lock_guard<std::mutex> lock(mu_);
+    events_.push_back(std::move(event));
+  }
+  std::vector<std::string> events() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return events_;
+  }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mu_);
+    events_.clear();
+  }
+
+ private:
+  mutable std::mutex mu_;
+  std::vector<std::string> events_;
+};
+
+// A deployment module whose answers a test sets. Versions compare as the
+// default module compares them.
+class ScriptedDeployment : public Deployment {
+ public:
+  std::string current_version = "1.0.0";
+  std::optional<std::string> newer_version;
+  bool check_update_connection_error = false;
+  UpdateResult update_result{};
+  std::function<void()> auto_update_throws;  // called instead of answering
+  std::vector<std::string> auto_update_calls;
+
+  std::string _CURRENT_VERSION() override { return current_version; }
+  std::optional<std::string> check_update(const std::string&) override {
+    if (check_update_connection_error) throw ConnectionError("wheel cache unreachable");
+    return newer_version;
+  }
+  int _compare_versions(const std::string& a, const std::string& b) override {
+    return compare_dotted_versions(a, b);
+  }
+  UpdateResult auto_update(const std::string& min_ver) override {
+    auto_update_calls.push_back(min_ver);
+    if (auto_update_throws) auto_update_throws();
+    return update_result;
+  }
+};
+
+class NamedIdentity : public Identity {
+ public:
+  explicit NamedIdentity(std::string name) : name(std::move(name)) {}
+  std::string name;
+};
+
+class ScriptedIdentityModule : public IdentityModule {
+ public:
+  std::shared_ptr<Identity> identity = std::make_shared<NamedIdentity>("owner");
+  bool fail = false;
+  std::shared_ptr<Identity> resolve_identity_for_data_dir(const std::string&) override {
+    if (fail) throw RuntimeError("no identity file");
+    return identity;
+  }
+};
+
+class RecordingAuth : public Auth {
+ public:
+  explicit RecordingAuth(EventLog& log) : log_(log) {}
+  bool fail = false;
+  void notify_era_change(std::int64_t new_era_id) override {
+    log_.add("auth " + std::to_string(new_era_id));
+    if (fail) throw AuthError("token store locked");
+  }
+
+ private:
+  EventLog& log_;
+};
+
+// Logs "open identity=<name>|null|absent", "handle N prev=P|None", "close".
+class RecordingSearchTracking : public SearchTracking {
+ public:
+  explicit RecordingSearchTracking(EventLog& log) : log_(log) {}
+  bool fail_with_identity = false;  // a construction that passes the keyword fails
+  bool fail_always = false;
+  bool fail_handle = false;
+
+  std::shared_ptr<SearchTracker> open_tracker(const std::string&,
+                                              std::optional<std::shared_ptr<Identity>> identity) override {
+    std::string shown = "absent";
+    if (identity) {
+      const auto* named = dynamic_cast<const NamedIdentity*>(identity->get());
+      shown = named ? named->name : "null";
+    }
+    log_.add("open identity=" + shown);
+    if (fail_always || (fail_with_identity && identity)) throw RuntimeError("tracker database locked");
+    return std::make_shared<Tracker>(log_, fail_handle);
+  }
+
+ private:
+  class Tracker : public SearchTracker {
+   public:
+    Tracker(EventLog& log, bool fail_handle) : log_(log), fail_handle_(fail_handle) {}
+    void handle_era_transition(std::int64_t new_era_id, std::optional<std::int64_t> previous_era_id) override {
+      log_.add("handle " + std::to_string(new_era_id) + " prev=" +
+               (previous_era_id ? std::to_string(*previous_era_id) : std::string("None")));
+      if (fail_handle_) throw RuntimeError("search table busy");
+    }
+    void close() override { log_.add("close"); }
+
+   private:
+    EventLog& log_;
+    bool fail_handle_;
+  };
+  EventLog& log_;
+};
+
+class EraFixture : public SyncFixture {
+ protected:
+  void SetUp() override {
+    SyncFixture::SetUp();
+    deployment_ = std::make_shared<ScriptedDeployment>();
+    identity_ = std::make_shared<ScriptedIdentityModule>();
+    auth_ = std::make_shared<RecordingAuth>(events_);
+    tracking_ = std::make_shared<RecordingSearchTracking>(events_);
+    previous_deployment_ = deployment_slot().get();  // the library's default unless a test scripts one
+    previous_identity_ = identity_slot().set(identity_);
+    previous_auth_ = auth_slot().set(auth_);
+    previous_tracking_ = search_tracking_slot().set(tracking_);
+  }
+  void TearDown() override {
+    deployment_slot().set(previous_deployment_);
+    identity_slot().set(previous_identity_);
+    auth_slot().set(previous_auth_);
+    search_tracking_slot().set(previous_tracking_);
+    SyncFixture::TearDown();
+  }
+
+  void use_scripted_deployment() { deployment_slot().set(deployment_); }
+
+  // /era/current in the flat shape; a missing `state` leaves the key out.
+  void publish_era(std::int64_t era_id, std::optional<std::string> state = "active",
+                   std::optional<std::string> min_library_version = std::nullopt) {
+    api_.put("/era/current", json_text(flat_era(era_id, state, min_library_version)),
+             {{"Content-Type", "application/json"}});
+  }
+  static Json flat_era(std::int64_t era_id, std::optional<std::string> state = "active",
+                       std::optional<std::string> min_library_version = std::nullopt) {
+    Json era = Json::object();
+    era["era_id"] = era_id;
+    if (state) era["state"] = *state;
+    if (min_library_version) era["min_library_version"] = *min_library_version;
+    return era;
+  }
+  // /era/current in the wrapped shape: {"era": era, "state": outer_state}.
+  void publish_wrapped_era(Json era, std::optional<Json> outer_state = std::nullopt) {
+    api_.put("/era/current", json_text(wrapped_era(std::move(era), std::move(outer_state))),
+             {{"Content-Type", "application/json"}});
+  }
+  static Json wrapped_era(Json era, std::optional<Json> outer_state = std::nullopt) {
+    Json data = Json::object();
+    data["era"] = std::move(era);
+    if (outer_state) data["state"] = std::move(*outer_state);
+    return data;
+  }
+
+  // Publishes `files` (path -> bytes) as era `era`, with its vocabulary and
+  // seed, and names that era active. Returns the manifest as served.
+  Json publish_era_data(std::int64_t era, const std::map<std::string, std::string>& files,
+                        std::int64_t version = 1) {
+    Json entries = Json::object();
+    for (const auto& [file_path, bytes] : files) entries[file_path] = store_file(file_path, bytes);
+    Json m = with_artefacts(manifest(era, version, std::move(entries)));
+    publish(m);
+    publish_era(era);
+    return m;
+  }
+
+  // The callbacks a monitor hands the transition, logging into events_.
+  std::function<void()> kill_fn() {
+    return [this] { events_.add("kill"); };
+  }
+  std::function<void()> restart_fn() {
+    return [this] { events_.add("restart"); };
+  }
+
+  // Every file below the data directory (dot-directories included) with its
+  // bytes.
+  std::map<std::string, std::string> live_files() const {
+    std::map<std::string, std::string> out;
+    for (const std::string& rel : walk_files(dir_.path(), [](std::string_view) { return true; })) {
+      out[rel] = read_file(path(rel));
+    }
+    return out;
+  }
+
+  // No run left its marks behind.
+  void expect_no_run_leftovers(const SyncManager& manager, std::int64_t staged_era) const {
+    EXPECT_FALSE(path_exists(path(".transition_lock")));
+    EXPECT_FALSE(path_exists(path(".transition_era" + std::to_string(staged_era) + ".tmp")));
+    EXPECT_FALSE(manager._in_transition.load());
+    EXPECT_FALSE(manager.status().has_value());
+  }
+
+  EventLog events_;
+  std::shared_ptr<ScriptedDeployment> deployment_;
+  std::shared_ptr<ScriptedIdentityModule> identity_;
+  std::shared_ptr<RecordingAuth> auth_;
+  std::shared_ptr<RecordingSearchTracking> tracking_;
+
+ private:
+  std::shared_ptr<Deployment> previous_deployment_;
+  std::shared_ptr<IdentityModule> previous_identity_;
+  std::shared_ptr<Auth> previous_auth_;
+  std::shared_ptr<SearchTracking> previous_tracking_;
+};
+
+}  // namespace quillmarsh::sync::testing
+
+#endif  // QUILLMARSH_SYNC_TESTS_SUPPORT_ERA_FIXTURE_H_
