@@ -7,12 +7,12 @@ cd "$(dirname "$0")/.."
 scripts/setup-debian.sh
 
 # The tests that run threads: locks, loops, pools and their servers.
-threaded='PollLoop|Coordination|FileLock|ParallelDownload|WorkerPool|LogCapture|Event|Transport|SyncPass|VerifyRepair|HashCache|ProgressObserver|Qmsync|ReferenceServer'
+threaded='PollLoop|Coordination|FileLock|ParallelDownload|WorkerPool|LogCapture|Event|Transport|SyncPass|VerifyRepair|HashCache|ProgressObserver|Qmsync|ReferenceServer|Era|Registry|Transition|Cleanup'
 
 legs=("$@")
 [ ${#legs[@]} -gt 0 ] || legs=(address thread)
 for leg in "${legs[@]}"; do
-  build="build-$leg"
+  build="${QMSYNC_SANITIZER_BUILD_PREFIX:-build}-$leg"
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQMSYNC_SANITIZE="$leg" \
         -DQMSYNC_BUILD_BENCH=OFF
   cmake --build "$build" --parallel "$(nproc)"
