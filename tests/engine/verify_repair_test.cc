@@ -11,21 +11,14 @@
 #include "sync/errors.h"
 #include "sync/support/posix_file.h"
 #include "tests/support/sync_fixture.h"
+#include "tests/support/wait_until.h"
 
 namespace quillmarsh::sync {
 namespace {
 
 using testing::SyncFixture;
 
-// Polls `done` until it holds or ten seconds pass; says whether it held.
-bool wait_until(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
+using testing::wait_until;
 
 class VerifyRepair : public SyncFixture {
  protected:

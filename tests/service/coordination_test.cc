@@ -12,6 +12,7 @@
 #include "sync/paths/manifest_paths.h"
 #include "sync/support/posix_file.h"
 #include "tests/support/sync_fixture.h"
+#include "tests/support/wait_until.h"
 
 namespace quillmarsh::sync {
 namespace {
@@ -19,14 +20,7 @@ namespace {
 using testing::Fault;
 using testing::SyncFixture;
 
-bool wait_until(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
+using testing::wait_until;
 
 template <typename F>
 std::string state_error_of(F&& f) {
