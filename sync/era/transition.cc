@@ -166,7 +166,8 @@ void SyncManager::trigger_era_transition(std::int64_t new_era_id, std::function<
   run.deployment = deployment_slot().require();
   run.search_tracking = search_tracking_slot().require();
 
-  if (const std::shared_ptr<Manifest> manifest = _manifest.load()) {
+  // A manifest whose era_id is null names no era: the move counts as a first one.
+  if (const std::shared_ptr<Manifest> manifest = _manifest.load(); manifest && !manifest->era_id.is_null()) {
     run.previous_era_id = integer_of(manifest->era_id);
   }
   run.has_real_era_advance = !run.previous_era_id || new_era_id > *run.previous_era_id;

@@ -143,6 +143,7 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
       {"in closing: closing, era != K", true, 1, flat(2, "closing"), true, "new era", false, false},
       {"in closing: active, era = K", true, 1, flat(1, "active"), false, std::nullopt, true, false},
       {"in closing: era as text equals K", true, 7, flat("7", "active"), false, std::nullopt, true, false},
+      {"in closing: no state means active", true, 1, flat(1, std::nullopt), false, std::nullopt, true, false},
       {"in closing: active, no era, K absent", true, std::nullopt, wrapped_null("active"), false, std::nullopt,
        true, false},
       {"in closing: active, era != K", true, 1, flat(2, "active"), true, "new era", false, false},
@@ -181,7 +182,7 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
     const bool closing_branch = row.failure == "closing";
     EXPECT_EQ(log_.count(LogLevel::info, "Scheduled close announced at None. Continue normal operation."),
               closing_branch ? 1u : 0u);
-    EXPECT_EQ(count("nudge era_change 2 prev=1"), 0u);
+    for (const std::string& event : events_.events()) EXPECT_FALSE(event.starts_with("nudge")) << event;
     EXPECT_EQ(warnings_starting("Era poll failed: "), 0u);
   }
 }
@@ -357,6 +358,26 @@ TEST_F(EraMonitor, CloseThenNewEraMovesTheDataOnce) {
   EXPECT_EQ(manager->get_manifest()->era_id, 2);
   EXPECT_EQ(count("kill"), 2u);
   EXPECT_EQ(count("nudge era_change 2 prev=1"), 1u);
+}
+
+// With no era known (no manifest when it started), a close still runs its
+// transition, but the monitor learns no era from it and sees no new one.
+TEST_F(EraMonitor, WithNoKnownEraACloseRunsButNoNewEraIsSeen) {
+  auto manager = synced_to_era1();
+  auto mon = monitor(manager);
+  answer(flat(1, "closing"));
+  mon->_poll_once();
+  EXPECT_EQ(count("restart"), 1u);
+  EXPECT_FALSE(mon->_transition_failed);
+  EXPECT_TRUE(mon->_in_closing);
+  EXPECT_FALSE(mon->_last_known_era_id.has_value());
+
+  publish_era_data(2, {{"features/a/one.bin", "era two"}});
+  events_.clear();
+  mon->_poll_once();
+  EXPECT_TRUE(events_.events().empty());
+  EXPECT_EQ(manager->get_manifest()->era_id, 1);
+  EXPECT_TRUE(mon->_in_closing);
 }
 
 TEST_F(EraMonitor, ConstructionRefusesAUrlThatWouldExposeTheToken) {

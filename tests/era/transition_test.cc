@@ -19,7 +19,7 @@ using testing::Fault;
 using Files = std::map<std::string, std::string>;
 using Events = std::vector<std::string>;
 
-const std::string kM1Tail =
+const std::string kWheelAdvice =
     ". Build a local wheel with build_wheel() and install it with: pip install --upgrade /path/to/quillmarsh-*.whl";
 
 class Transition : public EraFixture {
@@ -28,6 +28,7 @@ class Transition : public EraFixture {
     return {{"features/a/keep.bin", "same in both eras"},
             {"features/a/change.bin", "era one bytes"},
             {"named_universes/gone.json", "{\"era\": 1}"},
+            {"extras/era1_only.txt", "outside the swept folders"},
             {"found_signals/r/g/s/pnl.arrow", "kept signal"}};
   }
 
@@ -78,6 +79,7 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
 
   Files era2 = era1_files();
   era2.erase("named_universes/gone.json");
+  era2.erase("extras/era1_only.txt");  // only the old manifest names it
   era2["features/a/change.bin"] = "era two bytes";
   era2["useful_signals/new.bin"] = "fresh";
   era2["features/a/decl.pxd"] = "a declaration a sync pass would drop";
@@ -85,7 +87,7 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
   // A dead run's staging of this era is not trusted; a stale lock file's
   // content is replaced.
   make_dirs(path(".transition_era2.tmp/features/a"));
-  write_file(path(".transition_era2.tmp/features/a/change.bin.tmp"), "era two");
+  write_file(path(".transition_era2.tmp/features/a/change.bin.tmp"), "junk");
   write_file(path(".transition_lock"), "123456789 from a crashed process");
 
   std::optional<std::string> lock_at_kill;
@@ -119,8 +121,8 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
 
   for (const auto& [rel, bytes] : era2) EXPECT_EQ(read_file(path(rel)), bytes) << rel;
   for (const auto& [rel, bytes] : kept_extras) EXPECT_EQ(read_file(path(rel)), bytes) << rel;
-  for (const char* gone : {"named_universes/gone.json", "features/stray.bin", "universe_masks/m/stray.bin",
-                           "features/.dotfile", "found_strategies/x/y.arrow"}) {
+  for (const char* gone : {"named_universes/gone.json", "extras/era1_only.txt", "features/stray.bin",
+                           "universe_masks/m/stray.bin", "features/.dotfile", "found_strategies/x/y.arrow"}) {
     EXPECT_FALSE(path_exists(path(gone))) << gone;
   }
   EXPECT_EQ(read_file(path("shuffle_seed.enc")), seed_bytes(2));
@@ -143,7 +145,7 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
   EXPECT_TRUE(store_.requests().empty());
 }
 
-TEST_F(Transition, AFirstEraOnAnEmptyDirectoryDemandsAnActiveEra) {
+TEST_F(Transition, AFirstEraDemandsAnActiveEra) {
   const Json m1 = publish_era_data(1, era1_files());
   make_dirs(path("features/old"));
   write_file(path("features/old/stray.bin"), "stray");
@@ -168,8 +170,20 @@ TEST_F(Transition, AFirstEraOnAnEmptyDirectoryDemandsAnActiveEra) {
   EXPECT_FALSE(path_exists(path("features/old/stray.bin")));
   EXPECT_EQ(events_.events(), (Events{"kill", "auth 1", "open identity=owner", "handle 1 prev=None", "close"}));
   // No restart callback: no fourth confirmation.
-  EXPECT_EQ(era_requests(), 1u + 5u + 2u);
+  EXPECT_EQ(era_requests(), 1u + (era1_files().size() + 1) + 2u);
   expect_no_run_leftovers(*manager_, 1);
+
+  // A manifest on disk whose era is null names no era either.
+  write_file(path("manifest.json"), "{\"era_id\": null, \"files\": {}}");
+  manager_ = make_manager();
+  ASSERT_TRUE(manager_->get_manifest());
+  publish_era(1, "closing");
+  EXPECT_THROW(transition(1, false), EraError);
+  publish_era(1);
+  events_.clear();
+  transition(1, false);
+  EXPECT_EQ(events_.events(), (Events{"kill", "auth 1", "open identity=owner", "handle 1 prev=None", "close"}));
+  EXPECT_EQ(read_file(path("manifest.json")), json_text(m1));
 }
 
 TEST_F(Transition, TheSameEraWhileClosingGoesThroughAndTellsNobody) {
@@ -319,7 +333,7 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
   const std::shared_ptr<Manifest> manifest_before = manager_->get_manifest();
 
   const std::string m2_reason_default = "quillmarsh >= 2.0 required for era 2; auto-update failed: Could not "
-                                        "auto-update to latest." + kM1Tail;
+                                        "auto-update to latest." + kWheelAdvice;
   struct Case {
     const char* name;
     std::function<void()> arrange;
@@ -334,7 +348,7 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
   };
   const std::vector<Case> cases = {
       {"below the minimum, no newer build", [this] { publish_era(2, "active", "999.0"); }, lib,
-       "quillmarsh >= 999.0 required for era 2" + kM1Tail},
+       "quillmarsh >= 999.0 required for era 2" + kWheelAdvice},
       {"update answers failure without a warning",
        [this] {
          use_scripted_deployment();
@@ -350,7 +364,7 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
          deployment_->auto_update_throws = [] { throw RuntimeError("pip exploded"); };
          publish_era(2, "active", "2.0");
        },
-       lib, "quillmarsh >= 2.0 required for era 2; auto-update failed: pip exploded" + kM1Tail,
+       lib, "quillmarsh >= 2.0 required for era 2; auto-update failed: pip exploded" + kWheelAdvice,
        "Auto-update failed: pip exploded"},
       {"the module's own LibraryUpdateRequired passes untouched",
        [this] {
@@ -377,6 +391,12 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
        era_error, "Era transition manifest has invalid era_id='two'"},
       {"manifest unavailable", [this] { api_.fault("/data/manifest", Fault{.status = 500, .body = "down"}); },
        plain_sync_error, "Failed to fetch era 2 manifest: HTTP 500"},
+      // The gate and the five looks see era 2; the confirmation before the
+      // first rename sees era 3.
+      {"era moves just before the commit",
+       [this] { api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(3)), .skip = 6}); },
+       era_error, "Active era_id=3 does not match requested transition era_id=2"},
+      // Fails after change.bin reached staging.
       {"vocabulary of another era",
        [this, &m2] {
          const std::string bytes = json_text(vocabulary(1, "u"));
@@ -385,7 +405,7 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
          m["files"]["features/u/vocabulary.json"] = Json{{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}};
          api_.put("/data/manifest", json_text(m));
        },
-       era_error, ""},
+       era_error, "vocabulary.json era_id=1 does not match manifest era_id=2"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -404,9 +424,7 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
       ADD_FAILURE() << "the run went through";
     } catch (const std::exception& e) {
       EXPECT_TRUE(c.is_expected_type(e)) << e.what();
-      if (!c.message.empty()) {
-        EXPECT_EQ(std::string(e.what()), c.message);
-      }
+      EXPECT_EQ(std::string(e.what()), c.message);
     }
     if (!c.warning.empty()) {
       EXPECT_EQ(log_count(LogLevel::warning, c.warning), 1u);
@@ -419,6 +437,32 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
   EXPECT_EQ(deployment_->auto_update_calls, (std::vector<std::string>{"2.0", "2.0", "2.0"}));
 }
 
+TEST_F(Transition, AnEraThatMovesRightAfterTheCommitKeepsTheNewDataAndStopsThere) {
+  sync_era1();
+  make_dirs(path("features/x"));
+  write_file(path("features/x/stray.bin"), "stray");
+  Files era2 = era1_files();
+  era2.erase("named_universes/gone.json");
+  const Json m2 = publish_era_data(2, era2);
+  // The gate, five looks and the confirmation before the renames see era 2;
+  // the one after the manifest swap sees era 3.
+  api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(3)), .skip = 7});
+  try {
+    transition(2);
+    FAIL() << "expected EraError";
+  } catch (const EraError& e) {
+    EXPECT_STREQ(e.what(), "Active era_id=3 does not match requested transition era_id=2");
+  }
+  EXPECT_EQ(read_file(path("manifest.json")), json_text(m2));
+  EXPECT_EQ(manager_->get_manifest()->era_id, 2);
+  EXPECT_EQ(read_file(path("shuffle_seed.enc")), seed_bytes(2));
+  // Nothing is deleted and nobody is told.
+  EXPECT_TRUE(path_exists(path("named_universes/gone.json")));
+  EXPECT_TRUE(path_exists(path("features/x/stray.bin")));
+  EXPECT_EQ(events_.events(), Events{"kill"});
+  expect_no_run_leftovers(*manager_, 2);
+}
+
 TEST_F(Transition, TheLibraryGateLetsTheRunOnWhenItCan) {
   sync_era1();
   use_scripted_deployment();
@@ -427,8 +471,9 @@ TEST_F(Transition, TheLibraryGateLetsTheRunOnWhenItCan) {
   deployment_->check_update_connection_error = true;
   publish_era_data(2, {{"features/a/x.bin", "two"}});
   transition(2);
-  EXPECT_EQ(log_count(LogLevel::warning, "Could not check local wheel cache for library update: wheel cache unreachable"),
-            1u);
+  EXPECT_EQ(
+      log_count(LogLevel::warning, "Could not check local wheel cache for library update: wheel cache unreachable"),
+      1u);
   EXPECT_TRUE(deployment_->auto_update_calls.empty());
   EXPECT_EQ(manager_->get_manifest()->era_id, 2);
 
@@ -554,11 +599,22 @@ TEST_F(Transition, ALockFileThatCannotBeWrittenIsOnlyAWarning) {
   EXPECT_FALSE(manager_->_in_transition.load());
 }
 
-TEST_F(Transition, AKillCallbackThatFailsStopsTheRun) {
+TEST_F(Transition, AMissingModuleOrAFailingKillStopsTheRunEarly) {
   sync_era1();
   publish_era_data(2, {{"features/a/x.bin", "two"}});
   const Files before = live_files();
   api_.clear_requests();
+
+  // A host without deployment or search tracking cannot move eras; the
+  // searches are never stopped.
+  deployment_slot().set(nullptr);
+  EXPECT_THROW(transition(2), ImportError);
+  deployment_slot().set(std::make_shared<DefaultDeployment>());
+  search_tracking_slot().set(nullptr);
+  EXPECT_THROW(transition(2), ImportError);
+  search_tracking_slot().set(tracking_);
+  EXPECT_TRUE(events_.events().empty());
+
   EXPECT_THROW(manager_->trigger_era_transition(2, [] { throw RuntimeError("search will not die"); }, restart_fn()),
                RuntimeError);
   EXPECT_EQ(era_requests(), 0u);

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "sync/collaborators/transport_security.h"
 #include "sync/era/era_thread.h"
 #include "sync/errors.h"
 #include "sync/support/posix_file.h"
@@ -67,6 +68,11 @@ class Registry : public EraFixture {
     return SyncManager::get_or_create(data_dir, api_.base_url(), std::move(get_token), poll_interval_s);
   }
   std::string count_file() const { return read_file(path(".consumer_count")); }
+  std::size_t warnings_starting(const std::string& prefix) const {
+    std::size_t n = 0;
+    for (const LogRecord& r : log_.records()) n += r.level == LogLevel::warning && r.message.starts_with(prefix);
+    return n;
+  }
   std::optional<std::string> last_authorization(const std::string& request_path) const {
     std::optional<std::string> seen;
     for (const auto& request : api_.requests()) {
@@ -217,6 +223,42 @@ TEST_F(Registry, CountLeftByAnEarlierProcessIsTakenOverAsItStands) {
   EXPECT_EQ(count_file(), "5");
   SyncManager::_evict(dir_.path());
   EXPECT_NE(shared(dir_.path()), m);
+}
+
+TEST_F(Registry, ACountThatCannotBeWrittenIsKeptInMemory) {
+  quiet_server();
+  make_dirs(path(".consumer_count"));  // neither readable nor writable as a file
+  auto m = shared(dir_.path());
+  log_.clear();
+  m->acquire();
+  EXPECT_EQ(m->consumer_count(), 1);
+  EXPECT_TRUE(m->_running.load());
+  EXPECT_EQ(warnings_starting("Failed to persist consumer count: "), 1u);
+  m->release();
+  EXPECT_EQ(m->consumer_count(), 0);
+  EXPECT_FALSE(m->_running.load());
+  EXPECT_EQ(warnings_starting("Failed to persist consumer count: "), 2u);
+}
+
+// A monitor that cannot be built fails the acquire; the count stays raised
+// and the poll thread runs, and a later acquire does not retry the start.
+TEST_F(Registry, AMonitorThatCannotBeBuiltFailsTheAcquire) {
+  quiet_server();
+  auto m = shared(dir_.path());
+  const auto policy = transport_security_slot().set(nullptr);
+  EXPECT_THROW(m->acquire(), ImportError);
+  transport_security_slot().set(policy);
+  EXPECT_EQ(count_file(), "1");
+  EXPECT_TRUE(m->_running.load());
+  EXPECT_FALSE(m->_consumer_lifecycle_started.load());
+  EXPECT_EQ(m->_era_thread.load(), nullptr);
+
+  m->acquire();
+  EXPECT_EQ(count_file(), "2");
+  EXPECT_EQ(m->_era_thread.load(), nullptr);
+  m->release();
+  m->release();
+  EXPECT_FALSE(m->_running.load());
 }
 
 TEST_F(Registry, EraClosuresNameTheEraInForceWhenCalled) {
