@@ -13,6 +13,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 #include "sync/support/text.h"
 #include "sync/support/posix_file.h"
@@ -263,6 +264,10 @@ void set_extra_ca_file(const std::optional<std::string>& pem_path) {
     std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
                                                    &BIO_free);
     while (X509* cert = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)) {
+      // Fills the certificate's cached extensions now, on one thread: the
+      // certificates are shared by every handshake, and OpenSSL fills that
+      // cache lazily without a lock when two threads verify at once.
+      X509_check_purpose(cert, -1, 0);
       loaded->certs.push_back(cert);
     }
     if (loaded->certs.empty()) {

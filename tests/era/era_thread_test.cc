@@ -3,18 +3,17 @@
 // and stop. Single polls are driven on monitors that were never started.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "sync/collaborators/agent_onboarding.h"
 #include "sync/era/era_thread.h"
 #include "sync/errors.h"
 #include "tests/support/era_fixture.h"
+#include "tests/support/wait_until.h"
 
 namespace quillmarsh::sync {
 namespace {
@@ -23,19 +22,10 @@ using testing::EraFixture;
 using testing::EventLog;
 using testing::Fault;
 using testing::unused_loopback_port;
+using testing::wait_until;
 using Events = std::vector<std::string>;
 
 const std::string kCancelled = "Era transition cancelled \u2014 resuming normal operation.";
-
-// Polls `done` until it holds or ten seconds pass; says whether it held.
-bool wait_until(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 // Logs "nudge EVENT NEW prev=PREV".
 class RecordingOnboarding : public AgentOnboarding {

@@ -5,13 +5,11 @@
 
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -20,23 +18,15 @@
 #include "sync/errors.h"
 #include "sync/support/posix_file.h"
 #include "tests/support/era_fixture.h"
+#include "tests/support/wait_until.h"
 
 namespace quillmarsh::sync {
 namespace {
 
 using testing::EraFixture;
 using testing::TempDir;
+using testing::wait_until;
 using Notices = std::vector<std::pair<std::string, std::int64_t>>;
-
-// Polls `done` until it holds or ten seconds pass; says whether it held.
-bool wait_until(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 SyncManager::TokenSource token(std::string text) {
   return [text] { return text; };
