@@ -4,7 +4,7 @@
 # fresh random seed. Prints a table; the grown corpora and any finding stay in
 # the scratch directory it names.
 # Usage: bench/fuzz_long.sh [executions per target] [target...]
-# Build directory: $QMSYNC_FUZZ_BUILD_DIR, default /tmp/qmsync-fuzz.
+# Build directory: $QMSYNC_FUZZ_BUILD_DIR, default build-fuzz in the checkout.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/fuzz-common.sh
@@ -13,7 +13,7 @@ runs="${1:-10000000}"
 shift || true
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || targets=("${FUZZ_TARGETS[@]}")
-build_fuzzers "${QMSYNC_FUZZ_BUILD_DIR:-/tmp/qmsync-fuzz}"
+build_fuzzers "${QMSYNC_FUZZ_BUILD_DIR:-build-fuzz}"
 
 scratch="$(mktemp -d /tmp/qmsync-fuzz-long.XXXXXX)"
 echo "fuzz_long: $runs executions per target; corpora and findings under $scratch"

@@ -5,13 +5,13 @@
 # report, broken property, leak, slow input) fails the run; its input is kept
 # beside the log. The seeds in the repo are only read.
 # Usage: scripts/fuzz-short.sh [executions per target, default 20000]
-# Build directory: $QMSYNC_FUZZ_BUILD_DIR, default /tmp/qmsync-fuzz.
+# Build directory: $QMSYNC_FUZZ_BUILD_DIR, default build-fuzz in the checkout.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/fuzz-common.sh
 
 runs="${1:-20000}"
-build_fuzzers "${QMSYNC_FUZZ_BUILD_DIR:-/tmp/qmsync-fuzz}"
+build_fuzzers "${QMSYNC_FUZZ_BUILD_DIR:-build-fuzz}"
 
 scratch="$(mktemp -d /tmp/qmsync-fuzz-short.XXXXXX)"
 failed=0
