@@ -154,6 +154,10 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
             throw http_failure(resp.status);
           }
         }
+      } else if (expected_size > 0 && range_start >= expected_size) {
+        // Everything is staged already (a process killed just before its
+        // rename leaves that). A range after the end would only get 416,
+        // so the digest decides: renamed, or emptied for a fresh attempt.
       } else if (range_start > 0) {
         const HttpResponse resp = get(range_start, -1);
         if (resp.status == 206) {

@@ -1,0 +1,237 @@
+// Kills qmsync with SIGKILL at random moments of a sync, a repair and an era
+// transition, against a test server that stalls, cuts and spoils responses
+// at random, and checks after every kill what a user's disk must never show:
+// a file under its final name with bytes of no published version, a torn or
+// foreign manifest.json, seed or side file, a hash cache that vouches for
+// bytes a file does not hold; and that the next run converges and leaves no
+// ".tmp" behind.
+//
+//   qmsync_crash_trials [--trials N] [--seed S] [--keep]
+//
+// Prints every violation, then the trials, the kill points reached and the
+// count of violations; exits 1 when there is any.
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "sync/engine/file_primitives.h"
+#include "sync/support/posix_file.h"
+#include "tests/crash/child.h"
+#include "tests/crash/disk_state.h"
+#include "tests/crash/served_world.h"
+#include "tests/support/temp_dir.h"
+
+using namespace quillmarsh::sync;
+using namespace quillmarsh::sync::testing;
+
+namespace {
+
+enum class Kind { sync, repair, transition };
+const char* kKindNames[] = {"sync", "repair", "transition"};
+
+struct Options {
+  int trials = 20;
+  std::uint32_t seed = std::random_device{}();
+  bool keep = false;
+};
+
+Options parse_options(int argc, char** argv) {
+  Options o;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--trials" && i + 1 < argc) {
+      o.trials = std::atoi(argv[++i]);
+    } else if (arg == "--seed" && i + 1 < argc) {
+      o.seed = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 10));
+    } else if (arg == "--keep") {
+      o.keep = true;
+    } else {
+      std::cerr << "usage: qmsync_crash_trials [--trials N] [--seed S] [--keep]\n";
+      std::exit(2);
+    }
+  }
+  return o;
+}
+
+// Misbehaviour for a few of the files the run will fetch, and now and then
+// a slow manifest: every fault ends after a few requests, so a run that is
+// not killed can finish.
+void spoil_responses(ServedWorld& world, const Published& target, const std::vector<std::string>& likely_fetched,
+                     std::mt19937& rng) {
+  std::uniform_real_distribution<double> seconds(0.05, 0.3);
+  for (int n = 0; n < 4 && !likely_fetched.empty(); ++n) {
+    const std::string& path = likely_fetched[rng() % likely_fetched.size()];
+    const std::size_t size = std::max<std::size_t>(target.files.at(path).size(), 1);
+    Fault f;
+    f.times = 1;
+    switch (rng() % 6) {
+      case 0:
+        f.stall_after_bytes = rng() % size;
+        f.stall_s = seconds(rng);
+        f.times = 1 + static_cast<int>(rng() % 3);
+        break;
+      case 1: f.cut_after_bytes = rng() % size; break;
+      case 2: f.wrong_bytes = true; break;
+      case 3: f.status = 503; break;
+      case 4:
+        f.delay_before_head_s = seconds(rng);
+        f.times = 2;
+        break;
+      default: f.half_range = true; break;
+    }
+    f.skip = static_cast<int>(rng() % 3);
+    world.store().fault(target.prefix + "/" + path, f);
+  }
+  if (rng() % 3 == 0) world.api().fault("/data/manifest", {.delay_before_head_s = seconds(rng), .times = 1});
+}
+
+// Bytes that differ from `bytes`: one flipped, cut to half, or gone (absent).
+std::optional<std::string> spoiled(std::string bytes, std::mt19937& rng) {
+  switch (bytes.empty() ? 2 : rng() % 3) {
+    case 0: bytes[rng() % bytes.size()] ^= 0x20; return bytes;
+    case 1: bytes.resize(bytes.size() / 2); return bytes;
+    default: return std::nullopt;
+  }
+}
+
+bool arrived(const DiskState& killed, const DiskState& before, const Published& target, const std::string& path) {
+  const auto now = killed.digests.find(path);
+  if (now == killed.digests.end() || now->second != _sha256(target.files.at(path))) return false;
+  const auto then = before.digests.find(path);
+  return then == before.digests.end() || then->second != now->second;
+}
+
+// Where in its work the process was when it died, read from what it left.
+std::string kill_point(Kind kind, const DiskState& killed, const DiskState& before, const DiskState& after,
+                       const Published& target) {
+  int arrivals = 0;
+  for (const auto& [path, bytes] : target.files) arrivals += arrived(killed, before, target, path);
+  const bool partial = !killed.tmp_paths.empty();
+  const bool committed = killed.manifest_text && killed.manifest_text == after.manifest_text &&
+                         killed.manifest_text != before.manifest_text;
+  if (kind == Kind::transition) {
+    const std::string staging = ".transition_era" + std::to_string(target.era) + ".tmp";
+    const bool staged = std::find(killed.tmp_paths.begin(), killed.tmp_paths.end(), staging) != killed.tmp_paths.end();
+    if (committed) return staged ? "transition: after manifest.json, staging still there" : "transition: after the commit";
+    if (staged) return arrivals ? "transition: inside the commit" : "transition: while staging";
+    return "transition: before staging";
+  }
+  const std::string name = kKindNames[static_cast<int>(kind)];
+  if (committed) return name + ": after manifest.json";
+  if (partial) return name + ": inside a download";
+  if (arrivals) return name + ": between downloads";
+  return name + ": before any download";
+}
+
+std::string tail(const std::string& path) {
+  const std::string text = path_exists(path) ? read_file(path) : "";
+  return text.size() > 600 ? "..." + text.substr(text.size() - 600) : text;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options options = parse_options(argc, argv);
+  std::cout << "seed " << options.seed << std::endl;
+  std::mt19937 rng(options.seed);
+  TempDir tmp;
+  const std::string data_dir = tmp / "data";
+  make_dirs(data_dir);
+  write_file(tmp / "token", "crash-token\n");
+  ServedWorld world(options.seed, 4, 24);
+  // Quarter-MiB chunks: the large files come down in several ranges each.
+  const std::vector<std::string> env = {"QUILLMARSH_SYNC_HTTP_CHUNK_BYTES=262144"};
+  const auto qmsync = [&](std::vector<std::string> command) {
+    return world.client(QMSYNC_BINARY, data_dir, tmp / "token", std::move(command));
+  };
+
+  if (const int code = run_child(qmsync({"sync"}), tmp / "first.log", 120, env); code != 0) {
+    std::cerr << "the first sync failed with exit " << code << ":\n" << tail(tmp / "first.log") << "\n";
+    return 1;
+  }
+
+  std::map<std::string, int> points;
+  int violations = 0;
+  // How long after its start a run is killed, at most, per kind; it adapts
+  // so that most runs die somewhere inside their work.
+  double reach_s[] = {1.0, 1.0, 2.0};
+  for (int trial = 0; trial < options.trials; ++trial) {
+    const Kind kind = static_cast<Kind>(trial % 3);
+    const Published old = world.current();
+    std::vector<std::string> command;
+    std::vector<std::string> likely_fetched;
+    if (kind == Kind::sync) {
+      world.publish_next_version(1 + static_cast<int>(rng() % 3));
+      command = {"sync"};
+    } else if (kind == Kind::transition) {
+      command = {"transition", std::to_string(world.publish_next_era().era)};
+    } else {
+      command = {"repair"};
+      std::vector<std::string> paths;
+      for (const auto& [path, bytes] : old.files) paths.push_back(path);
+      for (int n = 1 + static_cast<int>(rng() % 4); n > 0; --n) {
+        const std::string path = paths[rng() % paths.size()];
+        if (std::find(command.begin(), command.end(), path) != command.end()) continue;
+        command.push_back(path);
+        const auto bytes = spoiled(old.files.at(path), rng);
+        if (bytes) {
+          write_file(data_dir + "/" + path, *bytes);
+        } else {
+          remove_file(data_dir + "/" + path);
+        }
+      }
+      likely_fetched.assign(command.begin() + 1, command.end());
+    }
+    const Published target = world.current();
+    for (const auto& [path, bytes] : target.files) {
+      if (kind != Kind::repair && (!old.files.count(path) || old.files.at(path) != bytes)) likely_fetched.push_back(path);
+    }
+    const DiskState before = snapshot(data_dir);
+    spoil_responses(world, target, likely_fetched, rng);
+
+    const double kill_after_s = std::uniform_real_distribution<double>(0, reach_s[static_cast<int>(kind)])(rng);
+    Child child(qmsync(command), tmp / "killed.log", env);
+    const std::optional<int> ended = child.wait_for(kill_after_s);
+    if (!ended) child.kill_now();
+    reach_s[static_cast<int>(kind)] *= ended ? 0.9 : 1.03;
+    const DiskState killed = snapshot(data_dir);
+    const std::string killed_copy = tmp / "killed-copy";
+    if (options.keep) std::system(("rm -rf '" + killed_copy + "' && cp -a '" + data_dir + "' '" + killed_copy + "'").c_str());
+
+    world.store().clear_faults();
+    world.api().clear_faults();
+    std::vector<std::string> problems;
+    const int again = run_child(qmsync(command), tmp / "again.log", 120, env);
+    if (again != 0) problems.push_back("the next run failed with exit " + std::to_string(again) + ": " + tail(tmp / "again.log"));
+    const int verified = run_child(qmsync({"verify"}), tmp / "verify.log", 120, env);
+    if (verified != 0) problems.push_back("verify after the next run: exit " + std::to_string(verified) + ": " + tail(tmp / "verify.log"));
+    const DiskState after = snapshot(data_dir);
+
+    for (std::string& p : broken_promises(killed, before, after, {old, target})) problems.push_back(std::move(p));
+    for (std::string& p : convergence_failures(after, target)) problems.push_back("after the next run: " + p);
+    const std::string point = ended ? std::string(kKindNames[static_cast<int>(kind)]) + ": ran to its end (exit " +
+                                          std::to_string(*ended) + ")"
+                                    : kill_point(kind, killed, before, after, target);
+    ++points[point];
+    for (const std::string& p : problems) {
+      std::cout << "VIOLATION trial " << trial << " (" << point << ", killed after " << kill_after_s << " s): " << p
+                << std::endl;
+    }
+    violations += static_cast<int>(problems.size());
+    if (!problems.empty() && options.keep) {
+      const std::string kept = "/tmp/qmsync-crash-trial-" + std::to_string(options.seed) + "-" + std::to_string(trial);
+      rename_file(killed_copy, kept);
+      std::system(("cp -a '" + data_dir + "' '" + kept + ".after' && cp " + tmp.path() + "/*.log '" + kept + ".after/'").c_str());
+      std::cout << "  kept the directory as the kill left it in " << kept << ", and as the next run left it in "
+                << kept << ".after" << std::endl;
+    }
+  }
+
+  std::cout << "trials: " << options.trials << "\nkill points:\n";
+  for (const auto& [point, count] : points) std::cout << "  " << point << ": " << count << "\n";
+  std::cout << "violations: " << violations << std::endl;
+  return violations == 0 ? 0 : 1;
+}
