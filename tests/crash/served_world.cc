@@ -16,7 +16,8 @@ bool is_vocabulary(const std::string& path) { return path.ends_with("/vocabulary
 
 }  // namespace
 
-ServedWorld::ServedWorld(std::uint32_t seed, int large_files, int small_files) : rng_(seed) {
+ServedWorld::ServedWorld(std::uint32_t seed, int large_files, int small_files, std::size_t kept_versions)
+    : rng_(seed), kept_versions_(kept_versions) {
   Published p;
   p.era = 1;
   p.version = 1;
@@ -105,9 +106,9 @@ void ServedWorld::serve(Published p) {
 
   std::lock_guard<std::mutex> lock(mu_);
   served_.push_back(std::move(p));
-  // A client may still be fetching the version before the newest; older
-  // ones go, or a long run would hold every version in memory.
-  while (served_.size() > 3) {
+  // A client may still be fetching a version before the newest; older ones
+  // go, or a long run would hold every version in memory.
+  while (served_.size() > kept_versions_) {
     for (const auto& [path, bytes] : served_.front().files) store_.remove(served_.front().prefix + "/" + path);
     served_.pop_front();
   }

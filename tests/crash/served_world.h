@@ -30,8 +30,9 @@ struct Published {
 class ServedWorld {
  public:
   // `large_files` of 1 to 2 MiB and `small_files` of up to 40 KiB, plus an
-  // empty file and two vocabularies; era 1, version 1 is published.
-  ServedWorld(std::uint32_t seed, int large_files, int small_files);
+  // empty file and two vocabularies; era 1, version 1 is published. The
+  // store keeps the files of the newest `kept_versions` versions.
+  ServedWorld(std::uint32_t seed, int large_files, int small_files, std::size_t kept_versions = 3);
 
   // A new version of the current era: one data file dropped and
   // `added_files` new ones, about a quarter of them large.
@@ -58,6 +59,7 @@ class ServedWorld {
   mutable std::mutex mu_;
   std::mt19937 rng_;
   int next_file_ = 0;
+  std::size_t kept_versions_;
   std::deque<Published> served_;  // the newest last; older prefixes are dropped from the store
 };
 
