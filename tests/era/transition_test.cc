@@ -561,11 +561,11 @@ TEST_F(Transition, TheRetryCountStartsAfreshForEachFile) {
   files["features/e/mod.so"]["platform"] = "plan9-mips";
   publish(with_artefacts(manifest(2, 1, files)));
   publish_era(2);
-  // Each fails one whole download (three cut attempts), then the next call
-  // resumes and completes it. (Wrong bytes would not do: they leave a
-  // complete staging file that every later call asks a range behind.)
+  // Each fails one whole download, then the next call completes it: the
+  // cut one resumes; the wrong one finds its bad bytes staged whole, drops
+  // them and fetches again.
   store_.fault("/bucket/features/b/flaky1.bin", Fault{.cut_after_bytes = 1, .times = 3});
-  store_.fault("/bucket/features/c/flaky2.bin", Fault{.cut_after_bytes = 1, .times = 3});
+  store_.fault("/bucket/features/c/flaky2.bin", Fault{.wrong_bytes = true, .times = 3});
   std::vector<std::pair<double, std::optional<std::string>>> waits;
   replace_sleep([&](double s) {
     if (s >= 1.0) waits.emplace_back(s, manager_->status());
