@@ -5,7 +5,10 @@
 # the scratch directory it names.
 # Usage: bench/fuzz_long.sh [executions per target] [target...]
 # Build directory: $QMSYNC_FUZZ_BUILD_DIR, default build-fuzz in the checkout.
+# One input may take QMSYNC_FUZZ_TIMEOUT_S seconds (default 120 here: a long
+# run shares the machine, and a starved process is not a hang).
 set -euo pipefail
+export QMSYNC_FUZZ_TIMEOUT_S="${QMSYNC_FUZZ_TIMEOUT_S:-120}"
 cd "$(dirname "$0")/.."
 source scripts/fuzz-common.sh
 

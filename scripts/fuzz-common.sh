@@ -34,7 +34,7 @@ run_fuzzer() {
   local start status=0
   start=$(date +%s.%N)
   ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}" UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1}" \
-    "$FUZZ_BUILD/tests/fuzz/${target}_fuzz" -artifact_prefix="$out/" -timeout=10 \
+    "$FUZZ_BUILD/tests/fuzz/${target}_fuzz" -artifact_prefix="$out/" -timeout="${QMSYNC_FUZZ_TIMEOUT_S:-10}" \
     -print_final_stats=1 "$@" >"$out/log" 2>&1 || status=$?
   awk -v a="$start" -v b="$(date +%s.%N)" 'BEGIN { printf "%.1f\n", b - a }' >"$out/seconds"
   return "$status"
