@@ -4,6 +4,7 @@
 #ifndef QUILLMARSH_SYNC_COLLABORATORS_SLOT_H_
 #define QUILLMARSH_SYNC_COLLABORATORS_SLOT_H_
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,11 +30,24 @@ class CollaboratorSlot {
     std::lock_guard<std::mutex> lock(mu_);
     return module_;
   }
-  // The module in the slot; ImportError when it is empty.
+  // The module in the slot, loaded: what importing it means. ImportError
+  // when the slot is empty, or whatever the loader fails with.
   std::shared_ptr<Module> require() const {
     auto module = get();
     if (!module) throw ImportError("No module named " + std::string("'") + module_name_ + "'");
+    std::function<void()> loader;
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      loader = loader_;
+    }
+    if (loader) loader();
     return module;
+  }
+  // For a host whose modules load on demand (the Python binding): `loader`
+  // runs at each require() and fails as the import would.
+  void set_loader(std::function<void()> loader) {
+    std::lock_guard<std::mutex> lock(mu_);
+    loader_ = std::move(loader);
   }
   const char* module_name() const { return module_name_; }
 
@@ -41,6 +55,7 @@ class CollaboratorSlot {
   const char* module_name_;
   mutable std::mutex mu_;
   std::shared_ptr<Module> module_;
+  std::function<void()> loader_;
 };
 
 }  // namespace quillmarsh::sync

@@ -1,0 +1,110 @@
+"""The shared manager per real directory, and failures as Python classes,
+both ways across the binding."""
+
+import errno
+import os
+import sys
+import unittest
+from unittest import mock
+
+import quillmarsh_sync
+from support import TOKEN, ServedEraTest
+from quillmarsh_sync import EraError, IntegrityError, StateError, SyncError, SyncManager
+
+
+class RegistryTest(ServedEraTest):
+    def test_one_manager_per_real_directory_until_its_last_consumer_leaves(self):
+        first = self.manager(shared=True)
+        self.assertIs(self.manager(self.data_dir + "/.", shared=True), first)
+        link = os.path.join(self.tmp, "link-" + os.path.basename(self.data_dir))
+        os.symlink(self.data_dir, link)
+        self.assertIs(self.manager(link, shared=True), first)
+        with self.assertRaises(ValueError):
+            SyncManager.get_or_create(self.data_dir, self.era.api_url.replace("127.0.0.1", "localhost"),
+                                      lambda: TOKEN)
+
+        first.acquire()
+        first.acquire()
+        self.assertEqual(first.consumer_count, 2)
+        self.assertTrue(first.is_alive())
+        first.release()
+        self.assertIs(self.manager(shared=True), first)
+        first.release()
+        self.assertEqual(first.consumer_count, 0)
+        self.assertFalse(first.is_alive())
+        # The last consumer took it out of the registry.
+        self.assertIsNot(self.manager(shared=True), first)
+
+    def test_the_newest_token_source_serves_a_reused_manager(self):
+        shared = self.manager(shared=True, get_token=lambda: "stale")
+        self.assertIs(self.manager(shared=True), shared)
+        self.assertEqual(shared.sync().era_id, 1)
+
+
+class FailureTest(ServedEraTest):
+    def test_state_error_is_not_a_sync_error(self):
+        manager = self.manager()
+        manager.start()
+        with self.assertRaises(StateError):
+            try:
+                manager.start()
+            except SyncError:
+                self.fail("a SyncError handler caught StateError")
+        self.assertTrue(issubclass(IntegrityError, SyncError))
+        self.assertFalse(issubclass(StateError, SyncError))
+
+    def test_the_components_failures_arrive_as_pythons_own_classes(self):
+        missing = os.path.join(self.tmp, "no-such-dir")
+        with self.assertRaises(FileNotFoundError) as raised:
+            SyncManager(missing, self.era.api_url, lambda: TOKEN)
+        self.assertEqual(raised.exception.errno, errno.ENOENT)
+        self.assertEqual(str(raised.exception), "data_dir does not exist: " + missing)
+
+        with self.assertRaisesRegex(TypeError, "^get_token must be callable, got NoneType$"):
+            SyncManager(self.data_dir, self.era.api_url, None)
+
+        # The host's transport check decides, and its failure comes through.
+        with self.assertRaisesRegex(ValueError, "^Refusing to send a bearer token"):
+            SyncManager(self.data_dir, "http://example.com", lambda: TOKEN)
+        self.assertIn("http://example.com", self.quillmarsh._transport_security.calls)
+
+        # A refused token is the host's AuthError, also by the package's name.
+        from quillmarsh.auth import AuthError
+        with self.assertRaises(AuthError):
+            self.manager(get_token=lambda: "wrong").sync()
+        self.assertIs(quillmarsh_sync.AuthError, AuthError)
+
+    def test_a_host_without_its_transport_check_cannot_build_a_manager(self):
+        with mock.patch.dict(sys.modules, {"quillmarsh._transport_security": None}):
+            with self.assertRaises(ImportError):
+                SyncManager(self.data_dir, self.era.api_url, lambda: TOKEN)
+        # Imported at each use: the module back, the manager builds.
+        self.assertEqual(SyncManager(self.data_dir, self.era.api_url, lambda: TOKEN).sync().era_id, 1)
+
+    def test_a_python_failure_crosses_the_component_unchanged(self):
+        vault_down = ConnectionError("token vault unreachable")
+
+        def get_token():
+            raise vault_down
+
+        with self.assertRaises(ConnectionError) as raised:
+            self.manager(get_token=get_token).sync()
+        self.assertIs(raised.exception, vault_down)
+
+    def test_a_manifest_of_another_era_is_an_era_error(self):
+        manager = self.manager()
+        manager.sync()
+        manifest = os.path.join(self.data_dir, "manifest.json")
+        with open(manifest) as f:
+            text = f.read()
+        # The local manifest claims era 7: the server's era 1 is another one.
+        with open(manifest, "w") as f:
+            f.write(text.replace('"era_id": 1', '"era_id": 7', 1))
+        manager = self.manager()
+        with self.assertRaises(SyncError) as raised:
+            manager.sync()
+        self.assertIsInstance(raised.exception, EraError)
+
+
+if __name__ == "__main__":
+    unittest.main()
