@@ -60,6 +60,16 @@ inline int exit_code_of(int status) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// Sends `signal_number` to `pid` and waits for it: the exit code, or 128 +
+// the signal that ended it.
+inline int signal_and_reap(pid_t pid, int signal_number) {
+  ::kill(pid, signal_number);
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return exit_code_of(status);
+}
+
 inline pid_t spawn(std::vector<std::string> argv, std::vector<std::string> env,
                    posix_spawn_file_actions_t* actions) {
   std::vector<char*> c_argv = c_strings(argv);
@@ -157,12 +167,9 @@ class BackgroundProcess {
   int stop() { return stop_with(SIGTERM); }
   // Sends `signal_number`; the exit code, or 128 + the signal that ended it.
   int stop_with(int signal_number) {
-    ::kill(pid_, signal_number);
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int code = signal_and_reap(pid_, signal_number);
     pid_ = -1;
-    return exit_code_of(status);
+    return code;
   }
 
  private:

@@ -54,12 +54,9 @@ class Child {
   }
   // SIGKILL and reap; the exit code it had if it ended first.
   int kill_now() {
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int code = signal_and_reap(pid_, SIGKILL);
     pid_ = -1;
-    return exit_code_of(status);
+    return code;
   }
 
  private:
