@@ -12,7 +12,11 @@ namespace quillmarsh::sync {
 namespace {
 
 using testing::Fault;
+using testing::outcome;
+using testing::seed_bytes;
 using testing::TempDir;
+using testing::vocabulary;
+using testing::vocabulary_path;
 
 class VocabularyDownload : public testing::SyncFixture {
  protected:
@@ -114,12 +118,7 @@ TEST_F(VocabularyDownload, AStatedDigestIsNeverOverruled) {
 
   const std::string refusal = "Refusing to repair vocabulary manifest hash for " + p + ": expected " + stated +
                               ", got " + _sha256(bytes);
-  try {
-    manager_->_download_vocabulary(m);
-    FAIL() << "a wrong stated digest was accepted";
-  } catch (const IntegrityError& e) {
-    EXPECT_EQ(e.what(), refusal);
-  }
+  EXPECT_EQ(outcome([&] { manager_->_download_vocabulary(m); }), "IntegrityError: " + refusal);
   // The local file was judged, then fetched afresh; the fetch was refused
   // as well, and what it fetched is gone.
   EXPECT_EQ(warnings().front(), "Local vocabulary " + p + " failed validation; re-downloading: " + refusal);
@@ -166,14 +165,8 @@ TEST_F(VocabularyDownload, FetchedBytesThatDoNotValidateNeverStay) {
     SCOPED_TRACE("wrong bytes end the download with IntegrityError; the staged file is judged and goes");
     Manifest m = manifest_over(Json{{p, serve("u")}});
     store_.fault("/bucket/" + p, Fault{.wrong_bytes = true});
-    try {
-      manager_->_download_vocabulary(m);
-      FAIL() << "flipped bytes were accepted";
-    } catch (const IntegrityError& e) {
-      FAIL() << "the download's failure came through: " << e.what();
-    } catch (const SyncError& e) {
-      EXPECT_TRUE(std::string(e.what()).starts_with("vocabulary.json is not valid JSON: ")) << e.what();
-    }
+    const std::string failure = outcome([&] { manager_->_download_vocabulary(m); });
+    EXPECT_TRUE(failure.starts_with("SyncError: vocabulary.json is not valid JSON: ")) << failure;
     EXPECT_FALSE(path_exists(path(p) + ".tmp"));
     EXPECT_FALSE(path_exists(path(p)));
     store_.clear_faults();
@@ -181,12 +174,8 @@ TEST_F(VocabularyDownload, FetchedBytesThatDoNotValidateNeverStay) {
   {
     SCOPED_TRACE("a complete download of another era is removed");
     Manifest m = manifest_over(Json{{p, serve("u", 3)}});
-    try {
-      manager_->_download_vocabulary(m);
-      FAIL() << "a vocabulary of another era was accepted";
-    } catch (const EraError& e) {
-      EXPECT_STREQ(e.what(), "vocabulary.json era_id=3 does not match manifest era_id=4");
-    }
+    EXPECT_EQ(outcome([&] { manager_->_download_vocabulary(m); }),
+              "EraError: vocabulary.json era_id=3 does not match manifest era_id=4");
     EXPECT_FALSE(path_exists(path(p)));
   }
   EXPECT_EQ(manager_->_vocabulary.load(), nullptr);
@@ -206,12 +195,8 @@ TEST_F(VocabularyDownload, AFailingUniverseStopsTheWorkAndKeepsWhatCameBefore) {
   EXPECT_EQ(manager_->_vocabulary.load(), nullptr);
 
   Manifest none = manifest_over(Json{{"features/a.arrow", Json::object()}});
-  try {
-    manager_->_download_vocabulary(none);
-    FAIL() << "a manifest without vocabularies was accepted";
-  } catch (const SyncError& e) {
-    EXPECT_STREQ(e.what(), "manifest is missing per-universe vocabulary.json entries");
-  }
+  EXPECT_EQ(outcome([&] { manager_->_download_vocabulary(none); }),
+            "SyncError: manifest is missing per-universe vocabulary.json entries");
 }
 
 TEST_F(VocabularyDownload, AStagingDirectoryReceivesTheFilesButNotTheManager) {

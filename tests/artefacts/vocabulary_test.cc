@@ -13,18 +13,11 @@
 namespace quillmarsh::sync {
 namespace {
 
-using testing::SyncFixture;
+using testing::outcome_and_cause;
+using testing::outcome;
 using testing::TempDir;
-
-// "Type: message" of what `f` raised, "ok" when it returned.
-std::string outcome(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const Error& e) {
-    return std::string(e.type_name()) + ": " + e.what();
-  }
-  return "ok";
-}
+using testing::vocabulary;
+using testing::vocabulary_path;
 
 TEST(NamedUniverse, CleansOrRefuses) {
   struct Case {
@@ -92,7 +85,7 @@ TEST(VocabularyPath, ManifestPathsAreSortedAndSpelledAsListed) {
 
 // A valid vocabulary of era 7 for universe "x", changed by `edit`.
 Json vocabulary_with(const std::function<void(Json&)>& edit) {
-  Json v = SyncFixture::vocabulary(7, "x");
+  Json v = vocabulary(7, "x");
   edit(v);
   return v;
 }
@@ -107,7 +100,6 @@ TEST(VocabularyData, RefusesInTheOrderOfItsTests) {
   const std::string x = "x";
   const Case cases[] = {
       {"array", Json::array({1}), x, "SyncError: vocabulary.json must contain a JSON object"},
-      {"text", Json("x"), x, "SyncError: vocabulary.json must contain a JSON object"},
       {"missing keys, sorted",
        vocabulary_with([](Json& v) {
          v.erase("metadata");
@@ -151,20 +143,14 @@ TEST(VocabularyData, RefusesInTheOrderOfItsTests) {
 
 TEST(VocabularyBytes, UndecodableBytesAreBadJsonAndValidatorFailuresAreNotWrapped) {
   for (const std::string& bytes : {std::string(), std::string("{\"era_id\": 7,"), std::string("\"\xff\"")}) {
-    SCOPED_TRACE(bytes);
-    try {
-      _validate_vocabulary_bytes(bytes, 7, "x");
-      ADD_FAILURE() << "accepted";
-    } catch (const SyncError& e) {
-      EXPECT_TRUE(std::string(e.what()).starts_with("vocabulary.json is not valid JSON: ")) << e.what();
-      EXPECT_EQ(dynamic_cast<const EraError*>(&e), nullptr);
-      EXPECT_TRUE(e.cause()) << "the decoding failure is kept as the cause";
-    }
+    const auto [failure, cause] = outcome_and_cause([&] { _validate_vocabulary_bytes(bytes, 7, "x"); });
+    EXPECT_TRUE(failure.starts_with("SyncError: vocabulary.json is not valid JSON: ")) << failure;
+    EXPECT_NE(cause, "") << "the decoding failure is kept as the cause";
   }
-  EXPECT_EQ(outcome([] { _validate_vocabulary_bytes(json_text(SyncFixture::vocabulary(6, "x")), 7, "x"); }),
+  EXPECT_EQ(outcome([] { _validate_vocabulary_bytes(json_text(vocabulary(6, "x")), 7, "x"); }),
             "EraError: vocabulary.json era_id=6 does not match manifest era_id=7");
-  EXPECT_EQ(_validate_vocabulary_bytes(json_text(SyncFixture::vocabulary(7, "x")), 7, "x"),
-            SyncFixture::vocabulary(7, "x"));
+  EXPECT_EQ(_validate_vocabulary_bytes(json_text(vocabulary(7, "x")), 7, "x"),
+            vocabulary(7, "x"));
 }
 
 TEST(VocabularyFile, MissingAndUnreadableFilesAreTold) {
@@ -172,14 +158,10 @@ TEST(VocabularyFile, MissingAndUnreadableFilesAreTold) {
   EXPECT_EQ(outcome([&] { _validate_vocabulary_file(dir / "absent.json", 7, "x"); }),
             "SyncError: vocabulary.json is missing");
   make_dirs(dir / "a_directory");
-  try {
-    _validate_vocabulary_file(dir / "a_directory", 7, "x");
-    ADD_FAILURE() << "a directory was read as a vocabulary";
-  } catch (const SyncError& e) {
-    EXPECT_TRUE(std::string(e.what()).starts_with("vocabulary.json is not readable: ")) << e.what();
-    EXPECT_THROW(std::rethrow_exception(e.cause()), OSError);
-  }
-  write_file(dir / "v.json", json_text(SyncFixture::vocabulary(7, "x")));
+  const auto [failure, cause] = outcome_and_cause([&] { _validate_vocabulary_file(dir / "a_directory", 7, "x"); });
+  EXPECT_TRUE(failure.starts_with("SyncError: vocabulary.json is not readable: ")) << failure;
+  EXPECT_TRUE(cause.starts_with("OSError: ")) << cause;
+  write_file(dir / "v.json", json_text(vocabulary(7, "x")));
   EXPECT_EQ(_validate_vocabulary_file(dir / "v.json", 7, "x")["named_universe"], "x");
 }
 
@@ -188,24 +170,24 @@ class ManifestVocabularies : public ::testing::Test {
   // Writes `vocabulary` at features/{universe}/vocabulary.json.
   void put(const std::string& universe, const Json& vocabulary) {
     make_dirs(dir_ / ("features/" + universe));
-    write_file(dir_ / SyncFixture::vocabulary_path(universe), json_text(vocabulary));
+    write_file(dir_ / vocabulary_path(universe), json_text(vocabulary));
   }
   Manifest manifest_of(const std::vector<std::string>& universes, Json era_id = 7) {
     Json files = Json::object();
     files["features/zz/data.arrow"] = Json::object();
-    for (const std::string& u : universes) files[SyncFixture::vocabulary_path(u)] = Json::object();
+    for (const std::string& u : universes) files[vocabulary_path(u)] = Json::object();
     return Manifest(Json{{"era_id", era_id}, {"files", files}});
   }
   TempDir dir_;
 };
 
 TEST_F(ManifestVocabularies, TwoUniversesComeBackInSortedOrder) {
-  put("beta", SyncFixture::vocabulary(7, "beta", Json{{"n_instruments", 2}}));
-  put("alpha", SyncFixture::vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
+  put("beta", vocabulary(7, "beta", Json{{"n_instruments", 2}}));
+  put("alpha", vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
   const Json vocabularies = _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta", "alpha"}));
   ASSERT_EQ(vocabularies.size(), 2u);
   EXPECT_EQ(vocabularies.begin().key(), "alpha");
-  EXPECT_EQ(vocabularies["alpha"], SyncFixture::vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
+  EXPECT_EQ(vocabularies["alpha"], vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
   EXPECT_EQ(vocabularies["beta"]["metadata"]["n_instruments"], 2);
   // The first in sorted order stands for all.
   EXPECT_EQ(_first_vocabulary_metadata(vocabularies)["n_instruments"], 1);
@@ -214,8 +196,8 @@ TEST_F(ManifestVocabularies, TwoUniversesComeBackInSortedOrder) {
 }
 
 TEST_F(ManifestVocabularies, TheFirstBadFileInSortedOrderIsReported) {
-  put("beta", SyncFixture::vocabulary(6, "beta"));
-  put("alpha", SyncFixture::vocabulary(7, "gamma"));
+  put("beta", vocabulary(6, "beta"));
+  put("alpha", vocabulary(7, "gamma"));
   EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta", "alpha"})); }),
             "SyncError: vocabulary.json named_universe does not match manifest path 'alpha'");
   EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta"})); }),

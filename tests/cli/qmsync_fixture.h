@@ -14,6 +14,7 @@
 #include "sync/support/json_text.h"
 #include "sync/support/posix_file.h"
 #include "tests/cli/process.h"
+#include "tests/support/sample_data.h"
 #include "tests/support/temp_dir.h"
 
 #ifndef QMSYNC_BINARY
@@ -21,28 +22,6 @@
 #endif
 
 namespace quillmarsh::sync::testing {
-
-// Bytes that differ from file to file and do not compress to nothing.
-inline std::string pseudo_random_bytes(std::size_t n, std::uint32_t seed) {
-  std::string bytes(n, '\0');
-  for (char& c : bytes) {
-    seed = seed * 1664525u + 1013904223u;
-    c = static_cast<char>(seed >> 24);
-  }
-  return bytes;
-}
-
-inline std::string vocabulary_text(std::int64_t era, const std::string& universe) {
-  Json v = Json::object();
-  v["era_id"] = era;
-  v["named_universe"] = universe;
-  v["rotations"] = Json::array();
-  v["filtrations"] = Json::array();
-  v["reductions"] = Json::object();
-  v["features"] = Json::array({"close", "volume"});
-  v["metadata"] = Json{{"named_universe", universe}, {"t_signal_is", 12}, {"n_instruments", 30}};
-  return json_text(v);
-}
 
 class QmsyncTest : public ::testing::Test {
  protected:

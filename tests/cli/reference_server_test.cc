@@ -11,6 +11,7 @@
 #include "sync/engine/file_primitives.h"
 #include "sync/support/json_text.h"
 #include "sync/support/posix_file.h"
+#include "tests/support/sample_data.h"
 #include "tests/support/temp_dir.h"
 
 namespace quillmarsh::sync::testing {
@@ -30,12 +31,7 @@ class ReferenceServerTest : public ::testing::Test {
   void write_source(std::int64_t era) {
     const std::string features = tmp_ / ("source" + std::to_string(era) + "/features/u");
     make_dirs(features);
-    Json v = Json::object();
-    v["era_id"] = era;
-    v["named_universe"] = "u";
-    for (const char* key : {"rotations", "filtrations", "reductions", "features"}) v[key] = Json::array();
-    v["metadata"] = Json{{"named_universe", "u"}};
-    write_file(features + "/vocabulary.json", json_text(v));
+    write_file(features + "/vocabulary.json", vocabulary_text(era, "u"));
     write_file(features + "/digits.txt", "0123456789");
   }
 

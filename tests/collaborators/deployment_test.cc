@@ -10,19 +10,10 @@ namespace {
 TEST(DeploymentDefault, ReportsThisBuildAndNoUpdate) {
   DefaultDeployment deployment;
   EXPECT_EQ(deployment._CURRENT_VERSION(), QUILLMARSH_SYNC_VERSION);
-  EXPECT_EQ(std::string(library_version()), QUILLMARSH_SYNC_VERSION);
   EXPECT_EQ(deployment.check_update(deployment._CURRENT_VERSION()), std::nullopt);
   const UpdateResult result = deployment.auto_update("99.0");
   EXPECT_EQ(result.success, false);
   EXPECT_TRUE(result.warning.has_value());
-
-  // The slot starts with the default; set hands back what it replaced.
-  const std::shared_ptr<Deployment> installed = deployment_slot().get();
-  ASSERT_NE(installed, nullptr);
-  EXPECT_EQ(installed->_CURRENT_VERSION(), QUILLMARSH_SYNC_VERSION);
-  EXPECT_EQ(deployment_slot().set(nullptr), installed);
-  EXPECT_THROW(deployment_slot().require(), ImportError);
-  EXPECT_EQ(deployment_slot().set(installed), nullptr);
 }
 
 TEST(DeploymentDefault, ComparesDottedNumbersPartByPart) {

@@ -70,14 +70,6 @@ TEST(ManifestFilters, RetiredPredicateCountsExactlyFiveSegments) {
   }
 }
 
-TEST(ManifestFilters, ReturnTheInputItselfWhenNothingGoes) {
-  for (const char* text : {R"({"era_id": 1})", R"({"files": null})", R"({"files": {"a.bin": {}}})"}) {
-    auto data = manifest_data(text);
-    EXPECT_EQ(_drop_agent_bundle_declaration_files(data).get(), data.get()) << text;
-    EXPECT_EQ(_drop_retired_found_pnl_long_files(data).get(), data.get()) << text;
-  }
-}
-
 TEST(ManifestFilters, RemoveInOrderWithoutTouchingTheInput) {
   auto data = manifest_data(R"({"era_id": 3, "files": {
       "z.bin": {"kind": "feature"},

@@ -20,10 +20,5 @@ TEST(Platform, UnknownPairsFallBackToTheLowerCasedNames) {
   EXPECT_EQ(_detect_platform("FreeBSD", "amd64"), "freebsd_amd64");  // amd64 stays as it is
 }
 
-TEST(Platform, CurrentPlatformIsThisMachines) {
-  EXPECT_EQ(CURRENT_PLATFORM, _detect_platform());
-  EXPECT_FALSE(CURRENT_PLATFORM.empty());
-}
-
 }  // namespace
 }  // namespace quillmarsh::sync

@@ -10,6 +10,8 @@ namespace {
 
 using testing::EraFixture;
 using testing::Fault;
+using testing::outcome;
+using testing::outcome_and_cause;
 
 Json parsed(const char* text) { return parse_json_text(text); }
 
@@ -59,17 +61,6 @@ class EraGates : public EraFixture {
   }
   void serve(const std::string& body) { api_.put("/era/current", body, {{"Content-Type", "application/json"}}); }
 
-  // The EraError text of `fn`, or "" when it did not fail with one.
-  template <typename Fn>
-  std::string era_error_of(Fn fn) {
-    try {
-      fn();
-    } catch (const EraError& e) {
-      return e.what();
-    }
-    return "";
-  }
-
   std::shared_ptr<SyncManager> manager_;
 };
 
@@ -93,22 +84,22 @@ TEST_F(EraGates, EitherShapeAndATextualEraIdPass) {
 
 TEST_F(EraGates, ClosingPassesOnlyWhenAllowedAndOtherStatesNever) {
   publish_era(7, "closing");
-  EXPECT_EQ(era_error_of([&] { manager_->_confirm_active_era(7); }),
-            "Active era confirmation for era_id=7 returned state='closing'");
-  EXPECT_EQ(era_error_of([&] { manager_->_check_transition_superseded(7); }),
-            "Active era confirmation for era_id=7 returned state='closing'");
+  EXPECT_EQ(outcome([&] { manager_->_confirm_active_era(7); }),
+            "EraError: Active era confirmation for era_id=7 returned state='closing'");
+  EXPECT_EQ(outcome([&] { manager_->_check_transition_superseded(7); }),
+            "EraError: Active era confirmation for era_id=7 returned state='closing'");
   EXPECT_EQ(manager_->_confirm_active_era(7, true)["state"], "closing");
   EXPECT_EQ(manager_->_check_transition_superseded(6, true), 7);
 
   publish_era(7, std::nullopt);  // no state key: no default in the gates
-  EXPECT_EQ(era_error_of([&] { manager_->_confirm_active_era(7, true); }),
-            "Active era confirmation for era_id=7 returned state=None");
-  publish_wrapped_era(Json{{"era_id", 7}, {"state", nullptr}}, Json("active"));
-  EXPECT_EQ(era_error_of([&] { manager_->_confirm_active_era(7, true); }),
-            "Active era confirmation for era_id=7 returned state=None");
+  EXPECT_EQ(outcome([&] { manager_->_confirm_active_era(7, true); }),
+            "EraError: Active era confirmation for era_id=7 returned state=None");
+  answer_era(wrapped_era(Json{{"era_id", 7}, {"state", nullptr}}, Json("active")));
+  EXPECT_EQ(outcome([&] { manager_->_confirm_active_era(7, true); }),
+            "EraError: Active era confirmation for era_id=7 returned state=None");
   publish_era(7, "between_eras");
-  EXPECT_EQ(era_error_of([&] { manager_->_confirm_active_era(7, true); }),
-            "Active era confirmation for era_id=7 returned state='between_eras'");
+  EXPECT_EQ(outcome([&] { manager_->_confirm_active_era(7, true); }),
+            "EraError: Active era confirmation for era_id=7 returned state='between_eras'");
 }
 
 TEST_F(EraGates, NoUsableEraFailsWithTheParseMessageBeforeTheState) {
@@ -124,35 +115,31 @@ TEST_F(EraGates, NoUsableEraFailsWithTheParseMessageBeforeTheState) {
   };
   for (const char* body : bodies) {
     serve(body);
-    try {
-      manager_->_fetch_active_era_for_transition(true);
-      ADD_FAILURE() << "no failure for " << body;
-    } catch (const EraError& e) {
-      EXPECT_STREQ(e.what(), "Failed to parse active era response during transition") << body;
-      EXPECT_TRUE(e.cause()) << body;
-    }
+    const auto [failure, cause] = outcome_and_cause([&] { manager_->_fetch_active_era_for_transition(true); });
+    EXPECT_EQ(failure, "EraError: Failed to parse active era response during transition") << body;
+    EXPECT_NE(cause, "") << body;
   }
 }
 
 TEST_F(EraGates, ANonOkAnswerFailsWithItsStatus) {
   publish_era(7);
   api_.fault("/era/current", Fault{.status = 503, .body = "busy"});
-  EXPECT_EQ(era_error_of([&] { manager_->_confirm_active_era(7); }), "Failed to confirm active era: HTTP 503");
-  EXPECT_EQ(era_error_of([&] { manager_->_check_transition_superseded(7); }),
-            "Failed to confirm active era: HTTP 503");
+  EXPECT_EQ(outcome([&] { manager_->_confirm_active_era(7); }), "EraError: Failed to confirm active era: HTTP 503");
+  EXPECT_EQ(outcome([&] { manager_->_check_transition_superseded(7); }),
+            "EraError: Failed to confirm active era: HTTP 503");
 }
 
 TEST_F(EraGates, SupersededReturnsANewerEraFailsOnAnOlderAndConfirmFailsOnBoth) {
   publish_era(8);
   EXPECT_EQ(manager_->_check_transition_superseded(7), 8);
-  EXPECT_EQ(era_error_of([&] { manager_->_confirm_active_era(7); }),
-            "Active era_id=8 does not match requested transition era_id=7");
+  EXPECT_EQ(outcome([&] { manager_->_confirm_active_era(7); }),
+            "EraError: Active era_id=8 does not match requested transition era_id=7");
 
   publish_era(6);
-  EXPECT_EQ(era_error_of([&] { manager_->_check_transition_superseded(7); }),
-            "Active era_id=6 does not match requested transition era_id=7");
-  EXPECT_EQ(era_error_of([&] { manager_->_confirm_active_era(7); }),
-            "Active era_id=6 does not match requested transition era_id=7");
+  EXPECT_EQ(outcome([&] { manager_->_check_transition_superseded(7); }),
+            "EraError: Active era_id=6 does not match requested transition era_id=7");
+  EXPECT_EQ(outcome([&] { manager_->_confirm_active_era(7); }),
+            "EraError: Active era_id=6 does not match requested transition era_id=7");
 
   publish_era(7);
   EXPECT_EQ(manager_->_check_transition_superseded(7), std::nullopt);

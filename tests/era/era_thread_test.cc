@@ -20,7 +20,7 @@ namespace {
 
 using testing::EraFixture;
 using testing::EventLog;
-using testing::Fault;
+using testing::outcome;
 using testing::unused_loopback_port;
 using testing::wait_until;
 using Events = std::vector<std::string>;
@@ -60,27 +60,13 @@ class EraMonitor : public EraFixture {
                                        restart ? std::move(restart) : restart_fn());
   }
 
-  void answer(const Json& body) {
-    api_.put("/era/current", json_text(body), {{"Content-Type", "application/json"}});
-  }
-
   std::size_t count(const std::string& event) const {
     std::size_t n = 0;
     for (const std::string& e : events_.events()) n += e == event;
     return n;
   }
-  std::size_t warnings_starting(const std::string& prefix) const {
-    std::size_t n = 0;
-    for (const LogRecord& r : log_.records()) n += r.level == LogLevel::warning && r.message.starts_with(prefix);
-    return n;
-  }
-
-  // A data directory synced to era 1, with era 1 active.
   std::shared_ptr<SyncManager> synced_to_era1() {
-    publish_era_data(1, {{"features/a/one.bin", "era one"}, {"features/a/same.bin", "kept"}});
-    auto manager = make_manager();
-    manager->sync();
-    return manager;
+    return synced_manager(1, {{"features/a/one.bin", "era one"}, {"features/a/same.bin", "kept"}});
   }
 
  private:
@@ -100,46 +86,33 @@ struct Row {
   bool in_closing_after;
 };
 
-Json flat(Json era_id, std::optional<std::string> state) {
-  Json era = Json::object();
-  era["era_id"] = std::move(era_id);
-  if (state) era["state"] = *state;
-  return era;
-}
-
-Json wrapped_null(std::optional<std::string> outer_state) {
-  Json data = Json::object();
-  data["era"] = nullptr;
-  if (outer_state) data["state"] = *outer_state;
-  return data;
-}
-
 // Over a manager with no manifest, every transition fails (a "closing" era
 // fails the gate, an active one has no manifest to fetch), so the record of
 // the failure shows which branch called it; the failing run leaves the
 // known era as it was in every row.
 TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
   const std::vector<Row> rows = {
-      {"active, era = K", false, 1, flat(1, "active"), false, std::nullopt, false, false},
-      {"era as text equals K", false, 7, flat("7", std::nullopt), false, std::nullopt, false, false},
-      {"active, era != K", false, 1, flat(2, "active"), true, "new era", false, false},
-      {"lower era counts", false, 3, flat(2, "active"), true, "new era", false, false},
-      {"active, K absent", false, std::nullopt, flat(5, "active"), false, std::nullopt, false, false},
-      {"closing, era = K", false, 1, flat(1, "closing"), true, "closing", false, true},
-      {"closing, era != K", false, 1, flat(2, "closing"), true, "closing", false, true},
-      {"closing, K absent", false, std::nullopt, flat(3, "closing"), true, "closing", false, true},
-      {"closing without era id", false, 1, wrapped_null("closing"), false, "closing", false, true},
-      {"in closing: closing, era = K", true, 1, flat(1, "closing"), false, std::nullopt, false, true},
-      {"in closing: closing, era != K", true, 1, flat(2, "closing"), true, "new era", false, false},
-      {"in closing: active, era = K", true, 1, flat(1, "active"), false, std::nullopt, true, false},
-      {"in closing: era as text equals K", true, 7, flat("7", "active"), false, std::nullopt, true, false},
-      {"in closing: no state means active", true, 1, flat(1, std::nullopt), false, std::nullopt, true, false},
-      {"in closing: active, no era, K absent", true, std::nullopt, wrapped_null("active"), false, std::nullopt,
-       true, false},
-      {"in closing: active, era != K", true, 1, flat(2, "active"), true, "new era", false, false},
-      {"between eras", false, 1, wrapped_null(std::nullopt), false, std::nullopt, false, false},
-      {"in closing: between eras", true, 1, wrapped_null(std::nullopt), false, std::nullopt, false, true},
-      {"unknown state, era = K", false, 1, flat(1, "paused"), false, std::nullopt, false, false},
+      {"active, era = K", false, 1, flat_era(1, "active"), false, std::nullopt, false, false},
+      {"era as text equals K", false, 7, flat_era("7", std::nullopt), false, std::nullopt, false, false},
+      {"active, era != K", false, 1, flat_era(2, "active"), true, "new era", false, false},
+      {"lower era counts", false, 3, flat_era(2, "active"), true, "new era", false, false},
+      {"active, K absent", false, std::nullopt, flat_era(5, "active"), false, std::nullopt, false, false},
+      {"closing, era = K", false, 1, flat_era(1, "closing"), true, "closing", false, true},
+      {"closing, era != K", false, 1, flat_era(2, "closing"), true, "closing", false, true},
+      {"closing, K absent", false, std::nullopt, flat_era(3, "closing"), true, "closing", false, true},
+      {"closing without era id", false, 1, wrapped_era(nullptr, Json("closing")), false, "closing", false, true},
+      {"in closing: closing, era = K", true, 1, flat_era(1, "closing"), false, std::nullopt, false, true},
+      {"in closing: closing, era != K", true, 1, flat_era(2, "closing"), true, "new era", false, false},
+      {"in closing: active, era = K", true, 1, flat_era(1, "active"), false, std::nullopt, true, false},
+      {"in closing: era as text equals K", true, 7, flat_era("7", "active"), false, std::nullopt, true, false},
+      {"in closing: no state means active", true, 1, flat_era(1, std::nullopt), false, std::nullopt, true, false},
+      {"in closing: active, no era, K absent", true, std::nullopt, wrapped_era(nullptr, Json("active")), false,
+       std::nullopt, true, false},
+      {"in closing: active, K absent", true, std::nullopt, flat_era(2, "active"), false, std::nullopt, false, true},
+      {"in closing: active, era != K", true, 1, flat_era(2, "active"), true, "new era", false, false},
+      {"between eras", false, 1, wrapped_era(nullptr), false, std::nullopt, false, false},
+      {"in closing: between eras", true, 1, wrapped_era(nullptr), false, std::nullopt, false, true},
+      {"unknown state, era = K", false, 1, flat_era(1, "paused"), false, std::nullopt, false, false},
       {"null state, era = K, in closing", true, 1, Json{{"era_id", 1}, {"state", nullptr}}, false, std::nullopt,
        false, true},
   };
@@ -148,7 +121,7 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
     SCOPED_TRACE(row.name);
     events_.clear();
     log_.clear();
-    answer(row.answer);
+    answer_era(row.answer);
     auto mon = monitor(manager);
     mon->_last_known_era_id = row.known;
     mon->_in_closing = row.in_closing;
@@ -164,7 +137,7 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
     if (row.failure) {
       ASSERT_TRUE(mon->_last_transition_error.has_value());
       EXPECT_TRUE(mon->_last_transition_error->starts_with(*row.failure + ": ")) << *mon->_last_transition_error;
-      EXPECT_EQ(warnings_starting("Trigger era transition (" + *row.failure + ") failed: "), 1u);
+      EXPECT_EQ(logged_starting("Trigger era transition (" + *row.failure + ") failed: "), 1u);
     } else {
       EXPECT_FALSE(mon->_last_transition_error.has_value());
     }
@@ -173,35 +146,16 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
     EXPECT_EQ(log_.count(LogLevel::info, "Scheduled close announced at None. Continue normal operation."),
               closing_branch ? 1u : 0u);
     for (const std::string& event : events_.events()) EXPECT_FALSE(event.starts_with("nudge")) << event;
-    EXPECT_EQ(warnings_starting("Era poll failed: "), 0u);
+    EXPECT_EQ(logged_starting("Era poll failed: "), 0u);
   }
-}
-
-TEST_F(EraMonitor, FailedClosingTransitionIsNotTriedAgainWhileClosing) {
-  auto manager = make_manager();
-  auto mon = monitor(manager);
-  mon->_last_known_era_id = 1;
-  answer(flat(1, "closing"));
-  mon->_poll_once();
-  ASSERT_EQ(count("kill"), 1u);
-  EXPECT_EQ(*mon->_last_transition_error,
-            "closing: Active era confirmation for era_id=1 returned state='closing'");
-
-  api_.clear_requests();
-  mon->_poll_once();
-  mon->_poll_once();
-  EXPECT_EQ(count("kill"), 1u);
-  EXPECT_EQ(api_.request_count("/era/current"), 2u);  // the polls alone
-  EXPECT_TRUE(mon->_in_closing);
-  EXPECT_TRUE(mon->_transition_failed);
 }
 
 TEST_F(EraMonitor, AnnouncesAScheduledCloseOnEveryPoll) {
   auto mon = monitor(make_manager());
   mon->_last_known_era_id = 1;
-  Json era = flat(1, "active");
+  Json era = flat_era(1, "active");
   era["next_closing_at"] = "2031-05-01T00:00:00Z";
-  answer(era);
+  answer_era(era);
   mon->_poll_once();
   mon->_poll_once();
   const std::string announced = "Scheduled close announced at 2031-05-01T00:00:00Z. Continue normal operation.";
@@ -211,23 +165,16 @@ TEST_F(EraMonitor, AnnouncesAScheduledCloseOnEveryPoll) {
 
   log_.clear();
   era["next_closing_at"] = nullptr;
-  answer(era);
+  answer_era(era);
   mon->_poll_once();
   EXPECT_TRUE(log_.records().empty());
-
-  // Every poll asks with a fresh token from the monitor's source.
-  for (const auto& request : api_.requests()) {
-    if (request.path == "/era/current") {
-      EXPECT_EQ(request.header("Authorization"), "Bearer era-token");
-    }
-  }
 }
 
 TEST_F(EraMonitor, UnansweredOrUnreadablePollsChangeNothing) {
   auto mon = monitor(make_manager());
   mon->_last_known_era_id = 1;
   mon->_in_closing = true;
-  answer(flat(2, "active"));  // would start a transition if it came through
+  answer_era(flat_era(2, "active"));  // would start a transition if it came through
   api_.fault("/era/current", {.status = 503, .times = 3});
   for (int i = 0; i < 3; ++i) mon->_poll_once();
   EXPECT_TRUE(log_.records().empty());
@@ -241,7 +188,7 @@ TEST_F(EraMonitor, UnansweredOrUnreadablePollsChangeNothing) {
     log_.clear();
     api_.put("/era/current", body);
     mon->_poll_once();
-    EXPECT_EQ(warnings_starting("Era poll failed: "), 1u);
+    EXPECT_EQ(logged_starting("Era poll failed: "), 1u);
     EXPECT_EQ(log_.records().size(), 1u);
   }
   EXPECT_TRUE(events_.events().empty());
@@ -252,7 +199,7 @@ TEST_F(EraMonitor, UnansweredOrUnreadablePollsChangeNothing) {
   auto unreachable = std::make_shared<EraThread>("https://127.0.0.1:" + std::to_string(unused_loopback_port()),
                                                  [] { return std::string("t"); }, make_manager());
   unreachable->_poll_once();
-  EXPECT_EQ(warnings_starting("Era poll failed: "), 1u);
+  EXPECT_EQ(logged_starting("Era poll failed: "), 1u);
 
   log_.clear();
   auto tokenless = std::make_shared<EraThread>(
@@ -265,7 +212,7 @@ TEST_F(EraMonitor, CancelledCloseRestartsSearchesAndSurvivesACallbackFailure) {
   auto mon = monitor(make_manager(), [] { throw RuntimeError("search pool gone"); });
   mon->_last_known_era_id = 4;
   mon->_in_closing = true;
-  answer(flat(4, "active"));
+  answer_era(flat_era(4, "active"));
   mon->_poll_once();
   EXPECT_FALSE(mon->_in_closing);
   EXPECT_EQ(log_.count(LogLevel::info, kCancelled), 1u);
@@ -324,9 +271,7 @@ TEST_F(EraMonitor, CloseThenNewEraMovesTheDataOnce) {
   auto manager = synced_to_era1();
   auto mon = monitor(manager);
   mon->_last_known_era_id = 1;
-  Json closing = flat(1, "closing");
-  closing["next_closing_at"] = "2031-05-01T00:00:00Z";
-  answer(closing);
+  answer_era(flat_era(1, "closing"));
 
   mon->_poll_once();
   EXPECT_TRUE(mon->_in_closing);
@@ -335,8 +280,6 @@ TEST_F(EraMonitor, CloseThenNewEraMovesTheDataOnce) {
   EXPECT_EQ(manager->get_manifest()->era_id, 1);
   EXPECT_EQ(count("kill"), 1u);
   EXPECT_EQ(count("restart"), 1u);
-  EXPECT_EQ(log_.count(LogLevel::info, "Scheduled close announced at 2031-05-01T00:00:00Z. Continue normal operation."),
-            1u);
 
   mon->_poll_once();  // still closing: nothing more
   EXPECT_EQ(count("kill"), 1u);
@@ -350,26 +293,6 @@ TEST_F(EraMonitor, CloseThenNewEraMovesTheDataOnce) {
   EXPECT_EQ(count("nudge era_change 2 prev=1"), 1u);
 }
 
-// With no era known (no manifest when it started), a close still runs its
-// transition, but the monitor learns no era from it and sees no new one.
-TEST_F(EraMonitor, WithNoKnownEraACloseRunsButNoNewEraIsSeen) {
-  auto manager = synced_to_era1();
-  auto mon = monitor(manager);
-  answer(flat(1, "closing"));
-  mon->_poll_once();
-  EXPECT_EQ(count("restart"), 1u);
-  EXPECT_FALSE(mon->_transition_failed);
-  EXPECT_TRUE(mon->_in_closing);
-  EXPECT_FALSE(mon->_last_known_era_id.has_value());
-
-  publish_era_data(2, {{"features/a/one.bin", "era two"}});
-  events_.clear();
-  mon->_poll_once();
-  EXPECT_TRUE(events_.events().empty());
-  EXPECT_EQ(manager->get_manifest()->era_id, 1);
-  EXPECT_TRUE(mon->_in_closing);
-}
-
 TEST_F(EraMonitor, ConstructionRefusesAUrlThatWouldExposeTheToken) {
   EXPECT_THROW(EraThread("http://example.com", [] { return std::string("t"); }, make_manager()), ValueError);
 }
@@ -378,7 +301,7 @@ TEST_F(EraMonitor, ThreadPollsAtOnceAndStopsDuringItsWait) {
   publish(with_artefacts(manifest(3, 1)));
   auto manager = make_manager();
   manager->sync();
-  answer(flat(3, "active"));
+  answer_era(flat_era(3, "active"));
   api_.clear_requests();
 
   auto mon = monitor(manager);
@@ -388,24 +311,16 @@ TEST_F(EraMonitor, ThreadPollsAtOnceAndStopsDuringItsWait) {
   mon->start();
   // The interval is ten minutes: only a poll at once can come here.
   ASSERT_TRUE(wait_until([&] { return api_.request_count("/era/current") == 1; }));
-  try {
-    mon->start();
-    ADD_FAILURE() << "second start was accepted";
-  } catch (const StateError& e) {
-    EXPECT_STREQ(e.what(), "EraThread already started");
-  }
+  EXPECT_EQ(outcome([&] { mon->start(); }), "StateError: EraThread already started");
   mon->stop();
   // The wait ended with the stop, within the join's bound, with no poll after it.
   EXPECT_FALSE(mon->is_alive());
-  EXPECT_NE(mon->_thread, nullptr);
-  EXPECT_TRUE(mon->_stop_event.is_set());
   EXPECT_EQ(api_.request_count("/era/current"), 1u);
   // start took the era from the manifest, and the answer matched it.
   EXPECT_EQ(mon->_last_known_era_id, 3);
   EXPECT_TRUE(events_.events().empty());
 
   mon->start();
-  EXPECT_FALSE(mon->_stop_event.is_set());
   EXPECT_TRUE(wait_until([&] { return api_.request_count("/era/current") == 2; }));
   mon->stop();
   EXPECT_FALSE(mon->is_alive());
@@ -413,7 +328,7 @@ TEST_F(EraMonitor, ThreadPollsAtOnceAndStopsDuringItsWait) {
 }
 
 TEST_F(EraMonitor, StartWithoutAManifestKeepsTheKnownEra) {
-  answer(flat(5, "active"));
+  answer_era(flat_era(5, "active"));
   auto mon = monitor(make_manager());
   mon->_last_known_era_id = 4;
   mon->start();

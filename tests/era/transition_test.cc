@@ -16,6 +16,9 @@ namespace {
 
 using testing::EraFixture;
 using testing::Fault;
+using testing::outcome;
+using testing::seed_bytes;
+using testing::vocabulary;
 using Files = std::map<std::string, std::string>;
 using Events = std::vector<std::string>;
 
@@ -33,13 +36,7 @@ class Transition : public EraFixture {
   }
 
   // A data directory synced to era 1, with era 1 active.
-  void sync_era1() {
-    m1_ = publish_era_data(1, era1_files());
-    manager_ = make_manager();
-    manager_->sync();
-    api_.clear_requests();
-    store_.clear_requests();
-  }
+  void sync_era1() { manager_ = synced_manager(1, era1_files()); }
 
   void transition(std::int64_t era, bool with_restart = true) {
     manager_->trigger_era_transition(era, kill_fn(), with_restart ? restart_fn() : nullptr);
@@ -47,15 +44,7 @@ class Transition : public EraFixture {
 
   std::size_t era_requests() const { return api_.request_count("/era/current"); }
 
-  std::size_t log_count(LogLevel level, const std::string& message) const { return log_.count(level, message); }
-  std::size_t log_count_starting(LogLevel level, const std::string& prefix) const {
-    std::size_t n = 0;
-    for (const LogRecord& r : log_.records()) n += r.level == level && r.message.starts_with(prefix);
-    return n;
-  }
-
   std::shared_ptr<SyncManager> manager_;
-  Json m1_;
 };
 
 TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
@@ -63,17 +52,13 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
   // Strays in the six data folders go; everything else stays.
   for (const char* stray : {"features/stray.bin", "universe_masks/m/stray.bin", "features/.dotfile",
                             "found_strategies/x/y.arrow"}) {
-    make_dirs(dir_name(path(stray)));
-    write_file(path(stray), "stray");
+    put_local(stray, "stray");
   }
   const Files kept_extras = {{"features/.cache/kept.bin", "hidden dir"},
                              {".private/features/y.bin", "dot dir"},
                              {"notes.txt", "top-level file"},
                              {"other/x.bin", "other folder"}};
-  for (const auto& [rel, bytes] : kept_extras) {
-    make_dirs(dir_name(path(rel)));
-    write_file(path(rel), bytes);
-  }
+  for (const auto& [rel, bytes] : kept_extras) put_local(rel, bytes);
   const FileStat keep_before = stat_path(path("features/a/keep.bin"));
   const FileStat signal_before = stat_path(path("found_signals/r/g/s/pnl.arrow"));
 
@@ -86,8 +71,7 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
   const Json m2 = publish_era_data(2, era2);
   // A dead run's staging of this era is not trusted; a stale lock file's
   // content is replaced.
-  make_dirs(path(".transition_era2.tmp/features/a"));
-  write_file(path(".transition_era2.tmp/features/a/change.bin.tmp"), "junk");
+  put_local(".transition_era2.tmp/features/a/change.bin.tmp", "junk");
   write_file(path(".transition_lock"), "123456789 from a crashed process");
 
   std::optional<std::string> lock_at_kill;
@@ -147,18 +131,13 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
 
 TEST_F(Transition, AFirstEraDemandsAnActiveEra) {
   const Json m1 = publish_era_data(1, era1_files());
-  make_dirs(path("features/old"));
-  write_file(path("features/old/stray.bin"), "stray");
+  put_local("features/old/stray.bin", "stray");
   manager_ = make_manager();
   ASSERT_FALSE(manager_->get_manifest());
 
   publish_era(1, "closing");
-  try {
-    transition(1, false);
-    FAIL() << "expected EraError";
-  } catch (const EraError& e) {
-    EXPECT_STREQ(e.what(), "Active era confirmation for era_id=1 returned state='closing'");
-  }
+  EXPECT_EQ(outcome([&] { transition(1, false); }),
+            "EraError: Active era confirmation for era_id=1 returned state='closing'");
   EXPECT_FALSE(path_exists(path("manifest.json")));
 
   publish_era(1);
@@ -236,11 +215,11 @@ TEST_F(Transition, TheTrackerOpensWithWhateverIdentityThereIs) {
   auth_->fail = true;
   publish_era_data(++era, {{"features/a/x.bin", "auth fails"}});
   transition(era);
-  EXPECT_EQ(log_count(LogLevel::warning, "Failed to notify auth about era change: token store locked"), 1u);
+  EXPECT_EQ(log_.count(LogLevel::warning, "Failed to notify auth about era change: token store locked"), 1u);
   auth_slot().set(nullptr);
   publish_era_data(++era, {{"features/a/x.bin", "no auth"}});
   transition(era);
-  EXPECT_EQ(log_count(LogLevel::warning, "Failed to notify auth about era change: No module named 'quillmarsh.auth'"),
+  EXPECT_EQ(log_.count(LogLevel::warning, "Failed to notify auth about era change: No module named 'quillmarsh.auth'"),
             1u);
   EXPECT_EQ(manager_->get_manifest()->era_id, era);
 }
@@ -251,12 +230,7 @@ TEST_F(Transition, AFailingTrackerFailsTheRunAfterTheCommit) {
   era2.erase("named_universes/gone.json");
   const Json m2 = publish_era_data(2, era2);
   tracking_->fail_handle = true;
-  try {
-    transition(2);
-    FAIL() << "expected RuntimeError";
-  } catch (const RuntimeError& e) {
-    EXPECT_STREQ(e.what(), "search table busy");
-  }
+  EXPECT_EQ(outcome([&] { transition(2); }), "RuntimeError: search table busy");
   EXPECT_EQ(events_.events(), (Events{"kill", "auth 2", "open identity=owner", "handle 2 prev=1", "close"}));
   EXPECT_EQ(manager_->get_manifest()->era_id, 2);
   EXPECT_EQ(read_file(path("manifest.json")), json_text(m2));
@@ -275,8 +249,8 @@ TEST_F(Transition, AFailingTrackerFailsTheRunAfterTheCommit) {
 
 TEST_F(Transition, ANewerEraWhileStagingRestartsTheRunForIt) {
   sync_era1();
-  make_dirs(path("other"));
-  write_file(path("other/junk.tmp"), "left by someone");
+  const std::string manifest_era1 = read_file(path("manifest.json"));
+  put_local("other/junk.tmp", "left by someone");
   // Sorted: keep (reused), only2 (staged), z; then the vocabulary.
   publish_era_data(2, {{"features/a/keep.bin", "same in both eras"},
                        {"features/b/only2.bin", "era two only"},
@@ -308,7 +282,7 @@ TEST_F(Transition, ANewerEraWhileStagingRestartsTheRunForIt) {
     }
   }
   EXPECT_FALSE(live_at_kill[1].contains("other/junk.tmp"));  // swept before the second run
-  EXPECT_EQ(live_at_kill[1].at("manifest.json"), json_text(m1_));
+  EXPECT_EQ(live_at_kill[1].at("manifest.json"), manifest_era1);
 
   EXPECT_FALSE(path_exists(path("features/b/only2.bin")));
   EXPECT_FALSE(path_exists(path("useful_signals/z.bin")));
@@ -332,23 +306,17 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
   const Files before = live_files();
   const std::shared_ptr<Manifest> manifest_before = manager_->get_manifest();
 
-  const std::string m2_reason_default = "quillmarsh >= 2.0 required for era 2; auto-update failed: Could not "
-                                        "auto-update to latest." + kWheelAdvice;
+  const std::string lib = "LibraryUpdateRequired: ";
+  const std::string era_error = "EraError: ";
   struct Case {
     const char* name;
     std::function<void()> arrange;
-    std::function<bool(const std::exception&)> is_expected_type;
-    std::string message;
+    std::string failure;
     std::string warning = "";  // logged on the way out, when given
   };
-  const auto lib = [](const std::exception& e) { return dynamic_cast<const LibraryUpdateRequired*>(&e) != nullptr; };
-  const auto era_error = [](const std::exception& e) { return dynamic_cast<const EraError*>(&e) != nullptr; };
-  const auto plain_sync_error = [](const std::exception& e) {
-    return dynamic_cast<const SyncError*>(&e) != nullptr && dynamic_cast<const EraError*>(&e) == nullptr;
-  };
   const std::vector<Case> cases = {
-      {"below the minimum, no newer build", [this] { publish_era(2, "active", "999.0"); }, lib,
-       "quillmarsh >= 999.0 required for era 2" + kWheelAdvice},
+      {"below the minimum, no newer build", [this] { publish_era(2, "active", "999.0"); },
+       lib + "quillmarsh >= 999.0 required for era 2" + kWheelAdvice},
       {"update answers failure without a warning",
        [this] {
          use_scripted_deployment();
@@ -356,7 +324,9 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
          deployment_->update_result = UpdateResult{false, std::nullopt};
          publish_era(2, "active", "2.0");
        },
-       lib, m2_reason_default, "Auto-update failed: Could not auto-update to latest."},
+       lib + "quillmarsh >= 2.0 required for era 2; auto-update failed: Could not auto-update to latest." +
+           kWheelAdvice,
+       "Auto-update failed: Could not auto-update to latest."},
       {"update fails outright",
        [this] {
          use_scripted_deployment();
@@ -364,7 +334,7 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
          deployment_->auto_update_throws = [] { throw RuntimeError("pip exploded"); };
          publish_era(2, "active", "2.0");
        },
-       lib, "quillmarsh >= 2.0 required for era 2; auto-update failed: pip exploded" + kWheelAdvice,
+       lib + "quillmarsh >= 2.0 required for era 2; auto-update failed: pip exploded" + kWheelAdvice,
        "Auto-update failed: pip exploded"},
       {"the module's own LibraryUpdateRequired passes untouched",
        [this] {
@@ -373,29 +343,29 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
          deployment_->auto_update_throws = [] { throw LibraryUpdateRequired("restart the kernel"); };
          publish_era(2, "active", "2.0");
        },
-       lib, "restart the kernel"},
-      {"closing on a real advance", [this] { publish_era(2, "closing"); }, era_error,
-       "Active era confirmation for era_id=2 returned state='closing'"},
-      {"another era active", [this] { publish_era(3); }, era_error,
-       "Active era_id=3 does not match requested transition era_id=2"},
-      {"between eras", [this] { publish_wrapped_era(nullptr, Json("between_eras")); }, era_error,
-       "Failed to parse active era response during transition"},
-      {"manifest of another era", [this] { api_.put("/data/manifest", json_text(manifest(3, 1))); }, era_error,
-       "Era transition manifest era_id=3 does not match active era_id=2"},
+       lib + "restart the kernel"},
+      {"closing on a real advance", [this] { publish_era(2, "closing"); },
+       era_error + "Active era confirmation for era_id=2 returned state='closing'"},
+      {"another era active", [this] { publish_era(3); },
+       era_error + "Active era_id=3 does not match requested transition era_id=2"},
+      {"between eras", [this] { answer_era(wrapped_era(nullptr, Json("between_eras"))); },
+       era_error + "Failed to parse active era response during transition"},
+      {"manifest of another era", [this] { api_.put("/data/manifest", json_text(manifest(3, 1))); },
+       era_error + "Era transition manifest era_id=3 does not match active era_id=2"},
       {"manifest with an unusable era",
        [this] {
          Json m = manifest(2, 1);
          m["era_id"] = "two";
          api_.put("/data/manifest", json_text(m));
        },
-       era_error, "Era transition manifest has invalid era_id='two'"},
+       era_error + "Era transition manifest has invalid era_id='two'"},
       {"manifest unavailable", [this] { api_.fault("/data/manifest", Fault{.status = 500, .body = "down"}); },
-       plain_sync_error, "Failed to fetch era 2 manifest: HTTP 500"},
+       "SyncError: Failed to fetch era 2 manifest: HTTP 500"},
       // The gate and the five looks see era 2; the confirmation before the
       // first rename sees era 3.
       {"era moves just before the commit",
        [this] { api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(3)), .skip = 6}); },
-       era_error, "Active era_id=3 does not match requested transition era_id=2"},
+       era_error + "Active era_id=3 does not match requested transition era_id=2"},
       // Fails after change.bin reached staging.
       {"vocabulary of another era",
        [this, &m2] {
@@ -405,7 +375,7 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
          m["files"]["features/u/vocabulary.json"] = Json{{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}};
          api_.put("/data/manifest", json_text(m));
        },
-       era_error, "vocabulary.json era_id=1 does not match manifest era_id=2"},
+       era_error + "vocabulary.json era_id=1 does not match manifest era_id=2"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -419,15 +389,9 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
     events_.clear();
     log_.clear();
     c.arrange();
-    try {
-      transition(2);
-      ADD_FAILURE() << "the run went through";
-    } catch (const std::exception& e) {
-      EXPECT_TRUE(c.is_expected_type(e)) << e.what();
-      EXPECT_EQ(std::string(e.what()), c.message);
-    }
+    EXPECT_EQ(outcome([&] { transition(2); }), c.failure);
     if (!c.warning.empty()) {
-      EXPECT_EQ(log_count(LogLevel::warning, c.warning), 1u);
+      EXPECT_EQ(log_.count(LogLevel::warning, c.warning), 1u);
     }
     EXPECT_EQ(live_files(), before);
     EXPECT_EQ(manager_->get_manifest(), manifest_before);
@@ -439,20 +403,14 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
 
 TEST_F(Transition, AnEraThatMovesRightAfterTheCommitKeepsTheNewDataAndStopsThere) {
   sync_era1();
-  make_dirs(path("features/x"));
-  write_file(path("features/x/stray.bin"), "stray");
+  put_local("features/x/stray.bin", "stray");
   Files era2 = era1_files();
   era2.erase("named_universes/gone.json");
   const Json m2 = publish_era_data(2, era2);
   // The gate, five looks and the confirmation before the renames see era 2;
   // the one after the manifest swap sees era 3.
   api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(3)), .skip = 7});
-  try {
-    transition(2);
-    FAIL() << "expected EraError";
-  } catch (const EraError& e) {
-    EXPECT_STREQ(e.what(), "Active era_id=3 does not match requested transition era_id=2");
-  }
+  EXPECT_EQ(outcome([&] { transition(2); }), "EraError: Active era_id=3 does not match requested transition era_id=2");
   EXPECT_EQ(read_file(path("manifest.json")), json_text(m2));
   EXPECT_EQ(manager_->get_manifest()->era_id, 2);
   EXPECT_EQ(read_file(path("shuffle_seed.enc")), seed_bytes(2));
@@ -472,7 +430,7 @@ TEST_F(Transition, TheLibraryGateLetsTheRunOnWhenItCan) {
   publish_era_data(2, {{"features/a/x.bin", "two"}});
   transition(2);
   EXPECT_EQ(
-      log_count(LogLevel::warning, "Could not check local wheel cache for library update: wheel cache unreachable"),
+      log_.count(LogLevel::warning, "Could not check local wheel cache for library update: wheel cache unreachable"),
       1u);
   EXPECT_TRUE(deployment_->auto_update_calls.empty());
   EXPECT_EQ(manager_->get_manifest()->era_id, 2);
@@ -493,8 +451,8 @@ TEST_F(Transition, TheLibraryGateLetsTheRunOnWhenItCan) {
   publish_era_data(4, {{"features/a/x.bin", "four"}});
   publish_era(4, "active", "two");
   transition(4);
-  EXPECT_EQ(log_count(LogLevel::warning, "Invalid min_library_version from era config: two"), 1u);
-  EXPECT_EQ(log_count(LogLevel::warning, "Auto-update failed: disk full"), 1u);
+  EXPECT_EQ(log_.count(LogLevel::warning, "Invalid min_library_version from era config: two"), 1u);
+  EXPECT_EQ(log_.count(LogLevel::warning, "Auto-update failed: disk full"), 1u);
   EXPECT_EQ(deployment_->auto_update_calls, (std::vector<std::string>{"2.0", "1.0.0"}));
   EXPECT_EQ(manager_->get_manifest()->era_id, 4);
 
@@ -519,12 +477,7 @@ TEST_F(Transition, BytesThatStayWrongHoldTheRunUntilTheEraMoves) {
 
   std::vector<std::pair<double, std::optional<std::string>>> waits;
   replace_sleep([&](double s) { waits.emplace_back(s, manager_->status()); });
-  try {
-    transition(2);
-    FAIL() << "expected EraError";
-  } catch (const EraError& e) {
-    EXPECT_STREQ(e.what(), "Failed to parse active era response during transition");
-  }
+  EXPECT_EQ(outcome([&] { transition(2); }), "EraError: Failed to parse active era response during transition");
 
   std::vector<double> transition_waits;
   for (const auto& [s, status] : waits) {
@@ -593,10 +546,7 @@ TEST_F(Transition, ALockFileThatCannotBeWrittenIsOnlyAWarning) {
 
   transition(2);
 
-  EXPECT_EQ(log_count_starting(LogLevel::warning, "Failed to write transition lock file: "), 1u);
-  EXPECT_EQ(log_count_starting(LogLevel::debug, "best-effort transition_lock cleanup failed for " +
-                                                    path(".transition_lock") + ": "),
-            1u);
+  EXPECT_EQ(logged_starting("Failed to write transition lock file: "), 1u);
   EXPECT_EQ(manager_->get_manifest()->era_id, 2);
   EXPECT_EQ(read_file(path("features/a/x.bin")), "two");
   EXPECT_FALSE(manager_->_in_transition.load());

@@ -17,31 +17,20 @@
 namespace quillmarsh::sync {
 namespace {
 
+using testing::EventLog;
 using testing::Fault;
+using testing::outcome;
 using testing::SyncFixture;
 
 using testing::wait_until;
 
-template <typename F>
-std::string state_error_of(F&& f) {
-  try {
-    f();
-  } catch (const StateError& e) {
-    return e.what();
-  } catch (const std::exception& e) {
-    return std::string("other failure: ") + e.what();
-  }
-  return "no failure";
-}
-
-const char* const kTransitionMessage = "Sync is in era transition mode \xE2\x80\x94 request_for_sync rejected";
+const std::string kInTransition = "StateError: Sync is in era transition mode \xE2\x80\x94 request_for_sync rejected";
 
 class Coordination : public SyncFixture {
  protected:
   // Writes `bytes` at manifest path `rel` and returns a matching entry.
   Json local_file(const std::string& rel, const std::string& bytes, const std::string& kind) {
-    make_dirs(dir_name(path(rel)));
-    write_file(path(rel), bytes);
+    put_local(rel, bytes);
     return {{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}, {"kind", kind}};
   }
   std::string local(const std::string& rel) const { return _manifest_local_path(dir_.path(), rel); }
@@ -62,17 +51,17 @@ class Coordination : public SyncFixture {
 
 TEST_F(Coordination, RequestForSyncIsRefusedOutsideAPollingManager) {
   auto idle = make_manager();
-  EXPECT_EQ(state_error_of([&] { idle->request_for_sync(); }),
-            "Sync thread is not running. Call start() or acquire() first.");
+  EXPECT_EQ(outcome([&] { idle->request_for_sync(); }),
+            "StateError: Sync thread is not running. Call start() or acquire() first.");
   // The transition test comes first.
   write_file(path(".transition_lock"), "4242");
-  EXPECT_EQ(state_error_of([&] { idle->request_for_sync(); }), kTransitionMessage);
+  EXPECT_EQ(outcome([&] { idle->request_for_sync(); }), kInTransition);
 
   auto m = running_manager(manifest(1, 1), manifest(1, 2));
-  EXPECT_EQ(state_error_of([&] { m->request_for_sync(); }), kTransitionMessage);
+  EXPECT_EQ(outcome([&] { m->request_for_sync(); }), kInTransition);
   remove_file(path(".transition_lock"));
   m->_in_transition = true;
-  EXPECT_EQ(state_error_of([&] { m->request_for_sync(); }), kTransitionMessage);
+  EXPECT_EQ(outcome([&] { m->request_for_sync(); }), kInTransition);
   m->_in_transition = false;
   EXPECT_EQ(api_.request_count("/data/manifest"), 0u);
   m->stop();
@@ -167,59 +156,55 @@ TEST_F(Coordination, FoundFilePathsAreNewestFirstAndOnDiskOnly) {
                                       local("found_signals/g/h/i/pnl.arrow"), local("found_signals/a/b/c/pnl.arrow")}));
 }
 
-class EraCallbacks : public SyncFixture {
- protected:
-  SyncManager::EraCallback recorder(const std::string& name) {
-    return std::make_shared<const SyncManager::EraCallbackFn>([this, name](const std::string& event, std::int64_t era) {
-      calls_.push_back(name + ":" + event + ":" + std::to_string(era));
-    });
-  }
-  std::vector<std::string> calls_;
-};
+class EraCallbacks : public SyncFixture {};
 
 TEST_F(EraCallbacks, EachRegistrationIsCalledAndUnregisterRemovesTheFirst) {
   auto m = make_manager();
-  const auto a = recorder("a");
-  const auto b = recorder("b");
+  EventLog calls;
+  const auto a = calls.callback("a");
+  const auto b = calls.callback("b");
   m->register_era_callback(a);
   m->register_era_callback(b);
   m->register_era_callback(a);
   m->_notify_era_callbacks("abort", 7);
-  EXPECT_EQ(calls_, (std::vector<std::string>{"a:abort:7", "b:abort:7", "a:abort:7"}));
+  EXPECT_EQ(calls.events(), (std::vector<std::string>{"a:abort:7", "b:abort:7", "a:abort:7"}));
 
-  calls_.clear();
+  calls.clear();
   m->unregister_era_callback(a);
-  m->unregister_era_callback(recorder("a"));  // a different callable: no entry is its own
+  m->unregister_era_callback(calls.callback("a"));  // a different callable: no entry is its own
   m->_notify_era_callbacks("restart", 8);
-  EXPECT_EQ(calls_, (std::vector<std::string>{"b:restart:8", "a:restart:8"}));
+  EXPECT_EQ(calls.events(), (std::vector<std::string>{"b:restart:8", "a:restart:8"}));
 }
 
 TEST_F(EraCallbacks, AFailingCallbackIsLoggedAndTheRestStillRun) {
   auto m = make_manager();
-  m->register_era_callback(recorder("first"));
+  EventLog calls;
+  m->register_era_callback(calls.callback("first"));
   m->register_era_callback(std::make_shared<const SyncManager::EraCallbackFn>(
       [](const std::string&, std::int64_t) { throw RuntimeError("listener broke"); }));
-  m->register_era_callback(recorder("last"));
+  m->register_era_callback(calls.callback("last"));
   EXPECT_NO_THROW(m->_notify_era_callbacks("kill", 3));
-  EXPECT_EQ(calls_, (std::vector<std::string>{"first:kill:3", "last:kill:3"}));
+  EXPECT_EQ(calls.events(), (std::vector<std::string>{"first:kill:3", "last:kill:3"}));
   EXPECT_EQ(log_.count(LogLevel::warning, "Era callback failed (kill): listener broke"), 1u);
   EXPECT_EQ(log_.count_at(LogLevel::warning), 1u);
 }
 
 TEST_F(EraCallbacks, ACallbackMayChangeTheListForTheNextNotification) {
   auto m = make_manager();
-  const auto late = recorder("late");
+  EventLog calls;
+  const auto late = calls.callback("late");
+  const auto note = calls.callback("self");
   SyncManager::EraCallback self;
   self = std::make_shared<const SyncManager::EraCallbackFn>([&](const std::string& event, std::int64_t era) {
-    calls_.push_back("self:" + event + ":" + std::to_string(era));
+    (*note)(event, era);
     m->unregister_era_callback(self);
     m->register_era_callback(late);
   });
   m->register_era_callback(self);
   m->_notify_era_callbacks("kill", 1);
-  EXPECT_EQ(calls_, std::vector<std::string>{"self:kill:1"});
+  EXPECT_EQ(calls.events(), std::vector<std::string>{"self:kill:1"});
   m->_notify_era_callbacks("restart", 1);
-  EXPECT_EQ(calls_, (std::vector<std::string>{"self:kill:1", "late:restart:1"}));
+  EXPECT_EQ(calls.events(), (std::vector<std::string>{"self:kill:1", "late:restart:1"}));
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,27 +19,6 @@
 #include "tests/support/sync_fixture.h"
 
 namespace quillmarsh::sync::testing {
-
-// What the host modules and the search callbacks were told, in order.
-class EventLog {
- public:
-  void add(std::string event) {
-    std::lock_guard<std::mutex> lock(mu_);
-    events_.push_back(std::move(event));
-  }
-  std::vector<std::string> events() const {
-    std::lock_guard<std::mutex> lock(mu_);
-    return events_;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mu_);
-    events_.clear();
-  }
-
- private:
-  mutable std::mutex mu_;
-  std::vector<std::string> events_;
-};
 
 // A deployment module whose answers a test sets. Versions compare as the
 // default module compares them.
@@ -158,25 +136,24 @@ class EraFixture : public SyncFixture {
 
   void use_scripted_deployment() { deployment_slot().set(deployment_); }
 
+  // What /era/current answers.
+  void answer_era(const Json& body) {
+    api_.put("/era/current", json_text(body), {{"Content-Type", "application/json"}});
+  }
   // /era/current in the flat shape; a missing `state` leaves the key out.
   void publish_era(std::int64_t era_id, std::optional<std::string> state = "active",
                    std::optional<std::string> min_library_version = std::nullopt) {
-    api_.put("/era/current", json_text(flat_era(era_id, state, min_library_version)),
-             {{"Content-Type", "application/json"}});
+    answer_era(flat_era(era_id, state, min_library_version));
   }
-  static Json flat_era(std::int64_t era_id, std::optional<std::string> state = "active",
+  static Json flat_era(Json era_id, std::optional<std::string> state = "active",
                        std::optional<std::string> min_library_version = std::nullopt) {
     Json era = Json::object();
-    era["era_id"] = era_id;
+    era["era_id"] = std::move(era_id);
     if (state) era["state"] = *state;
     if (min_library_version) era["min_library_version"] = *min_library_version;
     return era;
   }
   // /era/current in the wrapped shape: {"era": era, "state": outer_state}.
-  void publish_wrapped_era(Json era, std::optional<Json> outer_state = std::nullopt) {
-    api_.put("/era/current", json_text(wrapped_era(std::move(era), std::move(outer_state))),
-             {{"Content-Type", "application/json"}});
-  }
   static Json wrapped_era(Json era, std::optional<Json> outer_state = std::nullopt) {
     Json data = Json::object();
     data["era"] = std::move(era);
@@ -194,6 +171,17 @@ class EraFixture : public SyncFixture {
     publish(m);
     publish_era(era);
     return m;
+  }
+
+  // A manager whose data directory is synced to era `era` holding `files`,
+  // with that era active; the servers' records start empty.
+  std::shared_ptr<SyncManager> synced_manager(std::int64_t era, const std::map<std::string, std::string>& files) {
+    publish_era_data(era, files);
+    auto manager = make_manager();
+    manager->sync();
+    api_.clear_requests();
+    store_.clear_requests();
+    return manager;
   }
 
   // The callbacks a monitor hands the transition, logging into events_.

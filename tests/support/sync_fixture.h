@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,11 +18,44 @@
 #include "sync/support/posix_file.h"
 #include "sync/support/sleep.h"
 #include "sync/sync_manager.h"
+#include "tests/support/outcome.h"
+#include "tests/support/sample_data.h"
 #include "tests/support/scoped_env.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_server.h"
 
 namespace quillmarsh::sync::testing {
+
+inline std::string vocabulary_path(const std::string& universe) {
+  return "features/" + universe + "/vocabulary.json";
+}
+
+// What callbacks and stand-in modules were told, in order, from any thread.
+class EventLog {
+ public:
+  void add(std::string event) {
+    std::lock_guard<std::mutex> lock(mu_);
+    events_.push_back(std::move(event));
+  }
+  std::vector<std::string> events() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return events_;
+  }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mu_);
+    events_.clear();
+  }
+  // An era callback that adds "name:event:era" ("event:era" without a name).
+  SyncManager::EraCallback callback(const std::string& name = "") {
+    return std::make_shared<const SyncManager::EraCallbackFn>([this, name](const std::string& event, std::int64_t era) {
+      add((name.empty() ? "" : name + ":") + event + ":" + std::to_string(era));
+    });
+  }
+
+ private:
+  mutable std::mutex mu_;
+  std::vector<std::string> events_;
+};
 
 class SyncFixture : public ::testing::Test {
  protected:
@@ -77,34 +111,6 @@ class SyncFixture : public ::testing::Test {
     return entry;
   }
 
- public:
-  // A valid vocabulary of `era` for `universe`; `metadata` gains the
-  // universe's name.
-  static Json vocabulary(std::int64_t era, const std::string& universe, Json metadata = Json::object()) {
-    metadata["named_universe"] = universe;
-    Json v = Json::object();
-    v["era_id"] = era;
-    v["named_universe"] = universe;
-    v["rotations"] = Json::array();
-    v["filtrations"] = Json::array();
-    v["reductions"] = Json::object();
-    v["features"] = Json::array({"f1", "f2"});
-    v["metadata"] = std::move(metadata);
-    return v;
-  }
-  static std::string vocabulary_path(const std::string& universe) {
-    return "features/" + universe + "/vocabulary.json";
-  }
-  // 60 seed bytes that differ from era to era.
-  static std::string seed_bytes(std::int64_t era) {
-    std::string bytes(60, '\0');
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-      bytes[i] = static_cast<char>('A' + (static_cast<std::size_t>(era) * 7 + i) % 26);
-    }
-    return bytes;
-  }
-
- protected:
   // Serves the shuffle seed of `era` at /data/shuffle.
   void publish_seed(std::int64_t era) {
     api_.put("/data/shuffle", seed_bytes(era), {{"X-Era-Id", std::to_string(era)}});
@@ -142,6 +148,20 @@ class SyncFixture : public ::testing::Test {
   }
 
   std::string path(const std::string& relative) const { return dir_ / relative; }
+
+  // Writes `bytes` at `relative` in the data directory, parents made; returns its path.
+  std::string put_local(const std::string& relative, const std::string& bytes) {
+    make_dirs(dir_name(path(relative)));
+    write_file(path(relative), bytes);
+    return path(relative);
+  }
+
+  // Records at `level` whose message starts with `prefix`.
+  std::size_t logged_starting(const std::string& prefix, LogLevel level = LogLevel::warning) const {
+    std::size_t n = 0;
+    for (const LogRecord& r : log_.records()) n += r.level == level && r.message.starts_with(prefix);
+    return n;
+  }
 
   std::vector<double> slept() {
     std::lock_guard<std::mutex> lock(slept_mu_);

@@ -4,8 +4,6 @@
 
 #include <thread>
 
-#include "sync/support/sleep.h"
-
 namespace quillmarsh::sync {
 namespace {
 
@@ -20,15 +18,6 @@ TEST(Event, WaitEndsWhenAnotherThreadSetsIt) {
   event.clear();
   EXPECT_FALSE(event.is_set());
   EXPECT_FALSE(event.wait(0.0));
-}
-
-TEST(SyncSleep, GoesThroughTheReplacementAndBack) {
-  std::vector<double> slept;
-  SleepFunction previous = replace_sleep([&](double s) { slept.push_back(s); });
-  sync_sleep(30.0);  // would hang the test if it were real
-  sync_sleep(0.25);
-  replace_sleep(previous);
-  EXPECT_EQ(slept, (std::vector<double>{30.0, 0.25}));
 }
 
 }  // namespace

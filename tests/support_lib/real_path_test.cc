@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "sync/errors.h"
+#include "tests/support/scoped_env.h"
 
 namespace quillmarsh::sync {
 namespace {
@@ -105,26 +106,18 @@ TEST_F(RealPathTest, ExpandUserUsesHomeThenPasswordEntry) {
   std::string pw_home = me->pw_dir;
   while (!pw_home.empty() && pw_home.back() == '/') pw_home.pop_back();
   const std::string pw_name = me->pw_name;
-  const char* saved = std::getenv("HOME");
-  std::optional<std::string> saved_home;
-  if (saved) saved_home = saved;
+  testing::ScopedEnv env;
 
-  setenv("HOME", (root_ + "/home/").c_str(), 1);
+  env.set("HOME", root_ + "/home/");
   EXPECT_EQ(expand_user("~"), root_ + "/home");
   EXPECT_EQ(expand_user("~/data/x"), root_ + "/home/data/x");
   EXPECT_EQ(expand_user("a/~/b"), "a/~/b");
   EXPECT_EQ(expand_user("~" + pw_name + "/x"), pw_home + "/x");
   EXPECT_EQ(expand_user("~qm-no-such-user-42/x"), "~qm-no-such-user-42/x");
-  setenv("HOME", "/", 1);
+  env.set("HOME", "/");
   EXPECT_EQ(expand_user("~"), "/");
-  unsetenv("HOME");
+  env.unset("HOME");
   EXPECT_EQ(expand_user("~/x"), pw_home + "/x");
-
-  if (saved_home) {
-    setenv("HOME", saved_home->c_str(), 1);
-  } else {
-    unsetenv("HOME");
-  }
 }
 
 }  // namespace
