@@ -1,6 +1,7 @@
 #include "tests/crash/disk_state.h"
 
 #include <filesystem>
+#include <set>
 
 #include "sync/engine/file_primitives.h"
 #include "sync/errors.h"

@@ -10,7 +10,7 @@
 //
 // Prints every violation, then the trials, the kill points reached and the
 // count of violations; exits 1 when there is any.
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <random>
