@@ -21,6 +21,7 @@
 #include "sync/support/background_thread.h"
 #include "sync/support/event.h"
 #include "sync/support/owner_lock.h"
+#include "sync/support/shared_slot.h"
 
 namespace quillmarsh::sync {
 
@@ -104,10 +105,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   const std::string _data_dir;
   const std::string _server_url;
   const double _poll_interval;
-  std::atomic<std::shared_ptr<Manifest>> _manifest;
+  SharedSlot<Manifest> _manifest;
   std::atomic<bool> _running{false};
   std::atomic<bool> _consumer_lifecycle_started{false};
-  std::atomic<std::shared_ptr<BackgroundThread>> _sync_thread;
+  SharedSlot<BackgroundThread> _sync_thread;
   Event _stop_event;
   std::mutex _sync_lock;
   std::mutex _consumer_lock;
@@ -124,16 +125,16 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::mutex _repair_lock;
   std::shared_ptr<Event> _coalescing_event;
   std::mutex _coalescing_lock;
-  std::atomic<std::shared_ptr<const std::string>> _status_message;
+  SharedSlot<const std::string> _status_message;
   std::vector<EraCallback> _era_callbacks;
   std::mutex _era_callbacks_lock;
   const std::string _flock_path;
   std::optional<int> _flock_fd;
   OwnerLock _flock_lock;
-  std::atomic<std::shared_ptr<const Vocabularies>> _vocabulary;
+  SharedSlot<const Vocabularies> _vocabulary;
   std::mutex _cleanup_lock;
   std::shared_ptr<BackgroundThread> _cleanup_thread;
-  std::atomic<std::shared_ptr<EraThread>> _era_thread;
+  SharedSlot<EraThread> _era_thread;
 
   // --- Transport ----------------------------------------------------------
 
@@ -305,7 +306,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void set_progress_observer(ProgressObserver observer) {
     _progress_observer.store(observer ? std::make_shared<const ProgressObserver>(std::move(observer)) : nullptr);
   }
-  std::atomic<std::shared_ptr<const ProgressObserver>> _progress_observer;
+  SharedSlot<const ProgressObserver> _progress_observer;
 
  private:
   struct PassKey {};
