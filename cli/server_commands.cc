@@ -65,6 +65,7 @@ struct ServeArgs {
   std::string root;
   int api_port = 0;
   int files_port = 0;
+  std::int64_t rate_limit_kib = 0;
 };
 
 int run_serve(const GlobalOptions& g, const ServeArgs& a) {
@@ -81,7 +82,7 @@ int run_serve(const GlobalOptions& g, const ServeArgs& a) {
   signal(SIGPIPE, SIG_IGN);
 
   auto server = std::make_unique<server::ReferenceServer>(
-      server::ServeRequest{a.root, a.api_port, a.files_port, token_source(g)});
+      server::ServeRequest{a.root, a.api_port, a.files_port, token_source(g), a.rate_limit_kib * 1024});
   if (g.json) {
     Json j = Json::object();
     j["api_url"] = server->api_url();
@@ -128,6 +129,10 @@ void add_server_commands(CLI::App& app, const GlobalOptions& g, std::vector<Comm
   serve->add_option("--files-port", serve_args->files_port, "the object store's port (default: any free one)")
       ->check(CLI::Range(0, 65535))
       ->option_text("Q");
+  serve->add_option("--rate-limit", serve_args->rate_limit_kib,
+                    "send each object at most this many KiB/s, to try a slow link (default: no limit)")
+      ->check(CLI::Range(std::int64_t{1}, std::int64_t{1} << 40))
+      ->option_text("KIB");
   commands.push_back({serve, [&g, serve_args] { return run_serve(g, *serve_args); }});
 }
 

@@ -1,9 +1,11 @@
 // The object store site: published files by era, whole or by one byte range.
 #include <algorithm>
+#include <chrono>
 #include <charconv>
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <thread>
 
 #include "server/routes.h"
 #include "sync/errors.h"
@@ -74,7 +76,8 @@ std::optional<std::string> local_file(const ServerRoot& root, std::string_view e
   }
 }
 
-void serve_file(const ServerRoot& root, const httplib::Request& req, httplib::Response& res) {
+void serve_file(const ServerRoot& root, std::int64_t bytes_per_second, const httplib::Request& req,
+                httplib::Response& res) {
   // Ranges are answered here; left set, httplib would slice the body again.
   const_cast<httplib::Request&>(req).ranges.clear();
   const std::optional<std::string> local = local_file(root, req.matches[1].str(), req.matches[2].str());
@@ -106,12 +109,19 @@ void serve_file(const ServerRoot& root, const httplib::Request& req, httplib::Re
   }
   res.set_content_provider(
       static_cast<std::size_t>(span.length), "application/octet-stream",
-      [path = *local, span](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+      [path = *local, span, bytes_per_second](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+        std::size_t piece = std::min(length, kChunk);
+        // Paced in pieces of about 50 ms, so that a slow response still
+        // trickles rather than arriving in bursts.
+        if (bytes_per_second > 0) piece = std::min(piece, static_cast<std::size_t>(std::max<std::int64_t>(bytes_per_second / 20, 1024)));
         std::string bytes;
         try {
-          bytes = read_file_range(path, span.begin + static_cast<std::int64_t>(offset), std::min(length, kChunk));
+          bytes = read_file_range(path, span.begin + static_cast<std::int64_t>(offset), piece);
         } catch (const Error&) {
           return false;
+        }
+        if (bytes_per_second > 0) {
+          std::this_thread::sleep_for(std::chrono::microseconds(static_cast<std::int64_t>(bytes.size()) * 1000000 / bytes_per_second));
         }
         // A file cut short meanwhile ends the response early.
         return !bytes.empty() && sink.write(bytes.data(), bytes.size());
@@ -120,9 +130,10 @@ void serve_file(const ServerRoot& root, const httplib::Request& req, httplib::Re
 
 }  // namespace
 
-void add_object_store_routes(httplib::Server& server, const ServerRoot& root) {
-  server.Get(R"(/era_(\d+)/(.+))",
-             [root](const httplib::Request& req, httplib::Response& res) { serve_file(root, req, res); });
+void add_object_store_routes(httplib::Server& server, const ServerRoot& root, std::int64_t bytes_per_second) {
+  server.Get(R"(/era_(\d+)/(.+))", [root, bytes_per_second](const httplib::Request& req, httplib::Response& res) {
+    serve_file(root, bytes_per_second, req, res);
+  });
 }
 
 }  // namespace quillmarsh::sync::server

@@ -89,7 +89,7 @@ ReferenceServer::ReferenceServer(ServeRequest request) {
   tls_ = ensure_tls_files(root_.tls_dir());
   files_ = std::make_unique<Site>(tls_, request.files_port);
   api_ = std::make_unique<Site>(tls_, request.api_port);
-  add_object_store_routes(files_->http(), root_);
+  add_object_store_routes(files_->http(), root_, request.files_bytes_per_second);
   add_api_routes(api_->http(), root_, std::move(request.token), files_->url());
   files_->start();
   api_->start();

@@ -4,6 +4,7 @@
 #ifndef QUILLMARSH_SYNC_SERVER_REFERENCE_SERVER_H_
 #define QUILLMARSH_SYNC_SERVER_REFERENCE_SERVER_H_
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -17,6 +18,7 @@ struct ServeRequest {
   int api_port = 0;    // 0: any free port
   int files_port = 0;  // 0: any free port
   ExpectedToken token;
+  std::int64_t files_bytes_per_second = 0;  // 0: the object store sends as fast as it can
 };
 
 class ReferenceServer {

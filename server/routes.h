@@ -5,6 +5,7 @@
 
 #include <httplib.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -23,7 +24,10 @@ void add_api_routes(httplib::Server& server, const ServerRoot& root, ExpectedTok
 
 // GET and HEAD of /era_N/{path} from the root's files of era N, any era,
 // with single byte ranges.
-void add_object_store_routes(httplib::Server& server, const ServerRoot& root);
+// GET /era_N/{path}, whole or one byte range. A positive
+// `bytes_per_second` paces each response to that rate, to stand in for a
+// slow link.
+void add_object_store_routes(httplib::Server& server, const ServerRoot& root, std::int64_t bytes_per_second = 0);
 
 }  // namespace quillmarsh::sync::server
 
