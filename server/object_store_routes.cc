@@ -1,12 +1,12 @@
 // The object store site: published files by era, whole or by one byte range.
 #include <algorithm>
 #include <chrono>
-#include <charconv>
 #include <memory>
 #include <optional>
 #include <string_view>
 #include <thread>
 
+#include "server/byte_range.h"
 #include "server/routes.h"
 #include "sync/errors.h"
 #include "sync/paths/manifest_paths.h"
@@ -17,51 +17,6 @@ namespace quillmarsh::sync::server {
 namespace {
 
 constexpr std::size_t kChunk = 256 * 1024;
-
-struct Span {
-  std::int64_t begin = 0;
-  std::int64_t length = 0;
-};
-
-std::optional<std::int64_t> parse_offset(std::string_view s) {
-  std::int64_t v = 0;
-  const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
-  if (s.empty() || ec != std::errc() || end != s.data() + s.size() || v < 0) return std::nullopt;
-  return v;
-}
-
-enum class RangeKind { whole, span, unsatisfiable };
-
-// One range of "bytes=a-b", "bytes=a-" or "bytes=-k"; anything else (several
-// ranges, other units) gets the whole file, as HTTP allows.
-RangeKind parse_range(std::string_view header, std::int64_t size, Span& span) {
-  constexpr std::string_view kUnit = "bytes=";
-  if (!header.starts_with(kUnit)) return RangeKind::whole;
-  const std::string_view range = header.substr(kUnit.size());
-  const std::size_t dash = range.find('-');
-  if (dash == std::string_view::npos || range.find(',') != std::string_view::npos) return RangeKind::whole;
-  const std::string_view first = range.substr(0, dash);
-  const std::string_view last = range.substr(dash + 1);
-  if (first.empty()) {
-    const auto k = parse_offset(last);
-    if (!k) return RangeKind::whole;
-    if (*k == 0 || size == 0) return RangeKind::unsatisfiable;
-    span.length = std::min(*k, size);
-    span.begin = size - span.length;
-    return RangeKind::span;
-  }
-  const auto a = parse_offset(first);
-  if (!a) return RangeKind::whole;
-  if (*a >= size) return RangeKind::unsatisfiable;
-  std::int64_t b = size - 1;
-  if (!last.empty()) {
-    const auto parsed = parse_offset(last);
-    if (!parsed || *parsed < *a) return RangeKind::whole;
-    b = std::min(*parsed, size - 1);
-  }
-  span = {*a, b - *a + 1};
-  return RangeKind::span;
-}
 
 // The local file for /era_N/{path}, or absent when there is none. The path
 // passes the client's own gate, so nothing outside the era's files is served.
@@ -88,19 +43,19 @@ void serve_file(const ServerRoot& root, std::int64_t bytes_per_second, const htt
   }
   const std::int64_t size = stat_path(*local).size;
   res.set_header("Accept-Ranges", "bytes");
-  Span span{0, size};
-  switch (parse_range(req.get_header_value("Range"), size, span)) {
+  ByteRange span = parse_range(req.get_header_value("Range"), size);
+  switch (span.kind) {
     case RangeKind::unsatisfiable:
       res.status = 416;
-      res.set_header("Content-Range", "bytes */" + std::to_string(size));
+      res.set_header("Content-Range", content_range(span, size));
       return;
     case RangeKind::span:
       res.status = 206;
-      res.set_header("Content-Range", "bytes " + std::to_string(span.begin) + "-" +
-                                          std::to_string(span.begin + span.length - 1) + "/" + std::to_string(size));
+      res.set_header("Content-Range", content_range(span, size));
       break;
     case RangeKind::whole:
       res.status = 200;
+      span.length = size;
       break;
   }
   if (span.length == 0) {

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -22,6 +21,8 @@
 #include <string_view>
 #include <thread>
 #include <utility>
+
+#include "server/byte_range.h"
 
 #ifndef QMSYNC_TEST_CERT_DIR
 #error "QMSYNC_TEST_CERT_DIR must name the directory holding ca.pem"
@@ -140,56 +141,12 @@ struct Span {
   std::size_t length = 0;
 };
 
-enum class RangeKind { none, span, unsatisfiable };
-
-struct RangeAnswer {
-  RangeKind kind = RangeKind::none;
-  Span span;
-};
-
-std::optional<std::size_t> parse_size(std::string_view s) {
-  std::size_t v = 0;
-  auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
-  if (s.empty() || ec != std::errc() || end != s.data() + s.size()) {
-    return std::nullopt;
-  }
-  return v;
-}
-
-// Single ranges only; anything else is ignored and the whole body served.
-RangeAnswer answer_range(std::string_view header, std::size_t n) {
-  constexpr std::string_view kUnit = "bytes=";
-  if (header.substr(0, kUnit.size()) != kUnit) return {};
-  std::string_view range = header.substr(kUnit.size());
-  std::size_t dash = range.find('-');
-  if (dash == std::string_view::npos || range.find(',') != range.npos)
-    return {};
-  std::string_view first = range.substr(0, dash);
-  std::string_view last = range.substr(dash + 1);
-
-  if (first.empty()) {  // suffix: the last k bytes
-    auto k = parse_size(last);
-    if (!k) return {};
-    if (*k == 0 || n == 0) return {RangeKind::unsatisfiable, {}};
-    std::size_t len = std::min(*k, n);
-    return {RangeKind::span, {n - len, len}};
-  }
-  auto a = parse_size(first);
-  if (!a) return {};
-  if (*a >= n) return {RangeKind::unsatisfiable, {}};
-  std::size_t b = n - 1;
-  if (!last.empty()) {
-    auto parsed = parse_size(last);
-    if (!parsed || *parsed < *a) return {};
-    b = std::min(*parsed, n - 1);
-  }
-  return {RangeKind::span, {*a, b - *a + 1}};
-}
-
 std::string content_range(Span s, std::size_t n) {
-  if (s.length == 0) return "bytes */" + std::to_string(n);
-  return "bytes " + std::to_string(s.begin) + "-" +
-         std::to_string(s.begin + s.length - 1) + "/" + std::to_string(n);
+  const auto size = static_cast<std::int64_t>(n);
+  if (s.length == 0) return server::content_range({}, size);
+  return server::content_range({server::RangeKind::span, static_cast<std::int64_t>(s.begin),
+                                static_cast<std::int64_t>(s.length)},
+                               size);
 }
 
 }  // namespace
@@ -379,21 +336,23 @@ void TestServer::Impl::handle(const httplib::Request& req,
 
   const std::size_t n = bytes->size();
   headers.emplace("Accept-Ranges", "bytes");
-  RangeAnswer range;
-  if (rec.range && !f.ignore_range) range = answer_range(*rec.range, n);
+  server::ByteRange range;
+  if (rec.range && !f.ignore_range) range = server::parse_range(*rec.range, static_cast<std::int64_t>(n));
 
-  if (range.kind == RangeKind::unsatisfiable) {
+  if (range.kind == server::RangeKind::unsatisfiable) {
     headers["Content-Range"] = content_range({}, n);
     send(res, 416, nullptr, {}, std::move(headers), f);
     return;
   }
-  Span span = range.kind == RangeKind::span ? range.span : Span{0, n};
+  Span span = range.kind == server::RangeKind::span
+                  ? Span{static_cast<std::size_t>(range.begin), static_cast<std::size_t>(range.length)}
+                  : Span{0, n};
   if (f.empty_206) {
     headers["Content-Range"] = content_range(span, n);
     send(res, 206, nullptr, {}, std::move(headers), f);
     return;
   }
-  if (range.kind == RangeKind::none) {
+  if (range.kind == server::RangeKind::whole) {
     send(res, 200, bytes, span, std::move(headers), f);
     return;
   }
