@@ -189,7 +189,9 @@ void check_against_kernel(const std::string& rel, const std::optional<std::strin
   FUZZ_CHECK(inside ? local == expected : !local, "the gate disagrees with the kernel's resolution");
 }
 
-std::optional<std::string> safe_path(const Json& input) {
+// The gate's answer, absent where it refuses; Input is Json or string_view.
+template <typename Input>
+std::optional<std::string> safe_path(const Input& input) {
   try {
     return _safe_manifest_relative_path(input);
   } catch (const ManifestError&) {
@@ -197,23 +199,8 @@ std::optional<std::string> safe_path(const Json& input) {
   }
 }
 
-std::optional<std::string> local_path(const std::string& data_dir, const Json& input) {
-  try {
-    return _manifest_local_path(data_dir, input);
-  } catch (const ManifestError&) {
-    return std::nullopt;
-  }
-}
-
-std::optional<std::string> safe_path(std::string_view input) {
-  try {
-    return _safe_manifest_relative_path(input);
-  } catch (const ManifestError&) {
-    return std::nullopt;
-  }
-}
-
-std::optional<std::string> local_path(const std::string& data_dir, std::string_view input) {
+template <typename Input>
+std::optional<std::string> local_path(const std::string& data_dir, const Input& input) {
   try {
     return _manifest_local_path(data_dir, input);
   } catch (const ManifestError&) {
