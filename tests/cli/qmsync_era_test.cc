@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sync/support/posix_file.h"
@@ -119,14 +120,20 @@ TEST_F(QmsyncEraTest, WatchFollowsANewVersionAndThenAnEraChangeAndStopsCleanlyOn
   std::vector<std::string> argv = client({"watch", "--poll-interval", "1", "--json"});
   argv.insert(argv.begin(), QMSYNC_BINARY);
   BackgroundProcess watch(argv, tmp_ / "watch.err");
-  // Waits for an event line of `kind` whose message holds `text`.
-  const auto wait_for = [&](const std::string& kind, const std::string& text) {
-    while (const std::optional<std::string> line = watch.read_line_for(20.0)) {
+  // Waits until event lines of each (kind, text in its message) have come,
+  // in any order: the era monitor's lines and the main loop's race.
+  const auto wait_for_all = [&](std::vector<std::pair<std::string, std::string>> wanted) {
+    while (!wanted.empty()) {
+      const std::optional<std::string> line = watch.read_line_for(20.0);
+      if (!line) return false;
       const Json event = parse_json_text(*line);
-      if (event["event"] == kind && event["message"].get<std::string>().find(text) != std::string::npos) return true;
+      std::erase_if(wanted, [&](const auto& w) {
+        return event["event"] == w.first && event["message"].get<std::string>().find(w.second) != std::string::npos;
+      });
     }
-    return false;
+    return true;
   };
+  const auto wait_for = [&](const std::string& kind, const std::string& text) { return wait_for_all({{kind, text}}); };
   ASSERT_TRUE(wait_for("start", "era 1, version 1")) << read_file(tmp_ / "watch.err");
 
   source_files_["docs/added.txt"] = "A file of version 2.\n";
@@ -137,8 +144,8 @@ TEST_F(QmsyncEraTest, WatchFollowsANewVersionAndThenAnEraChangeAndStopsCleanlyOn
 
   publish_era_2();
   set_era_state(R"({"era_id": 2, "state": "active"})");
-  ASSERT_TRUE(wait_for("era_changed", "from era 1 to era 2")) << read_file(tmp_ / "watch.err");
-  ASSERT_TRUE(wait_for("manifest", "era 2, version 1")) << read_file(tmp_ / "watch.err");
+  ASSERT_TRUE(wait_for_all({{"era_changed", "from era 1 to era 2"}, {"manifest", "era 2, version 1"}}))
+      << read_file(tmp_ / "watch.err");
   expect_mirrors_source();
   EXPECT_FALSE(path_exists(data_dir() + "/features/futures/rolls.bin"));
 
