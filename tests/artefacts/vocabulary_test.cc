@@ -26,17 +26,12 @@ TEST(NamedUniverse, CleansOrRefuses) {
   };
   const std::string unsafe = "SyncError: named_universe must be a single safe path segment: ";
   const Case cases[] = {
-      {"equities", "equities"},
-      {"  equities\t", "equities"},
-      {"...a", "...a"},
       {"...", "..."},
       {std::nullopt, "SyncError: named_universe is required"},
-      {"", "SyncError: named_universe is required"},
       {" \n ", "SyncError: named_universe is required"},
       {"..", unsafe + "'..'"},
       {" . ", unsafe + "' . '"},  // the input as received, not the stripped name
       {"a/b", unsafe + "'a/b'"},
-      {"a\\b", unsafe + "'a\\\\b'"},
       {std::string("a\0b", 3), unsafe + "'a\\x00b'"},
   };
   for (const Case& c : cases) {
@@ -47,18 +42,14 @@ TEST(NamedUniverse, CleansOrRefuses) {
   }
 }
 
-TEST(VocabularyPath, GivesTheUniverseOfExactlyThreeSegments) {
+TEST(VocabularyPath, GivesTheUniverseOfExactlyThreeSegmentsAndAManifestsPathsSorted) {
   const std::pair<const char*, std::optional<std::string>> cases[] = {
-      {"features/x/vocabulary.json", "x"},
       {"features\\x\\vocabulary.json", "x"},
-      {"./features/x/vocabulary.json", "x"},
       {"features/x/vocabulary.json/", "x"},
       {"features/ x /vocabulary.json", "x"},
       {"/features/x/vocabulary.json", std::nullopt},
       {"features/a/b/vocabulary.json", std::nullopt},
-      {"features/vocabulary.json", std::nullopt},
       {"Features/x/vocabulary.json", std::nullopt},
-      {"features/x/Vocabulary.json", std::nullopt},
       {"features/../x/vocabulary.json", std::nullopt},
       {"other/x/vocabulary.json", std::nullopt},
   };
@@ -68,9 +59,8 @@ TEST(VocabularyPath, GivesTheUniverseOfExactlyThreeSegments) {
   // A blank segment passes the path gate and fails as a name.
   EXPECT_EQ(outcome([] { _vocabulary_named_universe_from_path("features/  /vocabulary.json"); }),
             "SyncError: named_universe is required");
-}
 
-TEST(VocabularyPath, ManifestPathsAreSortedAndSpelledAsListed) {
+  // A manifest's vocabulary paths come sorted and spelled as listed.
   Json files = Json::object();
   for (const char* p : {"features/zeta/vocabulary.json", "features/a.arrow", "features/alpha/vocabulary.json",
                         "./features/beta/vocabulary.json", "features/x/y/vocabulary.json"}) {
@@ -116,22 +106,10 @@ TEST(VocabularyData, RefusesInTheOrderOfItsTests) {
        "EraError: vocabulary.json era_id=7 does not match manifest era_id=7"},
       {"era null", vocabulary_with([](Json& v) { v["era_id"] = nullptr; }), x,
        "EraError: vocabulary.json era_id=None does not match manifest era_id=7"},
-      {"metadata null", vocabulary_with([](Json& v) { v["metadata"] = nullptr; }), x,
-       "SyncError: vocabulary.json metadata must be an object"},
-      {"unsafe argument", vocabulary_with([](Json&) {}), "../x",
-       "SyncError: named_universe must be a single safe path segment: '../x'"},
       {"other universe", vocabulary_with([](Json& v) { v["named_universe"] = "y"; }), x,
        "SyncError: vocabulary.json named_universe does not match manifest path 'x'"},
       {"own name with blanks, no argument", vocabulary_with([](Json& v) { v["named_universe"] = " x "; }),
        std::nullopt, "SyncError: vocabulary.json named_universe does not match manifest path 'x'"},
-      {"own name null, no argument", vocabulary_with([](Json& v) { v["named_universe"] = nullptr; }),
-       std::nullopt, "SyncError: named_universe is required"},
-      {"metadata without a name", vocabulary_with([](Json& v) { v["metadata"].erase("named_universe"); }), x,
-       "SyncError: vocabulary.json metadata.named_universe does not match manifest path 'x'"},
-      {"metadata of another universe", vocabulary_with([](Json& v) { v["metadata"]["named_universe"] = "y"; }),
-       x, "SyncError: vocabulary.json metadata.named_universe does not match manifest path 'x'"},
-      {"valid", vocabulary_with([](Json&) {}), x, "ok"},
-      {"valid by its own name", vocabulary_with([](Json&) {}), std::nullopt, "ok"},
       {"era as a float", vocabulary_with([](Json& v) { v["era_id"] = 7.0; }), x, "ok"},
       {"argument with blanks", vocabulary_with([](Json&) {}), "  x ", "ok"},
   };
@@ -141,19 +119,10 @@ TEST(VocabularyData, RefusesInTheOrderOfItsTests) {
   }
 }
 
-TEST(VocabularyBytes, UndecodableBytesAreBadJsonAndValidatorFailuresAreNotWrapped) {
-  for (const std::string& bytes : {std::string(), std::string("{\"era_id\": 7,"), std::string("\"\xff\"")}) {
-    const auto [failure, cause] = outcome_and_cause([&] { _validate_vocabulary_bytes(bytes, 7, "x"); });
-    EXPECT_TRUE(failure.starts_with("SyncError: vocabulary.json is not valid JSON: ")) << failure;
-    EXPECT_NE(cause, "") << "the decoding failure is kept as the cause";
-  }
-  EXPECT_EQ(outcome([] { _validate_vocabulary_bytes(json_text(vocabulary(6, "x")), 7, "x"); }),
-            "EraError: vocabulary.json era_id=6 does not match manifest era_id=7");
-  EXPECT_EQ(_validate_vocabulary_bytes(json_text(vocabulary(7, "x")), 7, "x"),
-            vocabulary(7, "x"));
-}
-
-TEST(VocabularyFile, MissingAndUnreadableFilesAreTold) {
+// That undecodable bytes are refused, that EraError is kept for a complete
+// object of another era and that what is accepted is the parsed object, of
+// the era and universe asked for, are the vocabulary fuzz target's properties.
+TEST(VocabularyFile, MissingUnreadableAndUndecodableFilesAreTold) {
   TempDir dir;
   EXPECT_EQ(outcome([&] { _validate_vocabulary_file(dir / "absent.json", 7, "x"); }),
             "SyncError: vocabulary.json is missing");
@@ -161,6 +130,10 @@ TEST(VocabularyFile, MissingAndUnreadableFilesAreTold) {
   const auto [failure, cause] = outcome_and_cause([&] { _validate_vocabulary_file(dir / "a_directory", 7, "x"); });
   EXPECT_TRUE(failure.starts_with("SyncError: vocabulary.json is not readable: ")) << failure;
   EXPECT_TRUE(cause.starts_with("OSError: ")) << cause;
+  write_file(dir / "v.json", "\"\xff\"");
+  const auto [bad, decoding] = outcome_and_cause([&] { _validate_vocabulary_file(dir / "v.json", 7, "x"); });
+  EXPECT_TRUE(bad.starts_with("SyncError: vocabulary.json is not valid JSON: ")) << bad;
+  EXPECT_NE(decoding, "") << "the decoding failure is kept as the cause";
   write_file(dir / "v.json", json_text(vocabulary(7, "x")));
   EXPECT_EQ(_validate_vocabulary_file(dir / "v.json", 7, "x")["named_universe"], "x");
 }
@@ -181,21 +154,15 @@ class ManifestVocabularies : public ::testing::Test {
   TempDir dir_;
 };
 
-TEST_F(ManifestVocabularies, TwoUniversesComeBackInSortedOrder) {
+TEST_F(ManifestVocabularies, UniversesComeInSortedOrderAndTheFirstBadFileIsReported) {
   put("beta", vocabulary(7, "beta", Json{{"n_instruments", 2}}));
   put("alpha", vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
-  const Json vocabularies = _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta", "alpha"}));
-  ASSERT_EQ(vocabularies.size(), 2u);
+  const Json vocabularies = _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta", "alpha"}, "7"));
+  ASSERT_EQ(vocabularies.size(), 2u);  // an era held as text converts
   EXPECT_EQ(vocabularies.begin().key(), "alpha");
   EXPECT_EQ(vocabularies["alpha"], vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
-  EXPECT_EQ(vocabularies["beta"]["metadata"]["n_instruments"], 2);
-  // The first in sorted order stands for all.
-  EXPECT_EQ(_first_vocabulary_metadata(vocabularies)["n_instruments"], 1);
-  // An era held as text converts.
-  EXPECT_EQ(_validate_manifest_vocabulary_files(dir_.path(), manifest_of({"alpha"}, "7")).size(), 1u);
-}
+  EXPECT_EQ(_first_vocabulary_metadata(vocabularies)["n_instruments"], 1);  // the first stands for all
 
-TEST_F(ManifestVocabularies, TheFirstBadFileInSortedOrderIsReported) {
   put("beta", vocabulary(6, "beta"));
   put("alpha", vocabulary(7, "gamma"));
   EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta", "alpha"})); }),

@@ -88,14 +88,9 @@ TEST_F(HashCache, PersistsSortedOneLineTextThatARestartedManagerTrusts) {
   first->_persist_hash_cache();
   EXPECT_FALSE(first->_hash_cache_dirty);
 
-  auto field_text = [](const std::string& p, const std::string& bytes) {
-    const FileStat st = stat_path(p);
-    return "{\"ctime_ns\": " + std::to_string(st.ctime_ns) + ", \"inode\": " + std::to_string(st.inode) +
-           ", \"mtime_ns\": " + std::to_string(st.mtime_ns) + ", \"sha256\": \"" + _sha256(bytes) +
-           "\", \"size_bytes\": " + std::to_string(bytes.size()) + "}";
-  };
-  EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"a/\\u00e9.bin\": " + field_text(a, "aa") +
-                                         ", \"b/second.bin\": " + field_text(b, "bbbb") + "}, \"version\": 1}");
+  EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"a/\\u00e9.bin\": " + json_text(cache_entry(a, _sha256("aa"))) +
+                                         ", \"b/second.bin\": " + json_text(cache_entry(b, _sha256("bbbb"))) +
+                                         "}, \"version\": 1}");
 
   // A new manager on the same directory checks both files without reading either.
   auto second = make_manager();
@@ -112,41 +107,32 @@ TEST_F(HashCache, PersistsSortedOneLineTextThatARestartedManagerTrusts) {
   EXPECT_EQ(watch.opens(), 1);
 }
 
-TEST_F(HashCache, AHitIsTrustedWithoutReadingAndEveryStatFieldMustMatch) {
+TEST_F(HashCache, AHitNeedsEveryStatFieldToMatch) {
   const std::string p = put_local("f.bin", "real");
   const std::string claimed = _sha256("fake");  // same size, other bytes
   const Json good = cache_entry(p, claimed);
-  // Planted through the file, so the load is exercised too.
+  // Planted through the file; a hit is trusted, the bytes are not read.
   write_file(cache_file(), json_text(Json{{"version", 1}, {"files", {{"f.bin", good}}}}));
   auto m = make_manager();
-  OpenWatch watch({p});
-  EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, entry_of("fake")));
-  EXPECT_EQ(watch.opens(), 0);
-  EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("fake"), false));
-  EXPECT_EQ(watch.opens(), 1);
+  EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), claimed);
 
   auto hits_with = [&](const Json& entry) {
     std::lock_guard<std::mutex> lock(m->_hash_cache_lock);
     m->_hash_cache["f.bin"] = std::make_shared<const Json>(entry);
   };
+  // Each stat field moved, left out (null here) or unparsable misses; as text it still counts.
   for (const char* field : {"size_bytes", "mtime_ns", "ctime_ns", "inode"}) {
-    SCOPED_TRACE(field);
-    Json moved = good;
-    moved[field] = moved[field].get<std::int64_t>() + 1;
-    hits_with(moved);
-    EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), std::nullopt);
-    Json lacking = good;
-    lacking.erase(field);
-    hits_with(lacking);
-    EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), std::nullopt);
-    Json unparsable = good;
-    unparsable[field] = "many";
-    hits_with(unparsable);
-    EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), std::nullopt);
-    Json as_text = good;
-    as_text[field] = std::to_string(good[field].get<std::int64_t>());
-    hits_with(as_text);
-    EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), claimed);
+    const std::int64_t value = good[field].get<std::int64_t>();
+    const std::pair<Json, bool> variants[] = {{value + 1, false}, {Json(), false}, {"many", false},
+                                              {std::to_string(value), true}};
+    for (const auto& [changed, hits] : variants) {
+      Json entry = good;
+      if (changed.is_null()) entry.erase(field);
+      else entry[field] = changed;
+      hits_with(entry);
+      EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), hits ? std::optional<std::string>(claimed) : std::nullopt)
+          << field << " " << changed;
+    }
   }
   hits_with(Json::array({1, 2}));
   EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), std::nullopt);
@@ -191,11 +177,7 @@ TEST_F(HashCache, UnusableCacheFilesLoadAsAnEmptyCacheAndStayUntilTheNextFlush) 
   };
   const std::vector<Case> cases = {
       {"{\"files\": {", true},
-      {"{\"files\": {}, \"version\": 1}\xff", true},
-      {"{\"files\": {\"a\": {}}, \"version\": 2}", false},
       {"{\"files\": {\"a\": {}}, \"version\": \"1\"}", false},
-      {"{\"files\": {\"a\": {}}}", false},
-      {"{\"files\": [], \"version\": 1}", false},
       {"[1]", false},
   };
   for (const Case& c : cases) {
@@ -205,10 +187,7 @@ TEST_F(HashCache, UnusableCacheFilesLoadAsAnEmptyCacheAndStayUntilTheNextFlush) 
     auto m = make_manager();
     EXPECT_TRUE(m->_hash_cache.empty());
     EXPECT_FALSE(m->_hash_cache_dirty);
-    EXPECT_EQ(log_.count_at(LogLevel::warning), c.warns ? 1u : 0u);
-    if (c.warns) {
-      EXPECT_EQ(log_.records().at(0).message.rfind("Ignoring unreadable sync hash cache: ", 0), 0u);
-    }
+    EXPECT_EQ(logged_starting("Ignoring unreadable sync hash cache: "), c.warns ? 1u : 0u);
     m->_persist_hash_cache();  // nothing new: nothing written
     EXPECT_EQ(read_file(cache_file()), c.text);
   }
@@ -225,7 +204,7 @@ TEST_F(HashCache, UnusableCacheFilesLoadAsAnEmptyCacheAndStayUntilTheNextFlush) 
                                          json_text(cache_entry(p, _sha256("c"))) + "}, \"version\": 1}");
 }
 
-TEST_F(HashCache, OnlyAChangeOfAFileThatExistsMakesTheCacheDirty) {
+TEST_F(HashCache, OnlyAChangeMakesTheCacheDirtyAndItStaysSoUntilAPersistSucceeds) {
   const std::string p = put_local("f.bin", "data");
   // The file's own entry, stored with its keys in another order.
   Json shuffled = Json::object();
@@ -243,25 +222,17 @@ TEST_F(HashCache, OnlyAChangeOfAFileThatExistsMakesTheCacheDirty) {
   // A digest that matches no manifest is stored all the same.
   m->_remember_local_sha("f.bin", p, _sha256("other"));
   EXPECT_TRUE(m->_hash_cache_dirty);
-  EXPECT_EQ(m->_hash_cache.at("f.bin")->at("sha256"), _sha256("other"));
-}
-
-TEST_F(HashCache, AFailedPersistIsRetriedAtTheNextFlush) {
-  const std::string p = put_local("f.bin", "data");
-  auto m = make_manager();
+  remove_file(cache_file());
   make_dirs(cache_file());  // a directory where the file goes
-  m->_remember_local_sha("f.bin", p, _sha256("data"));
   m->_persist_hash_cache();
-  EXPECT_EQ(log_.count_at(LogLevel::warning), 1u);
-  EXPECT_EQ(log_.records().at(0).message.rfind("Failed to persist sync hash cache: ", 0), 0u);
+  EXPECT_EQ(logged_starting("Failed to persist sync hash cache: "), 1u);
   EXPECT_TRUE(m->_hash_cache_dirty);
 
   ASSERT_EQ(::rmdir(cache_file().c_str()), 0);
   m->_persist_hash_cache();
   EXPECT_FALSE(m->_hash_cache_dirty);
-  EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"f.bin\": " + json_text(cache_entry(p, _sha256("data"))) +
+  EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"f.bin\": " + json_text(cache_entry(p, _sha256("other"))) +
                                          "}, \"version\": 1}");
-  EXPECT_EQ(log_.count_at(LogLevel::warning), 1u);
 }
 
 TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
@@ -276,7 +247,7 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
   EXPECT_TRUE(m->_hash_cache.empty());
 
   // An unusable or negative size leaves the decision to the digest.
-  for (const Json& size : {Json(-1), Json("many"), Json(nullptr)}) {
+  for (const Json& size : {Json(-1), Json("many")}) {
     EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", size}, {"sha256", _sha256("1234")}}));
     EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", size}, {"sha256", _sha256("4321")}}));
   }
@@ -288,23 +259,19 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
   EXPECT_EQ(watch.opens(), 2);
   EXPECT_EQ(m->_hash_cache.at("f.bin")->at("sha256"), _sha256("1234"));
 
-  // Without the cache nothing is stored either.
+  // Without the cache nothing is stored either, and modules never use it.
   const std::string q = put_local("g.bin", "g");
   EXPECT_TRUE(m->_local_file_matches_manifest("g.bin", q, entry_of("g"), false));
   EXPECT_EQ(m->_hash_cache.count("g.bin"), 0u);
-}
-
-TEST_F(HashCache, ModulesAreHashedEveryTime) {
-  const std::string p = put_local("modules/m.so", "module");
-  auto m = make_manager();
-  Json here = entry_of("module");
-  here["kind"] = "vault_module";
-  here["platform"] = CURRENT_PLATFORM;
-  OpenWatch watch({p});
-  EXPECT_TRUE(m->_local_entry_passes("modules/m.so", here));
-  EXPECT_TRUE(m->_local_entry_passes("modules/m.so", here));
-  EXPECT_EQ(watch.opens(), 2);
-  EXPECT_TRUE(m->_hash_cache.empty());
+  const std::string so = put_local("modules/m.so", "module");
+  Json module = entry_of("module");
+  module["kind"] = "vault_module";
+  module["platform"] = CURRENT_PLATFORM;
+  OpenWatch module_watch({so});
+  EXPECT_TRUE(m->_local_entry_passes("modules/m.so", module));
+  EXPECT_TRUE(m->_local_entry_passes("modules/m.so", module));
+  EXPECT_EQ(module_watch.opens(), 2);
+  EXPECT_EQ(m->_hash_cache.count("modules/m.so"), 0u);
 }
 
 TEST_F(HashCache, APassOverUnchangedFilesReadsNoneOfThemEvenAfterARestart) {
@@ -314,22 +281,13 @@ TEST_F(HashCache, APassOverUnchangedFilesReadsNoneOfThemEvenAfterARestart) {
   publish(with_artefacts(manifest(4, 9, files)));
   auto first = make_manager();
   first->sync();
-  const std::string x = path("features/a/x.arrow");
-  const std::string s = path("named_universes/u.json");
-  const Json on_disk = parse_json_text(read_file(cache_file()));
-  EXPECT_EQ(on_disk["files"]["features/a/x.arrow"], cache_entry(x, _sha256("feature bytes")));
-  EXPECT_EQ(on_disk["files"]["named_universes/u.json"], cache_entry(s, _sha256("{}")));
-
-  OpenWatch watch({x, s});
+  OpenWatch watch({path("features/a/x.arrow"), path("named_universes/u.json")});
   first->sync();
   EXPECT_EQ(watch.opens(), 0);
   auto second = make_manager();
   EXPECT_FALSE(second->needs_sync());
   second->sync();
   EXPECT_EQ(watch.opens(), 0);
-  // verify hashes afresh: the watch does see reads.
-  EXPECT_TRUE(second->verify().valid);
-  EXPECT_EQ(watch.opens(), 2);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "sync/errors.h"
+#include "tests/support/temp_dir.h"
 
 namespace quillmarsh::sync {
 namespace {
@@ -30,65 +31,40 @@ std::string manifest_error(F&& call) {
 
 const char kNotAPath[] = "Manifest file path must be a non-empty relative path";
 
+// That whatever passes is safe, that the JSON and text forms agree and that
+// the local path never leaves the data directory are the path fuzz target's
+// properties; the exact forms and messages are pinned here.
 TEST(ManifestPathsRelative, NormalisesSafePaths) {
   const std::pair<std::string, std::string> cases[] = {
-      {"a/b", "a/b"},
-      {"a\\b", "a/b"},
-      {"./a/b", "a/b"},
       {".\\a//b/./", "a/b"},
-      {" \t a/b \n", "a/b"},
       {"\u00a0a/b\u3000", "a/b"},          // Unicode blanks at the ends go too
       {"my dir/ file .bin", "my dir/ file .bin"},
-      {"C:\\x", "C:/x"},
       {"..a/b../ ..", "..a/b../ .."},      // only a bare ".." is a parent step
-      {"\xc3\xa9t\xc3\xa9/x", "\xc3\xa9t\xc3\xa9/x"},
   };
-  for (const auto& [input, expected] : cases) {
-    EXPECT_EQ(_safe_manifest_relative_path(input), expected) << input;
-    EXPECT_EQ(_safe_manifest_relative_path(Json(input)), expected) << input;
-  }
+  for (const auto& [input, expected] : cases) EXPECT_EQ(_safe_manifest_relative_path(input), expected) << input;
 }
 
 TEST(ManifestPathsRelative, RefusesHostilePathsQuotingThemAsReceived) {
-  const std::pair<std::string, std::string> cases[] = {
+  const std::pair<Json, std::string> cases[] = {
       {"", kNotAPath},
-      {" \t\r\n\v\f", kNotAPath},
       {"\u2003", kNotAPath},
+      {nullptr, kNotAPath},
+      {Json::array({"a"}), kNotAPath},
       // The NUL test comes before the ".." and absolute ones.
       {std::string("/x/\0/../y", 9), "Manifest file path contains NUL byte: '/x/\\x00/../y'"},
-      {"/etc/passwd", "Manifest file path must be relative: '/etc/passwd'"},
-      {"\\", "Manifest file path must be relative: '\\\\'"},
       {"  /a", "Manifest file path must be relative: '  /a'"},
-      {".", "Manifest file path contains unsafe segments: '.'"},
       {"..", "Manifest file path contains unsafe segments: '..'"},
-      {"a/../b", "Manifest file path contains unsafe segments: 'a/../b'"},
       {"a\\..\\..\\b", "Manifest file path contains unsafe segments: 'a\\\\..\\\\..\\\\b'"},
   };
   for (const auto& [input, message] : cases) {
     EXPECT_EQ(manifest_error([&] { _safe_manifest_relative_path(input); }), message) << input;
   }
-}
-
-TEST(ManifestPathsRelative, RefusesNonStringJson) {
-  for (const Json& value : {Json(nullptr), Json(5), Json(true), Json::array({"a"}),
-                            Json::object({{"a", "b"}})}) {
-    EXPECT_EQ(manifest_error([&] { _safe_manifest_relative_path(value); }), kNotAPath);
-    EXPECT_EQ(manifest_error([&] { _manifest_local_path("/tmp", value); }), kNotAPath);
-    EXPECT_EQ(manifest_error([&] { _manifest_file_url("https://api", value, "https://r2/b"); }),
-              kNotAPath);
-  }
+  EXPECT_EQ(manifest_error([&] { _manifest_file_url("https://api", Json(5), "https://r2/b"); }), kNotAPath);
 }
 
 // A data directory, not yet made, inside a fresh temporary root.
 class ManifestPathsLocal : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "qm-paths-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    root_ = fs::canonical(pattern).string();
-    data_ = root_ + "/data";
-  }
-  void TearDown() override { fs::remove_all(root_); }
 
   void link(const std::string& target, const std::string& at) {
     ASSERT_EQ(symlink(target.c_str(), at.c_str()), 0) << at;
@@ -99,53 +75,37 @@ class ManifestPathsLocal : public ::testing::Test {
     return out;
   }
 
-  std::string root_;
-  std::string data_;
+  testing::TempDir dir_;
+  const std::string root_ = fs::canonical(dir_.path()).string();
+  const std::string data_ = root_ + "/data";
 };
 
-TEST_F(ManifestPathsLocal, WorksBeforeAnythingExistsAndCreatesNothing) {
+TEST_F(ManifestPathsLocal, WorksBeforeAnythingExistsAndFollowsOnlyLinksThatStayInside) {
   EXPECT_EQ(_manifest_local_path(data_, "a\\b/c.bin"), data_ + "/a/b/c.bin");
   EXPECT_EQ(_manifest_local_path(root_ + "/./data//", "./x"), data_ + "/x");
   EXPECT_EQ(_manifest_local_path(data_ + "/../data", Json("x")), data_ + "/x");
-  EXPECT_EQ(manifest_error([&] { _manifest_local_path(data_, "a/../b"); }),
-            "Manifest file path contains unsafe segments: 'a/../b'");
-  EXPECT_TRUE(tree().empty());
-}
+  EXPECT_TRUE(tree().empty());  // nothing made
 
-TEST_F(ManifestPathsLocal, RefusesLinksLeadingOutOfTheDataDirectory) {
-  fs::create_directories(data_ + "/inner");
-  fs::create_directories(root_ + "/outside");
-  fs::create_directories(root_ + "/data-sibling");
-  link(root_ + "/outside", data_ + "/out");
-  link("../../data-sibling", data_ + "/inner/sib");  // shares the data dir's name as a prefix
-  link("/", data_ + "/rootlink");
-  link(data_ + "/inner/sib/deeper", data_ + "/chain");
-  const std::set<std::string> before = tree();
-
-  for (const std::string path : {"out/x", "out", "inner/sib/x", "rootlink/etc/passwd", "chain"}) {
-    EXPECT_EQ(manifest_error([&] { _manifest_local_path(data_, path); }),
-              "Manifest file path escapes data directory: '" + path + "'");
-  }
-  // Blanks around the path are dropped from the file name but kept in the message.
-  EXPECT_EQ(manifest_error([&] { _manifest_local_path(data_, " out/x "); }),
-            "Manifest file path escapes data directory: ' out/x '");
-  EXPECT_EQ(tree(), before);
-}
-
-TEST_F(ManifestPathsLocal, AcceptsLinksThatStayInsideAndReturnsTheResolvedPath) {
   fs::create_directories(data_ + "/real/sub");
+  fs::create_directories(root_ + "/data-sibling");
+  link("../data-sibling", data_ + "/sib");  // shares the data dir's name as a prefix
   link("real", data_ + "/alias");
-  link(data_ + "/real/sub", data_ + "/abs");
   link("../..", data_ + "/real/sub/up");  // back to the data dir itself
   link(data_, root_ + "/data-link");
+  const std::set<std::string> before = tree();
 
+  EXPECT_EQ(manifest_error([&] { _manifest_local_path(data_, "sib/x"); }),
+            "Manifest file path escapes data directory: 'sib/x'");
+  // Blanks around the path are dropped from the file name but kept in the message.
+  EXPECT_EQ(manifest_error([&] { _manifest_local_path(data_, " sib "); }),
+            "Manifest file path escapes data directory: ' sib '");
   EXPECT_EQ(_manifest_local_path(data_, "alias/new/file"), data_ + "/real/new/file");
-  EXPECT_EQ(_manifest_local_path(data_, "abs"), data_ + "/real/sub");
   EXPECT_EQ(_manifest_local_path(data_, "real/sub/up"), data_);
   // A linked data directory is resolved first, so paths under it are inside.
   EXPECT_EQ(_manifest_local_path(root_ + "/data-link", "alias/x"), data_ + "/real/x");
   // A root data directory contains everything.
   EXPECT_EQ(_manifest_local_path("/", "tmp"), fs::canonical("/tmp").string());
+  EXPECT_EQ(tree(), before);
 }
 
 const char kServer[] = "https://api.example.com:8443";
@@ -154,74 +114,51 @@ const char kNotHttps[] = "Manifest base_url must be an absolute HTTPS R2 URL";
 const char kApiServer[] = "Manifest base_url must not point at the API server";
 const char kEndpoint[] = "Manifest base_url must not use the API /data/files endpoint";
 
-TEST(ManifestPathsUrl, JoinsBaseAndSafePath) {
+TEST(ManifestPathsUrl, JoinsBaseAndSafePathAndComparesNetworkLocationsExactly) {
   EXPECT_EQ(_manifest_file_url(kServer, ".\\d//f.bin", " https://r2.example.com/bucket/ \n"),
             "https://r2.example.com/bucket/d/f.bin");
-  EXPECT_EQ(_manifest_file_url(kServer, "f", "HTTPS://r2.example.com///"),
-            "HTTPS://r2.example.com/f");
-  EXPECT_EQ(_manifest_file_url(kServer, Json("a b/c"), Json("https://r2.example.com")),
-            "https://r2.example.com/a b/c");
+  EXPECT_EQ(_manifest_file_url(kServer, "f", "HTTPS://r2.example.com///"), "HTTPS://r2.example.com/f");
+  EXPECT_EQ(_manifest_file_url(kServer, Json("a b/c"), Json("https://r2.example.com")), "https://r2.example.com/a b/c");
+  // Same host, other port, other case or no port: a different network
+  // location; and paths that only look like the API endpoint.
+  for (const char* base : {"https://api.example.com:9443/b", "https://API.example.com:8443/b",
+                           "https://api.example.com/b", "https://r2.example.com/data/filesystem",
+                           "https://r2.example.com/x/data/files", "https://r2.example.com/data"}) {
+    EXPECT_EQ(_manifest_file_url(kServer, "f", base), std::string(base) + "/f");
+  }
+  // No network location in the server URL: nothing to compare against.
+  EXPECT_EQ(_manifest_file_url("", "f", "https://api.example.com:8443/b"), "https://api.example.com:8443/b/f");
 }
 
-TEST(ManifestPathsUrl, PathFaultsComeBeforeBaseFaults) {
-  EXPECT_EQ(manifest_error([] { _manifest_file_url(kServer, "../x"); }),
-            "Manifest file path contains unsafe segments: '../x'");
-  EXPECT_EQ(manifest_error([] { _manifest_file_url(kServer, "/x", "http://api.example.com"); }),
-            "Manifest file path must be relative: '/x'");
-}
-
-TEST(ManifestPathsUrl, RefusesBadBaseUrls) {
+TEST(ManifestPathsUrl, RefusesBadBaseUrlsAfterThePath) {
   const std::pair<Json, const char*> cases[] = {
       {nullptr, kRequired},
-      {"", kRequired},
       {" \t\n", kRequired},
       {42, kRequired},
-      {Json::array({"https://r2.example.com"}), kRequired},
       {"http://r2.example.com/b", kNotHttps},
       {"r2.example.com/b", kNotHttps},
       {"https:///b", kNotHttps},
       {"https://api.example.com:8443/bucket", kApiServer},
       {"https://r2.example.com/data/files", kEndpoint},
-      {"https://r2.example.com/data/files/", kEndpoint},
       {"https://r2.example.com/data/files//", kEndpoint},
       {"https://r2.example.com/data/files/x", kEndpoint},
   };
   for (const auto& [base, message] : cases) {
     EXPECT_EQ(manifest_error([&] { _manifest_file_url(kServer, "f", base); }), message) << base;
   }
+  EXPECT_EQ(manifest_error([] { _manifest_file_url(kServer, "/x", "http://api.example.com"); }),
+            "Manifest file path must be relative: '/x'");
 }
 
-TEST(ManifestPathsUrl, ApiServerAndEndpointMatchExactly) {
-  // Same host, other port, other case or no port: a different network location.
-  for (const char* base : {"https://api.example.com:9443/b", "https://API.example.com:8443/b",
-                           "https://api.example.com/b"}) {
-    EXPECT_EQ(_manifest_file_url(kServer, "f", base), std::string(base) + "/f");
-  }
-  // No network location in the server URL: nothing to compare against.
-  EXPECT_EQ(_manifest_file_url("", "f", "https://api.example.com:8443/b"),
-            "https://api.example.com:8443/b/f");
-  for (const char* base : {"https://r2.example.com/data/filesystem",
-                           "https://r2.example.com/x/data/files", "https://r2.example.com/data"}) {
-    EXPECT_EQ(_manifest_file_url(kServer, "f", base), std::string(base) + "/f");
-  }
-}
-
-TEST(ManifestPathsGroupKey, KeysFilesUnderTheCurrentEpoch) {
-  EXPECT_EQ(_agent_signal_group_key("useful_signals/a/b/signal_os/f.bin", "useful_signals/"),
-            "useful_signals/a/b");
+TEST(ManifestPathsGroupKey, KeysFilesUnderTheirRootsEpochAndNothingElse) {
   EXPECT_EQ(_agent_signal_group_key("useful_signals/a/b/signal_os/deep/er.bin", "useful_signals"),
             "useful_signals/a/b");
-  EXPECT_EQ(_agent_signal_group_key(Json("found_signals/x/y/signal_is/f"), "found_signals/"),
-            "found_signals/x/y");
+  EXPECT_EQ(_agent_signal_group_key(Json("found_signals/x/y/signal_is/f"), "found_signals/"), "found_signals/x/y");
   EXPECT_EQ(_agent_signal_group_key("found_strategies/x/y/strategy_is/f", "found_strategies/"),
             "found_strategies/x/y");
-}
-
-TEST(ManifestPathsGroupKey, AbsentOtherwise) {
   const std::pair<const char*, const char*> cases[] = {
       {"useful_signals/a/b/signal_is/f.bin", "useful_signals/"},  // another root's epoch
       {"useful_signals/a/b/signal_os", "useful_signals/"},        // four segments
-      {"useful_signals/a/signal_os/f/g", "useful_signals/"},
       {"found_signals/a/b/signal_is/f", "useful_signals/"},       // prefix not matched
       {"other/a/b/signal_os/f", "other/"},                        // root not in the table
       {"useful_signalsX/a/b/signal_os/f", "useful_signals"},
@@ -230,19 +167,13 @@ TEST(ManifestPathsGroupKey, AbsentOtherwise) {
     EXPECT_EQ(_agent_signal_group_key(path, prefix), std::nullopt) << path << " " << prefix;
   }
   EXPECT_EQ(_agent_signal_group_key(Json(7), "useful_signals/"), std::nullopt);
-  EXPECT_EQ(_agent_signal_group_key(Json(nullptr), ""), std::nullopt);
 }
 
 TEST(ManifestPathsEraId, ParsesBothPrefixes) {
   EXPECT_EQ(_parse_era_directory_id("era_12"), 12);
-  EXPECT_EQ(_parse_era_directory_id("era12"), 12);
-  EXPECT_EQ(_parse_era_directory_id("era_007"), 7);
-  EXPECT_EQ(_parse_era_directory_id("era0"), 0);
-  EXPECT_EQ(_parse_era_directory_id("era_9223372036854775807"),
-            std::numeric_limits<std::int64_t>::max());
-  for (const char* name : {"era_", "era", "era_1a", "era_-1", "era+1", "eras", "era__1", "era_ 1",
-                           "Era_1", "xera_1", "era_9223372036854775808",
-                           "era_99999999999999999999"}) {
+  EXPECT_EQ(_parse_era_directory_id("era007"), 7);
+  EXPECT_EQ(_parse_era_directory_id("era_9223372036854775807"), std::numeric_limits<std::int64_t>::max());
+  for (const char* name : {"era_", "era_-1", "era__1", "era_ 1", "Era_1", "era_9223372036854775808"}) {
     EXPECT_EQ(_parse_era_directory_id(name), std::nullopt) << name;
   }
 }
