@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <functional>
 #include <thread>
 
@@ -21,8 +20,8 @@ using testing::EventLog;
 using testing::Fault;
 using testing::outcome;
 using testing::SyncFixture;
-
 using testing::wait_until;
+using Paths = std::vector<std::string>;
 
 const std::string kInTransition = "StateError: Sync is in era transition mode \xE2\x80\x94 request_for_sync rejected";
 
@@ -67,58 +66,31 @@ TEST_F(Coordination, RequestForSyncIsRefusedOutsideAPollingManager) {
   m->stop();
 }
 
+// A request made while another's pass is under way joins that pass and gets
+// the list as it stands after it; only the pass's own caller sees it fail.
 TEST_F(Coordination, ConcurrentRequestsShareOnePass) {
   const std::string rel = "found_signals/a/b/c/pnl.arrow";
   Json files = Json::object();
   files[rel] = local_file(rel, "signal", "found_signal_is_pnl");
   auto m = running_manager(manifest(1, 1), manifest(1, 2, files));
-  api_.fault("/data/manifest", Fault{.delay_before_head_s = 0.5});
-
-  std::vector<std::string> first;
-  std::string first_failure;
-  std::jthread caller([&] {
-    try {
-      first = m->request_for_sync();
-    } catch (const std::exception& e) {
-      first_failure = e.what();
-    }
-  });
-  ASSERT_TRUE(wait_until([&] { return api_.request_count("/data/manifest") == 1; }));
-  const std::vector<std::string> second = m->request_for_sync();  // joins the pass under way
-  caller.join();
-  const std::vector<std::string> expected = {local(rel)};
-  EXPECT_EQ(first_failure, "");
-  EXPECT_EQ(first, expected);
-  EXPECT_EQ(second, expected);  // as the list stands after the shared pass
-  EXPECT_EQ(api_.request_count("/data/manifest"), 1u);
-  EXPECT_EQ(m->get_manifest()->version, 2);
-  m->stop();
-}
-
-TEST_F(Coordination, AFailedPassReachesItsCallerWhileAWaiterGetsTheList) {
-  const std::string rel = "found_strategies/s/t/u/pnl.arrow";
-  Json files = Json::object();
-  files[rel] = local_file(rel, "strategy", "found_strategy_is_pnl");
-  auto m = running_manager(manifest(1, 1, files), manifest(1, 2, files));
-  api_.fault("/data/manifest", Fault{.status = 500, .delay_before_head_s = 0.5, .times = 1});
-
-  std::string first_failure = "no failure";
-  std::jthread caller([&] {
-    try {
-      m->request_for_sync();
-    } catch (const SyncError& e) {
-      first_failure = e.what();
-    }
-  });
-  ASSERT_TRUE(wait_until([&] { return api_.request_count("/data/manifest") == 1; }));
-  const std::vector<std::string> waited = m->request_for_sync();
-  caller.join();
-  EXPECT_EQ(first_failure, "Failed to fetch manifest: HTTP 500");
-  EXPECT_EQ(waited, std::vector<std::string>{local(rel)});
-
-  // Nothing of the failed pass is left to wait on: the next call runs its own.
-  EXPECT_EQ(m->request_for_sync(), std::vector<std::string>{local(rel)});
-  EXPECT_EQ(api_.request_count("/data/manifest"), 2u);
+  for (const bool fail : {true, false}) {
+    SCOPED_TRACE(fail ? "failing pass" : "completing pass");
+    Fault slow{.delay_before_head_s = 0.5, .times = 1};
+    if (fail) slow.status = 500;
+    api_.fault("/data/manifest", slow);
+    const std::size_t requests_before = api_.request_count("/data/manifest");
+    Paths first;
+    std::string first_outcome;
+    std::jthread caller([&] { first_outcome = outcome([&] { first = m->request_for_sync(); }); });
+    ASSERT_TRUE(wait_until([&] { return api_.request_count("/data/manifest") == requests_before + 1; }));
+    const Paths second = m->request_for_sync();
+    caller.join();
+    EXPECT_EQ(first_outcome, fail ? "SyncError: Failed to fetch manifest: HTTP 500" : "ok");
+    EXPECT_EQ(first, fail ? Paths{} : Paths{local(rel)});
+    EXPECT_EQ(second, fail ? Paths{} : Paths{local(rel)});
+    // Nothing of a pass is left to wait on: the next call runs its own.
+    EXPECT_EQ(api_.request_count("/data/manifest"), requests_before + 1);
+  }
   EXPECT_EQ(m->get_manifest()->version, 2);
   m->stop();
 }
@@ -152,59 +124,39 @@ TEST_F(Coordination, FoundFilePathsAreNewestFirstAndOnDiskOnly) {
   _write_manifest_json(dir_.path(), manifest(1, 1, files));
   // Equal times keep manifest order.
   EXPECT_EQ(make_manager()->_get_found_file_paths(),
-            (std::vector<std::string>{local("found_strategies/s/t/u/pnl.arrow"), local("found_signals/d/e/f/pnl.arrow"),
-                                      local("found_signals/g/h/i/pnl.arrow"), local("found_signals/a/b/c/pnl.arrow")}));
+            (Paths{local("found_strategies/s/t/u/pnl.arrow"), local("found_signals/d/e/f/pnl.arrow"),
+                   local("found_signals/g/h/i/pnl.arrow"), local("found_signals/a/b/c/pnl.arrow")}));
 }
 
 class EraCallbacks : public SyncFixture {};
 
-TEST_F(EraCallbacks, EachRegistrationIsCalledAndUnregisterRemovesTheFirst) {
+TEST_F(EraCallbacks, EachRegistrationIsCalledAndAFailureOrAChangeOfListStopsNone) {
   auto m = make_manager();
   EventLog calls;
   const auto a = calls.callback("a");
-  const auto b = calls.callback("b");
+  const auto late = calls.callback("late");
   m->register_era_callback(a);
-  m->register_era_callback(b);
-  m->register_era_callback(a);
-  m->_notify_era_callbacks("abort", 7);
-  EXPECT_EQ(calls.events(), (std::vector<std::string>{"a:abort:7", "b:abort:7", "a:abort:7"}));
-
-  calls.clear();
-  m->unregister_era_callback(a);
-  m->unregister_era_callback(calls.callback("a"));  // a different callable: no entry is its own
-  m->_notify_era_callbacks("restart", 8);
-  EXPECT_EQ(calls.events(), (std::vector<std::string>{"b:restart:8", "a:restart:8"}));
-}
-
-TEST_F(EraCallbacks, AFailingCallbackIsLoggedAndTheRestStillRun) {
-  auto m = make_manager();
-  EventLog calls;
-  m->register_era_callback(calls.callback("first"));
   m->register_era_callback(std::make_shared<const SyncManager::EraCallbackFn>(
       [](const std::string&, std::int64_t) { throw RuntimeError("listener broke"); }));
-  m->register_era_callback(calls.callback("last"));
-  EXPECT_NO_THROW(m->_notify_era_callbacks("kill", 3));
-  EXPECT_EQ(calls.events(), (std::vector<std::string>{"first:kill:3", "last:kill:3"}));
-  EXPECT_EQ(log_.count(LogLevel::warning, "Era callback failed (kill): listener broke"), 1u);
-  EXPECT_EQ(log_.count_at(LogLevel::warning), 1u);
-}
-
-TEST_F(EraCallbacks, ACallbackMayChangeTheListForTheNextNotification) {
-  auto m = make_manager();
-  EventLog calls;
-  const auto late = calls.callback("late");
-  const auto note = calls.callback("self");
+  // A callback may change the list, for the next notification only.
   SyncManager::EraCallback self;
   self = std::make_shared<const SyncManager::EraCallbackFn>([&](const std::string& event, std::int64_t era) {
-    (*note)(event, era);
+    calls.add("self:" + event + ":" + std::to_string(era));
     m->unregister_era_callback(self);
     m->register_era_callback(late);
   });
   m->register_era_callback(self);
-  m->_notify_era_callbacks("kill", 1);
-  EXPECT_EQ(calls.events(), std::vector<std::string>{"self:kill:1"});
-  m->_notify_era_callbacks("restart", 1);
-  EXPECT_EQ(calls.events(), (std::vector<std::string>{"self:kill:1", "late:restart:1"}));
+  m->register_era_callback(a);
+  m->_notify_era_callbacks("kill", 3);
+  EXPECT_EQ(calls.events(), (Paths{"a:kill:3", "self:kill:3", "a:kill:3"}));
+  EXPECT_EQ(log_.count(LogLevel::warning, "Era callback failed (kill): listener broke"), 1u);
+  EXPECT_EQ(log_.count_at(LogLevel::warning), 1u);
+
+  calls.clear();
+  m->unregister_era_callback(a);                    // the first of two
+  m->unregister_era_callback(calls.callback("a"));  // a different callable: no entry is its own
+  m->_notify_era_callbacks("restart", 8);
+  EXPECT_EQ(calls.events(), (Paths{"a:restart:8", "late:restart:8"}));
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 // decides whether a pass is due, and a failing pass inside the loop.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <thread>
 
 #include "sync/support/posix_file.h"
@@ -17,8 +15,6 @@ using testing::Fault;
 using testing::outcome;
 using testing::SyncFixture;
 using testing::TempDir;
-using testing::TestServer;
-
 using testing::wait_until;
 
 class PollLoop : public SyncFixture {
@@ -26,38 +22,19 @@ class PollLoop : public SyncFixture {
   bool manifest_on_disk() const { return path_exists(path("manifest.json")); }
 };
 
-TEST_F(PollLoop, PollsAtOnceOnStartAndAgainAfterARestartAndRefusesASecondStart) {
+TEST_F(PollLoop, PollsAtOnceOnStartSweepsTmpFilesOnStopAndStartsAgain) {
+  write_file(path("left.tmp"), "x");
   publish(with_artefacts(manifest(1, 5)));
   auto m = make_manager(600.0);  // a poll that waited one interval would never come here
+  m->stop();  // an idle manager: silent, and sweeps nothing
+  EXPECT_TRUE(log_.records().empty());
+  EXPECT_TRUE(path_exists(path("left.tmp")));
+
   m->start();
   const auto thread = m->_sync_thread.load();
   ASSERT_NE(thread, nullptr);
   EXPECT_EQ(outcome([&] { m->start(); }), "StateError: SyncManager already running");
   EXPECT_EQ(m->_sync_thread.load(), thread);
-  ASSERT_TRUE(wait_until([&] { return manifest_on_disk(); }));
-  m->stop();
-  EXPECT_FALSE(m->is_alive());
-  EXPECT_FALSE(thread->is_alive());
-  EXPECT_EQ(m->get_manifest()->version, 5);
-
-  publish(with_artefacts(manifest(1, 6)));
-  m->start();
-  EXPECT_TRUE(wait_until([&] { return m->get_manifest()->version == 6; }));
-  m->stop();
-}
-
-TEST_F(PollLoop, StopOnAnIdleManagerIsSilentAndSweepsNothing) {
-  write_file(path("left.tmp"), "x");
-  auto m = make_manager();
-  m->stop();
-  EXPECT_TRUE(log_.records().empty());
-  EXPECT_TRUE(path_exists(path("left.tmp")));
-}
-
-TEST_F(PollLoop, StopSweepsTmpFilesAtAnyDepth) {
-  publish(with_artefacts(manifest(1, 1)));
-  auto m = make_manager();
-  m->start();
   // Once manifest.json is written, the pass's own sweep lies behind it.
   ASSERT_TRUE(wait_until([&] { return manifest_on_disk(); }));
   make_dirs(path("features/u"));
@@ -65,32 +42,34 @@ TEST_F(PollLoop, StopSweepsTmpFilesAtAnyDepth) {
     write_file(path(name), "x");
   }
   m->stop();
+  EXPECT_FALSE(m->is_alive());
+  EXPECT_FALSE(thread->is_alive());
+  EXPECT_EQ(m->get_manifest()->version, 5);
   for (const char* gone : {"a.tmp", "features/u/b.tmp", "features/c.tmp"}) {
     EXPECT_FALSE(path_exists(path(gone))) << gone;
   }
   for (const char* kept : {"a.tmpx", "tmp", "d.tmp.bak", "manifest.json"}) {
     EXPECT_TRUE(path_exists(path(kept))) << kept;
   }
+
+  publish(with_artefacts(manifest(1, 6)));
+  m->start();
+  EXPECT_TRUE(wait_until([&] { return m->get_manifest()->version == 6; }));
+  m->stop();
 }
 
 TEST_F(PollLoop, StopWaitsForAPassRunOnAnotherThread) {
   publish(with_artefacts(manifest(1, 2)));
   api_.fault("/data/manifest", Fault{.delay_before_head_s = 0.5});
   auto m = make_manager();
-  std::string foreground_failure;
-  std::jthread foreground([&] {
-    try {
-      m->sync();
-    } catch (const std::exception& e) {
-      foreground_failure = e.what();
-    }
-  });
+  std::string foreground;
+  std::jthread pass([&] { foreground = outcome([&] { m->sync(); }); });
   ASSERT_TRUE(wait_until([&] { return api_.request_count("/data/manifest") == 1; }));
   m->start();  // its first poll finds the pass lock taken and skips
   m->stop();
   EXPECT_TRUE(manifest_on_disk());  // the foreground pass had finished
-  foreground.join();
-  EXPECT_EQ(foreground_failure, "");
+  pass.join();
+  EXPECT_EQ(foreground, "ok");
 }
 
 TEST_F(PollLoop, NeedsSyncIsFalseOnlyOnPositiveAgreement) {
@@ -104,26 +83,22 @@ TEST_F(PollLoop, NeedsSyncIsFalseOnlyOnPositiveAgreement) {
   auto m = make_manager();
   const std::string nobody = "https://127.0.0.1:" + std::to_string(testing::unused_loopback_port());
   auto unreachable = SyncManager::create(dir_.path(), nobody, [] { return std::string("t"); });
-  auto with = [](Json doc) {
-    doc["era_id"] = 1;
-    return doc;
-  };
   auto check = [&](const Json& doc, bool expected) {
     SCOPED_TRACE(doc.dump());
     publish(manifest(1, 3), doc);
     EXPECT_EQ(m->needs_sync(), expected);
   };
-  check(with({{"version", 3}}), false);
-  check(with({{"version", 3}, {"manifest_sha256", digest}}), false);
-  check(with({{"version", 3}, {"manifest_sha256", wrong}}), true);
-  check(with({{"version", 3}, {"manifest_sha256", ""}, {"sha256", digest}}), false);
-  check(with({{"version", 3}, {"manifest_sha256", ""}, {"sha256", wrong}}), true);
-  check(with({{"version", 3}, {"manifest_sha", wrong}}), true);
-  check(with({{"version", 3}, {"manifest_sha256", digest}, {"sha256", wrong}}), false);  // the first one decides
-  check(with({{"version", 4}, {"manifest_sha256", digest}}), true);
-  check(with(Json::object()), true);  // a missing version reads as 0
+  check({{"version", 3}}, false);
+  check({{"version", 3}, {"manifest_sha256", digest}}, false);
+  check({{"version", 3}, {"manifest_sha256", wrong}}, true);
+  check({{"version", 3}, {"manifest_sha256", ""}, {"sha256", digest}}, false);
+  check({{"version", 3}, {"manifest_sha256", ""}, {"sha256", wrong}}, true);
+  check({{"version", 3}, {"manifest_sha", wrong}}, true);
+  check({{"version", 3}, {"manifest_sha256", digest}, {"sha256", wrong}}, false);  // the first one decides
+  check({{"version", 4}, {"manifest_sha256", digest}}, true);
+  check(Json::object(), true);  // a missing version reads as 0
 
-  publish(manifest(1, 3), with({{"version", 3}}));
+  publish(manifest(1, 3), Json{{"version", 3}});
   api_.fault("/data/manifest/version", Fault{.status = 503, .times = 1});
   EXPECT_TRUE(m->needs_sync());
   api_.put("/data/manifest/version", "{\"version\": ");
@@ -131,18 +106,17 @@ TEST_F(PollLoop, NeedsSyncIsFalseOnlyOnPositiveAgreement) {
 
   // The data files and manifest.json take part apart from each other.
   remove_file(path("features/u/a.bin"));
-  check(with({{"version", 3}}), true);
+  check({{"version", 3}}, true);
   write_file(path("features/u/a.bin"), "abc");
   remove_file(path("manifest.json"));
-  check(with({{"version", 3}}), false);
-  check(with({{"version", 3}, {"manifest_sha256", digest}}), true);
+  check({{"version", 3}}, false);
+  check({{"version", 3}, {"manifest_sha256", digest}}, true);
 
+  // No manifest, or no answer: a pass is due.
   TempDir empty;
-  auto fresh = SyncManager::create(empty.path(), api_.base_url(), [] { return std::string("t"); });
   api_.clear_requests();
-  EXPECT_TRUE(fresh->needs_sync());
+  EXPECT_TRUE(SyncManager::create(empty.path(), api_.base_url(), [] { return std::string("t"); })->needs_sync());
   EXPECT_EQ(api_.request_count("/data/manifest/version"), 1u);
-
   EXPECT_TRUE(unreachable->needs_sync());
 }
 
@@ -158,7 +132,6 @@ TEST_F(PollLoop, FailingPassIsLoggedReleasesItsLocksAndTheLoopGoesOn) {
     m->_stop_event.set();  // stop() itself would wait for the kept lock
     FAIL() << "the failed pass kept the file lock";
   }
-
   api_.clear_fault("/data/manifest");
   m->sync();  // would block on a lock the failed pass kept
   EXPECT_EQ(m->get_manifest()->version, 1);
