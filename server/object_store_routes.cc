@@ -18,6 +18,21 @@ namespace {
 
 constexpr std::size_t kChunk = 256 * 1024;
 
+// A paced response goes out in pieces of about 50 ms each, so that it
+// trickles rather than arriving in bursts.
+std::size_t piece_size(std::size_t asked, std::int64_t bytes_per_second) {
+  std::size_t piece = std::min(asked, kChunk);
+  if (bytes_per_second > 0) {
+    piece = std::min(piece, static_cast<std::size_t>(std::max<std::int64_t>(bytes_per_second / 20, 1024)));
+  }
+  return piece;
+}
+
+void pace(std::size_t sent, std::int64_t bytes_per_second) {
+  if (bytes_per_second <= 0) return;
+  std::this_thread::sleep_for(std::chrono::microseconds(static_cast<std::int64_t>(sent) * 1000000 / bytes_per_second));
+}
+
 // The local file for /era_N/{path}, or absent when there is none. The path
 // passes the client's own gate, so nothing outside the era's files is served.
 std::optional<std::string> local_file(const ServerRoot& root, std::string_view era_text, std::string_view path) {
@@ -65,19 +80,14 @@ void serve_file(const ServerRoot& root, std::int64_t bytes_per_second, const htt
   res.set_content_provider(
       static_cast<std::size_t>(span.length), "application/octet-stream",
       [path = *local, span, bytes_per_second](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-        std::size_t piece = std::min(length, kChunk);
-        // Paced in pieces of about 50 ms, so that a slow response still
-        // trickles rather than arriving in bursts.
-        if (bytes_per_second > 0) piece = std::min(piece, static_cast<std::size_t>(std::max<std::int64_t>(bytes_per_second / 20, 1024)));
         std::string bytes;
         try {
-          bytes = read_file_range(path, span.begin + static_cast<std::int64_t>(offset), piece);
+          bytes = read_file_range(path, span.begin + static_cast<std::int64_t>(offset),
+                                  piece_size(length, bytes_per_second));
         } catch (const Error&) {
           return false;
         }
-        if (bytes_per_second > 0) {
-          std::this_thread::sleep_for(std::chrono::microseconds(static_cast<std::int64_t>(bytes.size()) * 1000000 / bytes_per_second));
-        }
+        pace(bytes.size(), bytes_per_second);
         // A file cut short meanwhile ends the response early.
         return !bytes.empty() && sink.write(bytes.data(), bytes.size());
       });
