@@ -14,14 +14,6 @@ namespace {
 
 class TransitionLinkedDirectories : public testing::EraFixture {
  protected:
-  // A directory outside the data directory, holding what each sweep would
-  // take if it followed the link "features/linked" to it.
-  void plant_link() {
-    write_file(outside_ / "stale.tmp", "not ours");
-    write_file(outside_ / "stray.bin", "not ours either");
-    make_dirs(path("features"));
-    ASSERT_EQ(::symlink(outside_.path().c_str(), path("features/linked").c_str()), 0);
-  }
   void expect_outside_untouched() {
     EXPECT_EQ(read_file(outside_ / "stale.tmp"), "not ours");
     EXPECT_EQ(read_file(outside_ / "stray.bin"), "not ours either");
@@ -33,8 +25,11 @@ class TransitionLinkedDirectories : public testing::EraFixture {
 TEST_F(TransitionLinkedDirectories, SweepsOfSyncStopAndTransitionLeaveWhatALinkPointsTo) {
   publish_era_data(1, {{"features/a/one.bin", "era one"}});
   auto manager = make_manager(3600.0);
-  plant_link();
+  // Outside: what each sweep would take if it followed "features/linked".
+  write_file(outside_ / "stale.tmp", "not ours");
+  write_file(outside_ / "stray.bin", "not ours either");
   make_dirs(path("features/a"));
+  ASSERT_EQ(::symlink(outside_.path().c_str(), path("features/linked").c_str()), 0);
   write_file(path("features/a/left.tmp"), "a real leftover");
 
   manager->sync();

@@ -81,7 +81,6 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
                              {"other/x.bin", "other folder"}};
   for (const auto& [rel, bytes] : kept_extras) put_local(rel, bytes);
   const FileStat keep_before = stat_path(path("features/a/keep.bin"));
-  const FileStat signal_before = stat_path(path("found_signals/r/g/s/pnl.arrow"));
 
   Files era2 = era2_files();
   era2.erase("extras/era1_only.txt");  // only the old manifest names it
@@ -120,7 +119,6 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
   const FileStat keep_after = stat_path(path("features/a/keep.bin"));
   EXPECT_EQ(keep_after.inode, keep_before.inode);
   EXPECT_EQ(keep_after.mtime_ns, keep_before.mtime_ns);
-  EXPECT_EQ(stat_path(path("found_signals/r/g/s/pnl.arrow")).inode, signal_before.inode);
 
   for (const auto& [rel, bytes] : era2) EXPECT_EQ(read_file(path(rel)), bytes) << rel;
   for (const auto& [rel, bytes] : kept_extras) EXPECT_EQ(read_file(path(rel)), bytes) << rel;
@@ -141,19 +139,11 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
   EXPECT_EQ(events_.events(), told(2, "1"));
 }
 
-TEST_F(Transition, AFirstEraDemandsAnActiveEra) {
+TEST_F(Transition, AFirstEraMovesInWithNoPreviousEra) {
   const Json m1 = publish_era_data(1, era1_files());
   put_local("features/old/stray.bin", "stray");
   manager_ = make_manager();
   ASSERT_FALSE(manager_->get_manifest());
-
-  publish_era(1, "closing");
-  EXPECT_EQ(outcome([&] { transition(1, false); }),
-            "EraError: Active era confirmation for era_id=1 returned state='closing'");
-  EXPECT_FALSE(path_exists(path("manifest.json")));
-  publish_era(1);
-  events_.clear();
-  api_.clear_requests();
   transition(1, false);
   EXPECT_EQ(read_file(path("manifest.json")), json_text(m1));
   for (const auto& [rel, bytes] : era1_files()) EXPECT_EQ(read_file(path(rel)), bytes) << rel;
@@ -184,15 +174,12 @@ TEST_F(Transition, TheHostsModulesAreToldWhateverFailsAmongThem) {
     std::function<void()> arrange;
     Events after_auth;  // "H" stands for the tracker's handling of the era
     std::string failure = "ok";
-    std::string warning = "";
   };
   const std::vector<Case> cases = {
-      {[] { identity_slot().set(nullptr); }, {"open identity=absent", "H", "close", "restart"}},
       {[this] { identity_->fail = true; }, {"open identity=null", "H", "close", "restart"}},
       {[this] { tracking_->fail_with_identity = true; },
        {"open identity=owner", "open identity=absent", "H", "close", "restart"}},
-      {[this] { auth_->fail = true; }, {"open identity=owner", "H", "close", "restart"}, "ok",
-       "Failed to notify auth about era change: token store locked"},
+      {[this] { auth_->fail = true; }, {"open identity=owner", "H", "close", "restart"}},
       {[this] { tracking_->fail_handle = true; }, {"open identity=owner", "H", "close"},
        "RuntimeError: search table busy"},
       {[this] { tracking_->fail_always = true; }, {"open identity=owner", "open identity=absent"},
@@ -203,13 +190,11 @@ TEST_F(Transition, TheHostsModulesAreToldWhateverFailsAmongThem) {
   for (const Case& c : cases) {
     SCOPED_TRACE("era " + std::to_string(++era));
     const std::string file = "features/a/x" + std::to_string(era) + ".bin";
-    identity_slot().set(identity_);
     identity_->fail = auth_->fail = false;
     tracking_->fail_with_identity = tracking_->fail_handle = tracking_->fail_always = false;
     c.arrange();
     const Json m = publish_era_data(era, {{file, "era " + std::to_string(era)}});
     events_.clear();
-    log_.clear();
     EXPECT_EQ(outcome([&] { transition(era); }), c.failure);
     Events expected = {"kill", "auth " + std::to_string(era)};
     for (const std::string& e : c.after_auth) {
@@ -219,11 +204,9 @@ TEST_F(Transition, TheHostsModulesAreToldWhateverFailsAmongThem) {
     EXPECT_EQ(read_file(path("manifest.json")), json_text(m));
     EXPECT_EQ(manager_->get_manifest()->era_id, era);
     EXPECT_FALSE(path_exists(path(std::exchange(previous_file, file))));
-    if (!c.warning.empty()) {
-      EXPECT_EQ(log_.count(LogLevel::warning, c.warning), 1u);
-    }
     expect_no_run_leftovers(*manager_, era);
   }
+  EXPECT_EQ(log_.count(LogLevel::warning, "Failed to notify auth about era change: token store locked"), 1u);
 }
 
 TEST_F(Transition, ANewerEraWhileStagingRestartsTheRunForIt) {
@@ -296,14 +279,12 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
     const char* name;
     std::function<void()> arrange;
     std::string failure;
-    std::string warning = "";  // logged on the way out, when given
   };
   const std::vector<Case> cases = {
       {"update answers failure without a warning", [&] { update_fails(nullptr, false); },
-       lib + "; auto-update failed: Could not auto-update to latest." + kWheelAdvice,
-       "Auto-update failed: Could not auto-update to latest."},
+       lib + "; auto-update failed: Could not auto-update to latest." + kWheelAdvice},
       {"update fails outright", [&] { update_fails([] { throw RuntimeError("pip exploded"); }); },
-       lib + "; auto-update failed: pip exploded" + kWheelAdvice, "Auto-update failed: pip exploded"},
+       lib + "; auto-update failed: pip exploded" + kWheelAdvice},
       {"the module's own LibraryUpdateRequired passes untouched",
        [&] { update_fails([] { throw LibraryUpdateRequired("restart the kernel"); }); },
        "LibraryUpdateRequired: restart the kernel"},
@@ -313,13 +294,6 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
        era_error + "Failed to parse active era response during transition"},
       {"manifest of another era", [this] { api_.put("/data/manifest", json_text(manifest(3, 1))); },
        era_error + "Era transition manifest era_id=3 does not match active era_id=2"},
-      {"manifest with an unusable era",
-       [this] {
-         Json m = manifest(2, 1);
-         m["era_id"] = "two";
-         api_.put("/data/manifest", json_text(m));
-       },
-       era_error + "Era transition manifest has invalid era_id='two'"},
       {"manifest unavailable", [this] { api_.fault("/data/manifest", Fault{.status = 500, .body = "down"}); },
        "SyncError: Failed to fetch era 2 manifest: HTTP 500"},
       // The gate and the five looks see era 2; the confirmation before the
@@ -336,12 +310,8 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
     api_.put("/data/manifest", json_text(m2));
     publish_era(2);
     events_.clear();
-    log_.clear();
     c.arrange();
     EXPECT_EQ(outcome([&] { transition(2); }), c.failure);
-    if (!c.warning.empty()) {
-      EXPECT_EQ(log_.count(LogLevel::warning, c.warning), 1u);
-    }
     EXPECT_EQ(live_files(), before);
     EXPECT_EQ(manager_->get_manifest(), manifest_before);
     EXPECT_EQ(events_.events(), Events{"kill"});  // searches stay killed
@@ -428,21 +398,10 @@ TEST_F(Transition, BytesThatStayWrongHoldTheRunUntilTheEraMoves) {
 
 TEST_F(Transition, TheRetryCountStartsAfreshForEachFile) {
   sync_era1();
-  // Sorted: keep (reused), flaky1, flaky2, a data file and a module for
-  // another platform, then the vocabulary. The module is not this
-  // machine's: it is neither counted nor fetched nor looked at.
-  Json files = Json::object();
-  for (const auto& [rel, bytes] : Files{{"features/a/keep.bin", "same in both eras"},
-                                        {"features/b/flaky1.bin", "first flaky file"},
-                                        {"features/c/flaky2.bin", "second flaky file"},
-                                        {"features/d/foreign.bin", "data for anyone"}}) {
-    files[rel] = store_file(rel, bytes);
-  }
-  files["features/d/foreign.bin"]["platform"] = "plan9-mips";
-  files["features/e/mod.so"] = store_file("features/e/mod.so", "module", "vault_module");
-  files["features/e/mod.so"]["platform"] = "plan9-mips";
-  publish(with_artefacts(manifest(2, 1, files)));
-  publish_era(2);
+  // Sorted: keep (reused), flaky1, flaky2, then the vocabulary.
+  publish_era_data(2, {{"features/a/keep.bin", "same in both eras"},
+                       {"features/b/flaky1.bin", "first flaky file"},
+                       {"features/c/flaky2.bin", "second flaky file"}});
   // Each fails one whole download, then the next call completes it: the
   // cut one resumes; the wrong one finds its bad bytes staged whole, drops
   // them and fetches again.
@@ -452,28 +411,12 @@ TEST_F(Transition, TheRetryCountStartsAfreshForEachFile) {
 
   transition(2);
 
-  EXPECT_EQ(waits_, (Waits{{1.0, "Download interrupted, retrying in 1s (1/5 files complete)"},
-                            {1.0, "Download interrupted, retrying in 1s (2/5 files complete)"}}));
-  EXPECT_EQ(read_file(path("features/d/foreign.bin")), "data for anyone");
-  EXPECT_EQ(store_.request_count("/bucket/features/e/mod.so"), 0u);
-  EXPECT_FALSE(path_exists(path("features/e/mod.so")));
-  // The gate, five looks and two after failures, three confirmations.
-  EXPECT_EQ(era_requests(), 1u + 5u + 2u + 3u);
+  EXPECT_EQ(waits_, (Waits{{1.0, "Download interrupted, retrying in 1s (1/4 files complete)"},
+                            {1.0, "Download interrupted, retrying in 1s (2/4 files complete)"}}));
+  // The gate, four looks and two after failures, three confirmations.
+  EXPECT_EQ(era_requests(), 1u + 4u + 2u + 3u);
   EXPECT_EQ(read_file(path("features/b/flaky1.bin")), "first flaky file");
   EXPECT_EQ(read_file(path("features/c/flaky2.bin")), "second flaky file");
-  expect_no_run_leftovers(*manager_, 2);
-}
-
-TEST_F(Transition, AHostWithoutDeploymentCannotMoveEras) {
-  sync_era1();
-  publish_era_data(2, {{"features/a/x.bin", "two"}});
-  const Files before = live_files();
-  api_.clear_requests();
-  deployment_slot().set(nullptr);
-  EXPECT_THROW(transition(2), ImportError);
-  EXPECT_EQ(era_requests(), 0u);
-  EXPECT_TRUE(events_.events().empty());  // the searches are never stopped
-  EXPECT_EQ(live_files(), before);
   expect_no_run_leftovers(*manager_, 2);
 }
 

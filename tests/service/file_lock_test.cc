@@ -108,7 +108,7 @@ TEST_F(FileLock, APassWaitsForAnotherProcessToRelease) {
   EXPECT_FALSE(path_exists(path(".sync_flock")));
 }
 
-TEST_F(FileLock, NestedAcquireGivesTheFileLockUpAtTheFirstReleaseAndAStrayReleaseIsHarmless) {
+TEST_F(FileLock, NestedAcquireGivesTheFileLockUpAtTheFirstReleaseAndStrayOrFailedCallsHoldNothing) {
   auto m = make_manager();
   EXPECT_NO_THROW(m->_release_flock());  // nobody holds anything
   m->_acquire_flock();
@@ -137,22 +137,20 @@ TEST_F(FileLock, NestedAcquireGivesTheFileLockUpAtTheFirstReleaseAndAStrayReleas
   EXPECT_TRUE(waited);
   EXPECT_FALSE(m->_flock_lock.held_by_this_thread());
   EXPECT_FALSE(path_exists(path(".sync_flock")));
-}
 
-TEST_F(FileLock, FailedAcquireLeavesNothingHeld) {
-  const std::string data = path("data");
-  make_dirs(data);
-  auto m = SyncManager::create(data, api_.base_url(), [] { return std::string("t"); });
-  ASSERT_EQ(::rmdir(data.c_str()), 0);
+  // A failed acquire leaves nothing held: another thread gets both locks.
+  TempDir elsewhere;
+  const std::string moved = elsewhere / "data";
+  ASSERT_EQ(::rename(dir_.path().c_str(), moved.c_str()), 0);
   EXPECT_THROW(m->_acquire_flock(), FileNotFoundError);
+  ASSERT_EQ(::rename(moved.c_str(), dir_.path().c_str()), 0);
   EXPECT_FALSE(m->_flock_fd.has_value());
   ASSERT_FALSE(m->_flock_lock.held_by_this_thread());
-  make_dirs(data);
   std::jthread([&] {
     m->_acquire_flock();
     m->_release_flock();
   }).join();
-  EXPECT_FALSE(path_exists(data + "/.sync_flock"));
+  EXPECT_FALSE(path_exists(path(".sync_flock")));
 }
 
 }  // namespace

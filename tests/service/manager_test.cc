@@ -1,11 +1,9 @@
-// Construction of a manager: the argument checks, and what it takes from the
-// state files an earlier run left in the data directory.
+// Construction of a manager: what it takes from the state files an earlier
+// run left in the data directory.
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
-
-#include <filesystem>
 
 #include "sync/support/posix_file.h"
 #include "tests/support/sync_fixture.h"
@@ -13,35 +11,15 @@
 namespace quillmarsh::sync {
 namespace {
 
-using testing::outcome;
 using testing::SyncFixture;
 
-class Manager : public SyncFixture {
- protected:
-  std::shared_ptr<SyncManager> build(const std::string& dir) {
-    return SyncManager::create(dir, api_.base_url(), [] { return std::string("t"); });
-  }
-};
-
-TEST_F(Manager, ArgumentChecksFailInTheirOrder) {
-  const std::string missing = path("missing");
-  const SyncManager::TokenSource token = [] { return std::string("t"); };
-  // Each call also breaks every later check, so only the first check can answer.
-  const std::string no_token = outcome([&] { SyncManager::create(missing, "http://example.com", nullptr); });
-  EXPECT_TRUE(no_token.starts_with("TypeError: get_token must be callable, got ")) << no_token;
-  EXPECT_EQ(outcome([&] { SyncManager::create(missing, "", token); }), "ValueError: server_url must not be empty");
-  EXPECT_TRUE(outcome([&] { SyncManager::create(missing, "http://example.com", token); })
-                  .starts_with("ValueError: Refusing to send a bearer token"));
-  write_file(path("plain"), "x");
-  EXPECT_EQ(outcome([&] { SyncManager::create(path("plain"), "https://h", token); }),
-            "FileNotFoundError: data_dir does not exist: " + path("plain"));
-}
+class Manager : public SyncFixture {};
 
 TEST_F(Manager, UnreadableStateIsLoggedOnceAndTheManagerStillWorks) {
   const std::string broken = "{\"era_id\": 1, \"files\": ";
   write_file(path("manifest.json"), broken);
   write_file(path(".consumer_count"), "3.5");
-  auto m = build(dir_.path());
+  auto m = make_manager();
   EXPECT_EQ(m->get_manifest(), nullptr);
   EXPECT_EQ(m->_vocabulary.load(), nullptr);
   EXPECT_EQ(m->_consumer_count, 0);
@@ -61,7 +39,7 @@ TEST_F(Manager, UnreadableStateIsLoggedOnceAndTheManagerStillWorks) {
   const std::string other = path("other");
   make_dirs(other + "/manifest.json");
   log_.clear();
-  EXPECT_EQ(build(other)->get_manifest(), nullptr);
+  EXPECT_EQ(SyncManager::create(other, api_.base_url(), [] { return std::string("t"); })->get_manifest(), nullptr);
   EXPECT_EQ(logged_starting("Failed to load manifest from disk: "), 1u);
 }
 
@@ -74,7 +52,7 @@ TEST_F(Manager, OnlyRetiredEntriesMakeTheLoadRewriteTheManifestFile) {
   const timespec old_times[2] = {{1000000000, 0}, {1000000000, 0}};
   ASSERT_EQ(::utimensat(AT_FDCWD, path("manifest.json").c_str(), old_times, 0), 0);
   const FileStat before = stat_path(path("manifest.json"));
-  ASSERT_NE(build(dir_.path())->get_manifest(), nullptr);
+  ASSERT_NE(make_manager()->get_manifest(), nullptr);
   const FileStat after = stat_path(path("manifest.json"));
   EXPECT_EQ(read_file(path("manifest.json")), text);
   EXPECT_EQ(after.mtime_ns, before.mtime_ns);
@@ -89,7 +67,7 @@ TEST_F(Manager, OnlyRetiredEntriesMakeTheLoadRewriteTheManifestFile) {
   on_disk["extra"] = "kept";
   write_file(path("manifest.json"), json_text(on_disk));
   log_.clear();
-  auto m = build(dir_.path());
+  auto m = make_manager();
   Json expected = on_disk;
   for (const char* gone : {"agents/bundle.pxd", "found_signals/a/b/c/pnl_long.arrow", "vault/v.bin"}) {
     expected["files"].erase(gone);
@@ -98,19 +76,6 @@ TEST_F(Manager, OnlyRetiredEntriesMakeTheLoadRewriteTheManifestFile) {
   ASSERT_NE(m->get_manifest(), nullptr);
   EXPECT_EQ(m->get_manifest()->to_dict(), expected);
   EXPECT_TRUE(log_.records().empty());
-}
-
-TEST_F(Manager, RelativeDataDirStaysAsGiven) {
-  write_file(path("manifest.json"), json_text(manifest(2, 9)));
-  write_file(path(".consumer_count"), " 4\n");
-  const std::string relative =
-      std::filesystem::relative(dir_.path(), std::filesystem::current_path()).string() + "/.";
-  ASSERT_FALSE(relative.starts_with("/"));
-  auto m = build(relative);
-  EXPECT_EQ(m->_data_dir, relative);
-  EXPECT_EQ(m->_consumer_count, 4);
-  ASSERT_NE(m->get_manifest(), nullptr);
-  EXPECT_EQ(m->get_manifest()->era_id, 2);
 }
 
 }  // namespace

@@ -98,8 +98,6 @@ TEST_F(Registry, FirstAcquireStartsTheThreadsAndLastReleaseStopsAndEvicts) {
   EXPECT_TRUE(monitor->is_alive());
   m->release();
   EXPECT_EQ(count_file(), "0");
-  EXPECT_FALSE(m->_running.load());
-  EXPECT_EQ(m->_era_thread.load(), nullptr);
   EXPECT_FALSE(poll_thread->is_alive());
   EXPECT_FALSE(monitor->is_alive());
   EXPECT_EQ(api_.request_count("/era/current"), 2u);  // one poll at start and ours, none after
@@ -115,23 +113,6 @@ TEST_F(Registry, FirstAcquireStartsTheThreadsAndLastReleaseStopsAndEvicts) {
   EXPECT_EQ(m->consumer_count(), 0);
   EXPECT_EQ(shared(dir_.path()), fresh);
   EXPECT_EQ(log_.count_at(LogLevel::warning), 0u);
-}
-
-TEST_F(Registry, AcquireAfterStartAddsNoMonitorAndLastReleaseStillStops) {
-  quiet_server();
-  auto m = shared(dir_.path());
-  m->start();
-  m->acquire();
-  EXPECT_EQ(m->consumer_count(), 1);
-  EXPECT_EQ(m->_era_thread.load(), nullptr);
-  EXPECT_FALSE(m->_consumer_lifecycle_started.load());
-  const auto poll_thread = m->_sync_thread.load();
-
-  m->release();
-  EXPECT_FALSE(m->_running.load());
-  EXPECT_FALSE(poll_thread->is_alive());
-  EXPECT_EQ(api_.request_count("/era/current"), 0u);
-  EXPECT_NE(shared(dir_.path()), m);
 }
 
 TEST_F(Registry, CountLeftByAnEarlierProcessIsTakenOverAsItStands) {
@@ -160,26 +141,23 @@ TEST_F(Registry, CountLeftByAnEarlierProcessIsTakenOverAsItStands) {
   EXPECT_NE(shared(dir_.path()), m);
 }
 
-TEST_F(Registry, ACountThatCannotBeWrittenIsKeptInMemory) {
+// An acquire after start() adds no monitor, and the last release still
+// stops. A monitor that cannot be built fails the acquire; the count stays
+// raised and the poll thread runs, and a later acquire does not retry.
+TEST_F(Registry, AnAcquireThatStartsNoMonitorStillCountsAndTheLastReleaseStops) {
   quiet_server();
-  make_dirs(path(".consumer_count"));  // neither readable nor writable as a file
-  auto m = shared(dir_.path());
-  log_.clear();
-  m->acquire();
-  EXPECT_EQ(m->consumer_count(), 1);
-  EXPECT_TRUE(m->_running.load());
-  EXPECT_EQ(logged_starting("Failed to persist consumer count: "), 1u);
-  m->release();
-  EXPECT_EQ(m->consumer_count(), 0);
-  EXPECT_FALSE(m->_running.load());
-  EXPECT_EQ(logged_starting("Failed to persist consumer count: "), 2u);
-}
+  auto started = shared(dir_.path());
+  started->start();
+  started->acquire();
+  EXPECT_EQ(started->_era_thread.load(), nullptr);
+  EXPECT_FALSE(started->_consumer_lifecycle_started.load());
+  const auto poll_thread = started->_sync_thread.load();
+  started->release();
+  EXPECT_FALSE(poll_thread->is_alive());
+  EXPECT_EQ(api_.request_count("/era/current"), 0u);
 
-// A monitor that cannot be built fails the acquire; the count stays raised
-// and the poll thread runs, and a later acquire does not retry the start.
-TEST_F(Registry, AMonitorThatCannotBeBuiltFailsTheAcquire) {
-  quiet_server();
   auto m = shared(dir_.path());
+  ASSERT_NE(m, started);
   const auto policy = transport_security_slot().set(nullptr);
   EXPECT_THROW(m->acquire(), ImportError);
   transport_security_slot().set(policy);
