@@ -49,45 +49,27 @@ class VocabularyDownload : public testing::SyncFixture {
   std::shared_ptr<Json> data_;
 };
 
-TEST_F(VocabularyDownload, ValidLocalFilesAreKeptAndBecomeTheManagersVocabularies) {
+// Valid local files are kept, become the manager's vocabularies in sorted
+// order, and complete an incomplete entry in the JSON the manifest shares.
+TEST_F(VocabularyDownload, ValidLocalFilesAreKeptAndCompleteTheirEntries) {
   Json files = Json::object();
-  files[vocabulary_path("beta")] = serve("beta");
-  files[vocabulary_path("alpha")] = serve("alpha");
-  put_vocabulary("alpha");
-  put_vocabulary("beta");
+  for (const char* universe : {"gamma", "beta", "alpha"}) {
+    files[vocabulary_path(universe)] = serve(universe);
+    put_vocabulary(universe);
+  }
+  const Json right = files;
+  files[vocabulary_path("beta")]["sha256"] = "";
+  files[vocabulary_path("gamma")]["size_bytes"] = 3;  // the digest alone does not do
   Manifest m = manifest_over(files);
 
   EXPECT_FALSE(manager_->_download_vocabulary(m));
   EXPECT_TRUE(store_.requests().empty());
-  EXPECT_TRUE(warnings().empty());
-  const auto vocabularies = manager_->_vocabulary.load();
-  ASSERT_NE(vocabularies, nullptr);
-  EXPECT_EQ(*vocabularies, (Json{{"alpha", vocabulary(4, "alpha")}, {"beta", vocabulary(4, "beta")}}));
-  EXPECT_EQ((*data_)["files"], files);  // entries in agreement stay as they were
-}
-
-TEST_F(VocabularyDownload, AValidLocalFileCompletesAnIncompleteEntryInTheSharedJson) {
-  const std::string p = vocabulary_path("u");
-  const Json right = serve("u");
-  put_vocabulary("u");
-  const std::pair<const char*, Json> cases[] = {
-      {"empty digest", {{"sha256", ""}, {"size_bytes", right["size_bytes"]}, {"kind", "vocabulary"}}},
-      {"right digest, wrong size", {{"sha256", right["sha256"]}, {"size_bytes", 3}, {"kind", "vocabulary"}}},
-      {"neither", {{"kind", "vocabulary"}}},
-  };
-  for (const auto& [name, entry] : cases) {
-    SCOPED_TRACE(name);
-    log_.clear();
-    Manifest m = manifest_over(Json{{p, entry}});
-    EXPECT_FALSE(manager_->_download_vocabulary(m));
-    EXPECT_EQ(logged_starting(kRepaired + p + ": "), 1u);
-    // The JSON object that manifest.json is later written from holds it.
-    Json expected = entry;
-    expected["sha256"] = right["sha256"];
-    expected["size_bytes"] = right["size_bytes"];
-    EXPECT_EQ((*data_)["files"][p], expected);
-  }
-  EXPECT_TRUE(store_.requests().empty());
+  ASSERT_NE(manager_->_vocabulary.load(), nullptr);
+  EXPECT_EQ(*manager_->_vocabulary.load(), (Json{{"alpha", vocabulary(4, "alpha")}, {"beta", vocabulary(4, "beta")},
+                                                 {"gamma", vocabulary(4, "gamma")}}));
+  EXPECT_EQ(warnings().size(), 2u);
+  EXPECT_EQ(logged_starting(kRepaired + vocabulary_path("beta") + ": "), 1u);
+  EXPECT_EQ((*data_)["files"], right);
 }
 
 TEST_F(VocabularyDownload, AStatedDigestIsNeverOverruled) {
@@ -191,31 +173,25 @@ TEST_F(VocabularyDownload, AStagingDirectoryReceivesTheFilesButNotTheManager) {
   EXPECT_EQ((*data_)["files"][p], right);  // the repair reaches the same manifest
 }
 
-TEST_F(VocabularyDownload, APassBringsTwoUniversesAndWritesTheRepairedManifest) {
+// The repaired entry is what the pass writes to manifest.json.
+TEST_F(VocabularyDownload, APassWritesTheRepairedManifestAndReportsTheMetadata) {
   Json files = Json::object();
-  files["features/alpha/x.arrow"] = store_file("features/alpha/x.arrow", "feature bytes", "feature");
-  const Json alpha = vocabulary(4, "alpha", {{"t_signal_is", 11}, {"t_strategy_is", 12}, {"n_instruments", 13}});
-  const Json beta = vocabulary(4, "beta", {{"t_signal_is", 21}, {"t_strategy_is", 22}, {"n_instruments", 23}});
-  files[vocabulary_path("beta")] = store_file(vocabulary_path("beta"), json_text(beta));
-  files[vocabulary_path("beta")].erase("sha256");  // the server left the digest out
-  files[vocabulary_path("alpha")] = store_file(vocabulary_path("alpha"), json_text(alpha));
+  files["features/u/x.arrow"] = store_file("features/u/x.arrow", "feature bytes", "feature");
+  const Json u = vocabulary(4, "u", {{"t_signal_is", 11}, {"n_instruments", 13}});
+  files[vocabulary_path("u")] = store_file(vocabulary_path("u"), json_text(u));
+  files[vocabulary_path("u")].erase("sha256");  // the server left the digest out
   const Json m = manifest(4, 1, files);
   publish(m);
   publish_seed(4);
 
   const SyncResult result = manager_->sync();
   EXPECT_TRUE(result.vocabulary_downloaded);
-  // The first universe in sorted order speaks for all.
   EXPECT_EQ(result.t_signal_is, 11);
-  EXPECT_EQ(result.t_strategy_is, 12);
-  EXPECT_EQ(result.n_instruments, 13);
   EXPECT_EQ(result.bytes_downloaded, 13);  // vocabularies do not count
-  EXPECT_EQ(read_file(path(vocabulary_path("alpha"))), json_text(alpha));
-  EXPECT_EQ(read_file(path(vocabulary_path("beta"))), json_text(beta));
   Json written = m;
-  written["files"][vocabulary_path("beta")]["sha256"] = _sha256(json_text(beta));
+  written["files"][vocabulary_path("u")]["sha256"] = _sha256(json_text(u));
   EXPECT_EQ(read_file(path("manifest.json")), json_text(written));
-  // A pass with everything in place still reports what the vocabularies say.
+  // A pass with everything in place still reports what the vocabulary says.
   EXPECT_EQ(manager_->sync().n_instruments, 13);
 }
 

@@ -87,6 +87,12 @@ TEST_F(Download, RequestsFollowTheChunkBoundaries) {
   EXPECT_EQ(result.bytes_downloaded, 1000 + 1001 + 2500);
   EXPECT_EQ(result.features_downloaded, 1);
   EXPECT_TRUE(events().empty());
+  // Kept alive across files, and the store never sees the token.
+  EXPECT_EQ(store_.connection_count(), 1u);
+  for (const auto& r : store_.requests()) {
+    EXPECT_EQ(r.header("Authorization"), std::nullopt);
+    EXPECT_EQ(r.header("User-Agent"), "quillmarsh-sync/0.0.3");
+  }
 }
 
 // Each case fails once somewhere in a file of five chunks; the next attempt

@@ -27,15 +27,6 @@ TEST(Manifest, KeepsValuesAsTheJsonHeldThemWithDefaultsOnlyForMissingKeys) {
   EXPECT_FALSE(_manifest_has_agent_bundle_declarations(null_files));
 }
 
-TEST(Manifest, FilesIsTheDataObjectsOwnMember) {
-  auto data = manifest_data(R"({"files": {"a.bin": {"size_bytes": 1}}})");
-  Manifest m(data);
-  m.files()["a.bin"]["sha256"] = "repaired";
-  EXPECT_EQ((*data)["files"]["a.bin"]["sha256"], "repaired");
-  EXPECT_EQ(m.to_dict()["files"]["a.bin"]["sha256"], "repaired");
-  EXPECT_EQ(m._data.get(), data.get());
-}
-
 TEST(ManifestFilters, RetiredPredicateCountsExactlyFiveSegments) {
   for (const char* path : {"found_strategies/a/b/c/pnl.long.arrow", "found_signals\\a\\b\\c\\pnl_long.arrow",
                            "/found_signals/a/b/c/pnl_long.arrow/", "found_signals////pnl_long.arrow"}) {
