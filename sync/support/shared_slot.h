@@ -1,4 +1,6 @@
-#pragma once
+// A shared_ptr that several threads read and replace.
+#ifndef QUILLMARSH_SYNC_SUPPORT_SHARED_SLOT_H_
+#define QUILLMARSH_SYNC_SUPPORT_SHARED_SLOT_H_
 
 #include <memory>
 #include <mutex>
@@ -6,11 +8,10 @@
 
 namespace quillmarsh::sync {
 
-// A shared_ptr that threads read and replace concurrently. It stands in for
-// std::atomic<std::shared_ptr<T>>, whose libstdc++ 12 load() drops its lock
-// with relaxed order, so a reader's access is not ordered before the next
-// writer's and ThreadSanitizer rightly reports a race. A plain mutex is
-// cheap at the rate these slots change.
+// It stands in for std::atomic<std::shared_ptr<T>>, whose libstdc++ 12
+// load() drops its lock with relaxed order, so a reader's access is not
+// ordered before the next writer's and ThreadSanitizer rightly reports a
+// race. A plain mutex is cheap at the rate these slots change.
 template <typename T>
 class SharedSlot {
  public:
@@ -40,3 +41,5 @@ class SharedSlot {
 };
 
 }  // namespace quillmarsh::sync
+
+#endif  // QUILLMARSH_SYNC_SUPPORT_SHARED_SLOT_H_
