@@ -44,6 +44,9 @@ class Manifest {
   Json own_files_ = Json::object();
 };
 
+// Whether a stated value counts as given: null, false, zero and empty text or
+// containers do not; anything else does, whatever its kind.
+bool is_given(const Json& value);
 // The text under `key` of a file entry; "" when the entry is no object, or
 // the key is missing or holds something other than text.
 std::string entry_text(const Json& file_info, const char* key);

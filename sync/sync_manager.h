@@ -93,8 +93,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void unregister_era_callback(const EraCallback& callback);
   // Moves the data directory to era `new_era_id` while searches are stopped
   // (kill before, restart after a complete run); fails, leaving the live data
-  // whole or moved as far as the failure allowed, when it cannot.
-  void trigger_era_transition(std::int64_t new_era_id, std::function<void()> kill_searches_fn = nullptr,
+  // whole or moved as far as the failure allowed, when it cannot. The era is
+  // taken as the server gave it (null when it named none); an id without an
+  // integer fails where the run first needs one.
+  void trigger_era_transition(const Json& new_era_id, std::function<void()> kill_searches_fn = nullptr,
                               std::function<void()> restart_searches_fn = nullptr);
   // "Delete non-current era directories, return bytes freed." With
   // keep_current false, the current data goes as well.
@@ -285,10 +287,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::pair<std::int64_t, Json> _fetch_active_era_for_transition(bool allow_closing = false);
   // The era's normalised answer when `expected_era_id` is the active era;
   // EraError otherwise.
-  Json _confirm_active_era(std::int64_t expected_era_id, bool allow_closing = false);
+  Json _confirm_active_era(const Json& expected_era_id, bool allow_closing = false);
   // A newer active era's id, or absent while `expected_era_id` is still
   // active; EraError for an older one.
-  std::optional<std::int64_t> _check_transition_superseded(std::int64_t expected_era_id,
+  std::optional<std::int64_t> _check_transition_superseded(const Json& expected_era_id,
                                                            bool allow_closing = false);
 
   // --- Old-era cleanup ----------------------------------------------------

@@ -13,15 +13,6 @@
 namespace quillmarsh::sync {
 namespace {
 
-// Whether a stated value counts as given: null, false, zero and empty do not.
-bool given(const Json& value) {
-  if (value.is_null()) return false;
-  if (value.is_boolean()) return value.get<bool>();
-  if (value.is_number()) return value != Json(0);
-  if (value.is_string()) return !value.get_ref<const std::string&>().empty();
-  return !value.empty();  // a container by its members; anything else counts
-}
-
 // A copy of the entry for `file_path`, or an empty map.
 Json entry_copy(const Json& files, const std::string& file_path) {
   if (files.is_object()) {
@@ -51,7 +42,7 @@ void SyncManager::_repair_vocabulary_manifest_entry(Manifest& server_manifest, c
   const auto actual_size = static_cast<std::int64_t>(body.size());
 
   if (expected_sha == Json(actual_sha) && expected_size == Json(actual_size)) return;
-  if (given(expected_sha) && expected_sha != Json(actual_sha)) {
+  if (is_given(expected_sha) && expected_sha != Json(actual_sha)) {
     throw IntegrityError("Refusing to repair vocabulary manifest hash for " + file_path + ": expected " +
                          text_of_json(expected_sha) + ", got " + actual_sha);
   }

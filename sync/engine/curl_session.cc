@@ -163,6 +163,9 @@ void set_options(CURL* easy, const HttpRequest& request, curl_slist* headers, Ex
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, 512L * 1024);
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, error_buffer);
+  // Through a proxy, the tunnel's "200 Connection established" is not the
+  // server's answer: only the final response's head may end the wait for it.
+  curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, on_header);
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, &ex);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, on_body);

@@ -23,25 +23,6 @@ namespace {
 
 constexpr std::size_t kRehashPieceBytes = 1048576;
 
-// Whether a value counts as given: null, false, zero and empty ones do not.
-bool truthy(const Json& value) {
-  switch (value.type()) {
-    case Json::value_t::null:
-    case Json::value_t::discarded:
-      return false;
-    case Json::value_t::boolean:
-      return value.get<bool>();
-    case Json::value_t::number_integer:
-      return value.get<std::int64_t>() != 0;
-    case Json::value_t::number_unsigned:
-      return value.get<std::uint64_t>() != 0;
-    case Json::value_t::number_float:
-      return value.get<double>() != 0.0;
-    default:
-      return !value.empty() && !(value.is_string() && value.get_ref<const std::string&>().empty());
-  }
-}
-
 const Json& member(const Json& entry, const char* key) {
   static const Json kNull;
   const auto it = entry.find(key);
@@ -65,8 +46,8 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
   if (!file_info.is_object()) throw TypeError("file entry for " + file_path + " is not a mapping");
 
   Json base_url = member(file_info, "_manifest_base_url");
-  if (!truthy(base_url)) base_url = member(file_info, "base_url");
-  if (!truthy(base_url)) {
+  if (!is_given(base_url)) base_url = member(file_info, "base_url");
+  if (!is_given(base_url)) {
     if (const std::shared_ptr<Manifest> manifest = _manifest.load()) base_url = manifest->base_url;
   }
   const std::string url = _manifest_file_url(_server_url, file_path, base_url);
@@ -198,7 +179,7 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
     }
 
     const std::string actual_sha = h->hexdigest();
-    if (truthy(expected_sha) && !(expected_sha.is_string() && expected_sha == actual_sha)) {
+    if (is_given(expected_sha) && !(expected_sha.is_string() && expected_sha == actual_sha)) {
       if (attempt < last_attempt) {
         if (retry_status_callback) retry_status_callback(wait_s);
         // A wrong digest leaves nothing worth resuming from.

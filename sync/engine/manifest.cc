@@ -82,6 +82,26 @@ const Json& Manifest::files() const {
 
 Json Manifest::to_dict() const { return *_data; }
 
+bool is_given(const Json& value) {
+  switch (value.type()) {
+    case Json::value_t::null:
+    case Json::value_t::discarded:
+      return false;
+    case Json::value_t::boolean:
+      return value.get<bool>();
+    case Json::value_t::number_integer:
+      return value.get<std::int64_t>() != 0;
+    case Json::value_t::number_unsigned:
+      return value.get<std::uint64_t>() != 0;
+    case Json::value_t::number_float:
+      return value.get<double>() != 0.0;
+    case Json::value_t::string:
+      return !value.get_ref<const std::string&>().empty();
+    default:
+      return !value.empty();
+  }
+}
+
 std::string entry_text(const Json& file_info, const char* key) {
   if (!file_info.is_object()) return "";
   const auto it = file_info.find(key);

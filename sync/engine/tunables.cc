@@ -34,9 +34,11 @@ std::optional<double> parse_float(const std::string& text) {
   return value;
 }
 
+// An integer setting has no upper bound, so digits beyond 64 bits stand for
+// the largest value rather than for a mistake.
 std::optional<std::int64_t> parse_int(const std::string& text) {
   try {
-    return integer_of_text(text);
+    return saturating_integer_of_text(text);
   } catch (const ValueError&) {
     return std::nullopt;
   }

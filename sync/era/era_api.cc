@@ -57,25 +57,26 @@ std::pair<std::int64_t, Json> SyncManager::_fetch_active_era_for_transition(bool
 
 namespace {
 
-[[noreturn]] void fail_era_mismatch(std::int64_t active_era_id, std::int64_t expected_era_id) {
+[[noreturn]] void fail_era_mismatch(std::int64_t active_era_id, const Json& expected_era_id) {
   throw EraError("Active era_id=" + std::to_string(active_era_id) +
-                 " does not match requested transition era_id=" + std::to_string(expected_era_id));
+                 " does not match requested transition era_id=" + text_of_json(expected_era_id));
 }
 
 }  // namespace
 
-Json SyncManager::_confirm_active_era(std::int64_t expected_era_id, bool allow_closing) {
+Json SyncManager::_confirm_active_era(const Json& expected_era_id, bool allow_closing) {
   auto [active_era_id, era_manifest] = _fetch_active_era_for_transition(allow_closing);
   // A newer era fails here just as an older one does.
-  if (active_era_id != expected_era_id) fail_era_mismatch(active_era_id, expected_era_id);
+  if (active_era_id != integer_of(expected_era_id)) fail_era_mismatch(active_era_id, expected_era_id);
   return std::move(era_manifest);
 }
 
-std::optional<std::int64_t> SyncManager::_check_transition_superseded(std::int64_t expected_era_id,
+std::optional<std::int64_t> SyncManager::_check_transition_superseded(const Json& expected_era_id,
                                                                       bool allow_closing) {
   const std::int64_t active_era_id = _fetch_active_era_for_transition(allow_closing).first;
-  if (active_era_id > expected_era_id) return active_era_id;
-  if (active_era_id != expected_era_id) fail_era_mismatch(active_era_id, expected_era_id);
+  const std::int64_t expected = integer_of(expected_era_id);
+  if (active_era_id > expected) return active_era_id;
+  if (active_era_id != expected) fail_era_mismatch(active_era_id, expected_era_id);
   return std::nullopt;
 }
 

@@ -8,8 +8,8 @@
 #include "sync/collaborators/transport_security.h"
 #include "sync/engine/transport.h"
 #include "sync/era/era_api.h"
+#include "sync/era/era_id.h"
 #include "sync/errors.h"
-#include "sync/support/integer.h"
 #include "sync/support/log.h"
 #include "sync/support/repr.h"
 #include "sync/support/text.h"
@@ -33,8 +33,9 @@ void EraThread::start() {
   if (_started.load()) throw StateError("EraThread already started");
   _stop_event.clear();
   _started.store(true);
+  // Taken as the manifest holds it: whatever it is, the monitor must run.
   if (const std::shared_ptr<Manifest> manifest = _sync_manager->_manifest.load()) {
-    _last_known_era_id = integer_of(manifest->era_id);
+    _last_known_era_id = manifest->era_id;
   }
   // The worker holds this object, so a stop that gives up waiting cannot
   // pull it from under a transition still running.
@@ -67,8 +68,9 @@ void EraThread::_poll_once() {
     check_utf8(response.body);
     const Json data = _normalize_era_current_response(parse_json_text(response.body));
     if (!data.is_object()) throw TypeError("era response is not an object: " + quoted_json(data));
-    std::optional<std::int64_t> era_id;
-    if (data.contains("era_id") && !data["era_id"].is_null()) era_id = integer_of(data["era_id"]);
+    // As it came: the comparisons below need no number, and the transition
+    // converts it where it needs one.
+    const Json era_id = data.contains("era_id") ? data["era_id"] : Json();
     const Json state = data.contains("state") ? data["state"] : Json("active");
     const Json next_closing_at = data.contains("next_closing_at") ? data["next_closing_at"] : Json();
 
@@ -76,7 +78,7 @@ void EraThread::_poll_once() {
       log_info("Scheduled close announced at %s. Continue normal operation.", {text_of_json(next_closing_at)});
     }
 
-    if (_in_closing && state == "active" && era_id == _last_known_era_id) {
+    if (_in_closing && state == "active" && era_ids_equal(era_id, _last_known_era_id)) {
       log_info("Era transition cancelled \u2014 resuming normal operation.");
       _in_closing = false;
       if (_restart_searches_fn) {
@@ -93,8 +95,7 @@ void EraThread::_poll_once() {
       _in_closing = true;
       log_info("Scheduled close announced at %s. Continue normal operation.", {text_of_json(next_closing_at)});
       try {
-        if (!era_id) throw TypeError("the closing era has no era_id");
-        _sync_manager->trigger_era_transition(*era_id, _kill_searches_fn, _restart_searches_fn);
+        _sync_manager->trigger_era_transition(era_id, _kill_searches_fn, _restart_searches_fn);
         _clear_transition_failed();
       } catch (const std::exception& e) {
         _mark_transition_failed("closing", e);
@@ -102,12 +103,12 @@ void EraThread::_poll_once() {
       return;
     }
 
-    if (era_id && _last_known_era_id && *era_id != *_last_known_era_id) {
+    if (!era_id.is_null() && !_last_known_era_id.is_null() && !era_ids_equal(era_id, _last_known_era_id)) {
       // A lower era counts too; the transition's gates judge the state.
-      const std::optional<std::int64_t> previous_era_id = _last_known_era_id;
+      const Json previous_era_id = _last_known_era_id;
       _in_closing = false;
       try {
-        _sync_manager->trigger_era_transition(*era_id, _kill_searches_fn, _restart_searches_fn);
+        _sync_manager->trigger_era_transition(era_id, _kill_searches_fn, _restart_searches_fn);
         _last_known_era_id = era_id;
         _clear_transition_failed();
       } catch (const std::exception& e) {
@@ -116,7 +117,9 @@ void EraThread::_poll_once() {
         return;
       }
       try {
-        agent_onboarding_slot().require()->update_nudge("era_change", *era_id, previous_era_id);
+        // The transition that just succeeded found the integer of era_id.
+        agent_onboarding_slot().require()->update_nudge("era_change", era_integer(era_id).value_or(0),
+                                                        era_integer(previous_era_id));
       } catch (const std::exception& e) {
         log_warning("update_nudge call failed: %s", {e});
       }

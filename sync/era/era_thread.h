@@ -14,6 +14,7 @@
 
 #include "sync/support/background_thread.h"
 #include "sync/support/event.h"
+#include "sync/support/json_text.h"
 
 namespace quillmarsh::sync {
 
@@ -58,7 +59,8 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
   Event _stop_event;
   std::atomic<bool> _started{false};
   // From here on, the worker's own state once start has run.
-  std::optional<std::int64_t> _last_known_era_id;
+  // As the manifest or the server held it; null while unknown.
+  Json _last_known_era_id;
   std::optional<std::string> _last_known_state;
   bool _in_closing = false;
   bool _transition_failed = false;

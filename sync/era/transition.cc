@@ -11,6 +11,7 @@
 
 #include <exception>
 
+#include "sync/era/era_id.h"
 #include "sync/era/transition_run.h"
 #include "sync/support/integer.h"
 #include "sync/support/file_tree.h"
@@ -70,14 +71,14 @@ void sweep_superseded_tmp_files(const std::string& data_dir) {
   }
 }
 
-std::string m1_text(const std::string& min_ver, std::int64_t new_era_id) {
-  return "quillmarsh >= " + min_ver + " required for era " + std::to_string(new_era_id) +
+std::string m1_text(const std::string& min_ver, const Json& new_era_id) {
+  return "quillmarsh >= " + min_ver + " required for era " + text_of_json(new_era_id) +
          ". Build a local wheel with build_wheel() and install it with: pip install --upgrade "
          "/path/to/quillmarsh-*.whl";
 }
 
-std::string m2_text(const std::string& min_ver, std::int64_t new_era_id, const std::string& reason) {
-  return "quillmarsh >= " + min_ver + " required for era " + std::to_string(new_era_id) +
+std::string m2_text(const std::string& min_ver, const Json& new_era_id, const std::string& reason) {
+  return "quillmarsh >= " + min_ver + " required for era " + text_of_json(new_era_id) +
          "; auto-update failed: " + reason +
          ". Build a local wheel with build_wheel() and install it with: pip install --upgrade "
          "/path/to/quillmarsh-*.whl";
@@ -132,7 +133,7 @@ void pass_library_gate(SyncManager& manager, TransitionRun& run) {
 void fetch_new_manifest(SyncManager& manager, TransitionRun& run) {
   const HttpResponse response = manager._http_get(manager._server_url + "/data/manifest");
   if (response.status != 200) {
-    throw SyncError("Failed to fetch era " + std::to_string(run.new_era_id) +
+    throw SyncError("Failed to fetch era " + text_of_json(run.new_era_id) +
                     " manifest: HTTP " + std::to_string(response.status));
   }
   check_utf8(response.body);
@@ -145,9 +146,9 @@ void fetch_new_manifest(SyncManager& manager, TransitionRun& run) {
     throw EraError("Era transition manifest has invalid era_id=" + quoted_json(run.new_manifest->era_id),
                    std::current_exception());
   }
-  if (run.manifest_era_id != run.new_era_id) {
+  if (run.manifest_era_id != integer_of(run.new_era_id)) {
     throw EraError("Era transition manifest era_id=" + std::to_string(run.manifest_era_id) +
-                   " does not match active era_id=" + std::to_string(run.new_era_id));
+                   " does not match active era_id=" + text_of_json(run.new_era_id));
   }
   run.sync_result = SyncResult{};
   run.sync_result.era_id = run.manifest_era_id;
@@ -155,7 +156,7 @@ void fetch_new_manifest(SyncManager& manager, TransitionRun& run) {
 
 }  // namespace transition
 
-void SyncManager::trigger_era_transition(std::int64_t new_era_id, std::function<void()> kill_searches_fn,
+void SyncManager::trigger_era_transition(const Json& new_era_id, std::function<void()> kill_searches_fn,
                                          std::function<void()> restart_searches_fn) {
   using transition::TransitionRun;
   TransitionRun run;
@@ -166,11 +167,10 @@ void SyncManager::trigger_era_transition(std::int64_t new_era_id, std::function<
   run.deployment = deployment_slot().require();
   run.search_tracking = search_tracking_slot().require();
 
-  // A manifest whose era_id is null names no era: the move counts as a first one.
-  if (const std::shared_ptr<Manifest> manifest = _manifest.load(); manifest && !manifest->era_id.is_null()) {
-    run.previous_era_id = integer_of(manifest->era_id);
-  }
-  run.has_real_era_advance = !run.previous_era_id || new_era_id > *run.previous_era_id;
+  // A manifest whose era_id is null names no era: the move counts as a first
+  // one. Ids of kinds that cannot be ordered fail here, before anything moved.
+  if (const std::shared_ptr<Manifest> manifest = _manifest.load()) run.previous_era_id = manifest->era_id;
+  run.has_real_era_advance = run.previous_era_id.is_null() || era_id_greater(new_era_id, run.previous_era_id);
   run.allow_closing_confirmation = !run.has_real_era_advance;
   run.transition_lock_path = join_path(_data_dir, ".transition_lock");
 

@@ -12,6 +12,7 @@
 #include "sync/collaborators/auth.h"
 #include "sync/collaborators/identity.h"
 #include "sync/engine/file_primitives.h"
+#include "sync/era/era_id.h"
 #include "sync/era/transition_run.h"
 #include "sync/paths/manifest_paths.h"
 #include "sync/support/file_tree.h"
@@ -106,13 +107,13 @@ void remove_what_the_era_lacks(SyncManager& manager, TransitionRun& run,
 
 void notify_siblings(SyncManager& manager, TransitionRun& run) {
   try {
-    auth_slot().require()->notify_era_change(run.new_era_id);
+    auth_slot().require()->notify_era_change(run.manifest_era_id);
   } catch (const std::exception& e) {
     log_warning("Failed to notify auth about era change: %s", {e});
   }
   const std::shared_ptr<SearchTracker> tracker = open_tracker(manager, run);
   try {
-    tracker->handle_era_transition(run.new_era_id, run.previous_era_id);
+    tracker->handle_era_transition(run.manifest_era_id, era_integer(run.previous_era_id));
   } catch (...) {
     tracker->close();
     throw;

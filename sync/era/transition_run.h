@@ -20,10 +20,12 @@
 namespace quillmarsh::sync::transition {
 
 struct TransitionRun {
-  std::int64_t new_era_id = 0;
+  // As the caller gave it; the gates and the manifest check take its integer.
+  Json new_era_id;
   // Set when a newer era overtook new_era_id; the run then starts again.
   std::optional<std::int64_t> superseded_era_id;
-  std::optional<std::int64_t> previous_era_id;
+  // The era of the manifest in force, as it holds it; null when none.
+  Json previous_era_id;
   // A move to a higher era (or a first one) demands "active" at every gate;
   // a run for the era on disk, or an older one, also accepts "closing".
   bool has_real_era_advance = true;
@@ -37,6 +39,7 @@ struct TransitionRun {
   std::shared_ptr<SearchTracking> search_tracking;
 
   std::shared_ptr<Manifest> new_manifest;
+  // Equal to the integer of new_era_id once the new manifest is checked.
   std::int64_t manifest_era_id = 0;
   // Scratch record for _download_file; never returned.
   SyncResult sync_result;

@@ -11,6 +11,7 @@
 #include "sync/paths/manifest_paths.h"
 #include "sync/support/file_tree.h"
 #include "sync/support/posix_file.h"
+#include "sync/support/repr.h"
 #include "sync/support/sleep.h"
 
 namespace quillmarsh::sync::transition {
@@ -35,7 +36,7 @@ bool superseded(SyncManager& manager, TransitionRun& run) {
       manager._check_transition_superseded(run.new_era_id, run.allow_closing_confirmation);
   if (!active_superseding_era_id) return false;
   run.superseded_era_id = active_superseding_era_id;
-  set_status(manager, "Era " + std::to_string(run.new_era_id) + " superseded by era " +
+  set_status(manager, "Era " + text_of_json(run.new_era_id) + " superseded by era " +
                           std::to_string(*active_superseding_era_id) + "; restarting transition.");
   return true;
 }

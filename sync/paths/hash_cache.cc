@@ -205,14 +205,16 @@ bool SyncManager::_local_file_matches_manifest(const std::string& file_path, con
     }
     if (expected_size >= 0 && key.size_bytes != expected_size) return false;
   }
-  const std::string expected_sha = entry_text(file_info, "sha256");
-  if (expected_sha.empty()) return true;
-  if (cache_allowed) {
-    if (cached_sha_at(*this, file_path, key, expected_sha)) return true;
+  const auto sha = file_info.is_object() ? file_info.find("sha256") : file_info.end();
+  if (sha == file_info.end() || !is_given(*sha)) return true;
+  // A given digest of another kind than text is still compared, and differs.
+  const std::string* expected_sha = sha->is_string() ? &sha->get_ref<const std::string&>() : nullptr;
+  if (cache_allowed && expected_sha) {
+    if (cached_sha_at(*this, file_path, key, *expected_sha)) return true;
   }
   const std::string actual_sha = _sha256_file(local_path);
   if (cache_allowed) _remember_local_sha(file_path, local_path, actual_sha);
-  return actual_sha == expected_sha;
+  return expected_sha != nullptr && actual_sha == *expected_sha;
 }
 
 bool SyncManager::_local_manifest_files_complete(const Manifest& manifest) {

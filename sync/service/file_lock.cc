@@ -11,8 +11,22 @@ namespace quillmarsh::sync {
 void SyncManager::_acquire_flock() {
   _flock_lock.lock();
   try {
-    if (!_flock_fd) _flock_fd = open_lock_file(_flock_path);
-    lock_exclusive(*_flock_fd, _flock_path);
+    for (;;) {
+      if (!_flock_fd) _flock_fd = open_lock_file(_flock_path);
+      lock_exclusive(*_flock_fd, _flock_path);
+      // A holder deletes the file before it unlocks, so a process that
+      // waited on a file that has since gone would share "the" lock with a
+      // newcomer that made a new one. Only a lock on the file the path
+      // still names counts; otherwise wait again on the new file.
+      if (names_same_file(*_flock_fd, _flock_path)) return;
+      const int stale = *_flock_fd;
+      _flock_fd.reset();
+      try {
+        close_file(stale, _flock_path);
+      } catch (const std::exception& e) {
+        log_debug("Failed to close flock file descriptor: %s", {e});
+      }
+    }
   } catch (...) {
     if (_flock_fd) {
       try {
@@ -32,6 +46,15 @@ void SyncManager::_release_flock() {
   // Only the holder touches the descriptor: a stray release from another
   // thread must not pull the lock from under the thread that holds it.
   if (_flock_lock.held_by_this_thread() && _flock_fd) {
+    // The file exists only while someone holds or waits for the lock. It
+    // goes while the lock is still held, so that no one can lock it anew
+    // between the unlock and the unlink; waiters on it see that the path
+    // has moved on and start again.
+    try {
+      remove_file(_flock_path);
+    } catch (const std::exception& e) {
+      log_debug("Failed to remove flock file: %s", {e});
+    }
     try {
       unlock(*_flock_fd, _flock_path);
     } catch (...) {
@@ -43,12 +66,6 @@ void SyncManager::_release_flock() {
       log_debug("Failed to close flock file descriptor: %s", {e});
     }
     _flock_fd.reset();
-    // The file exists only while someone holds or waits for the lock.
-    try {
-      remove_file(_flock_path);
-    } catch (const std::exception& e) {
-      log_debug("Failed to remove flock file: %s", {e});
-    }
   }
   try {
     _flock_lock.unlock();

@@ -114,9 +114,11 @@ bool SyncManager::needs_sync() {
   if ((version == data.end() ? Json(0) : *version) != manifest->version) return true;
   for (const char* key : {"manifest_sha256", "manifest_sha", "sha256"}) {
     const auto digest = data.find(key);
-    if (digest == data.end() || !digest->is_string() || digest->get_ref<const std::string&>().empty()) continue;
+    if (digest == data.end() || !is_given(*digest)) continue;
     try {
-      if (_sha256_file(join_path(_data_dir, "manifest.json")) != digest->get<std::string>()) return true;
+      // A digest that is not text can only differ.
+      const std::string local_sha = _sha256_file(join_path(_data_dir, "manifest.json"));
+      if (!digest->is_string() || local_sha != digest->get_ref<const std::string&>()) return true;
     } catch (const OSError&) {
       return true;
     }

@@ -4,10 +4,10 @@
 // one.
 #include <utility>
 
+#include "sync/era/era_id.h"
 #include "sync/era/era_thread.h"
 #include "sync/support/log.h"
 #include "sync/support/posix_file.h"
-#include "sync/support/integer.h"
 #include "sync/support/real_path.h"
 #include "sync/sync_manager.h"
 
@@ -92,18 +92,14 @@ void SyncManager::_start_internal() {
   std::shared_ptr<EraThread> era_thread = _era_thread.load();
   if (!era_thread) {
     const std::weak_ptr<SyncManager> weak = weak_from_this();
-    // The monitor asks for the manager's token source as it is at each poll,
-    // so a get_or_create that brings a new one reaches the monitor too.
-    TokenSource get_token = [weak]() -> std::string {
-      const std::shared_ptr<SyncManager> self = weak.lock();
-      if (!self) throw StateError("SyncManager is gone");
-      TokenSource source;
-      {
-        std::lock_guard<std::mutex> lock(self->token_mu_);
-        source = self->_get_token;
-      }
-      return source();
-    };
+    // The monitor keeps the token source in force now; a later get_or_create
+    // with another one reaches the poll thread, and the monitor built after
+    // the next stop.
+    TokenSource get_token;
+    {
+      std::lock_guard<std::mutex> lock(token_mu_);
+      get_token = _get_token;
+    }
     era_thread = std::make_shared<EraThread>(
         _server_url, std::move(get_token), shared_from_this(), _poll_interval,
         [weak] { if (auto self = weak.lock()) self->_kill_fn(); },
@@ -119,9 +115,11 @@ void SyncManager::_start_internal() {
 
 namespace {
 
+// The listeners take an integer: the manifest's era where it has one, else 0,
+// so that no manifest can stop the searches from being told.
 std::int64_t era_in_force(const SyncManager& manager) {
   const std::shared_ptr<Manifest> manifest = manager._manifest.load();
-  return manifest ? integer_of(manifest->era_id) : 0;
+  return manifest ? era_integer(manifest->era_id).value_or(0) : 0;
 }
 
 }  // namespace

@@ -11,7 +11,9 @@
 
 namespace quillmarsh::sync {
 
-std::int64_t integer_of_text(std::string_view text) {
+namespace {
+
+std::int64_t parse_decimal(std::string_view text, bool saturate) {
   const std::string_view body = strip(text);
   auto invalid = [&] {
     return ValueError("invalid literal for int() with base 10: " + quoted(text));
@@ -32,11 +34,18 @@ std::int64_t integer_of_text(std::string_view text) {
   (void)end;
   constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
   if (ec != std::errc() || magnitude > kMax + (negative ? 1 : 0)) {
-    throw ValueError("integer out of range: " + quoted(text));
+    if (!saturate) throw ValueError("integer out of range: " + quoted(text));
+    return negative ? std::numeric_limits<std::int64_t>::min() : std::numeric_limits<std::int64_t>::max();
   }
   if (negative) return static_cast<std::int64_t>(0 - magnitude);
   return static_cast<std::int64_t>(magnitude);
 }
+
+}  // namespace
+
+std::int64_t integer_of_text(std::string_view text) { return parse_decimal(text, false); }
+
+std::int64_t saturating_integer_of_text(std::string_view text) { return parse_decimal(text, true); }
 
 std::int64_t integer_of(const Json& value) {
   switch (value.type()) {

@@ -229,6 +229,17 @@ void unlock(int fd, const std::string& path) {
   if (::flock(fd, LOCK_UN) != 0) raise_os_error(errno, path);
 }
 
+bool names_same_file(int fd, const std::string& path) {
+  struct stat held;
+  if (::fstat(fd, &held) != 0) raise_os_error(errno, path);
+  struct stat named;
+  if (::stat(path.c_str(), &named) != 0) {
+    if (errno == ENOENT) return false;
+    raise_os_error(errno, path);
+  }
+  return held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
 void close_file(int fd, const std::string& path) {
   if (::close(fd) != 0) raise_os_error(errno, path);
 }

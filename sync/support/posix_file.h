@@ -97,6 +97,9 @@ std::int64_t mtime_ns(const std::string& path);
 int open_lock_file(const std::string& path);
 void lock_exclusive(int fd, const std::string& path);  // blocks
 void unlock(int fd, const std::string& path);
+// Whether `path` still names the file open at `fd` (same device and inode);
+// false when the path is gone, OSError when it cannot be looked at.
+bool names_same_file(int fd, const std::string& path);
 void close_file(int fd, const std::string& path);
 
 // Joins like a shell would: an absolute `b` replaces `a`.

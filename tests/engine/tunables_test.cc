@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
+#include <limits>
 
 #include "sync/support/log.h"
 #include "tests/support/scoped_env.h"
@@ -53,6 +55,16 @@ TEST_F(Tunables, IntegerReadersClampSilentlyAndUnusableValuesFallBackLoudly) {
   EXPECT_EQ(_sync_max_concurrency(), 1);
   EXPECT_EQ(_sync_http_chunk_bytes(), 4096);
   EXPECT_EQ(_sync_parallel_timeout_seconds(10, 8), std::nullopt);  // absent, not a computed bound
+  // No upper bound: digits beyond 64 bits saturate, and below the clamp still applies.
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  env_.set("QUILLMARSH_SYNC_HTTP_RETRIES", "123456789012345678901234567890");
+  env_.set("QUILLMARSH_SYNC_HTTP_CHUNK_BYTES", "99999999999999999999");
+  EXPECT_EQ(_sync_http_retries(), kMax);
+  EXPECT_EQ(_sync_http_chunk_bytes(), kMax);
+  env_.set("QUILLMARSH_SYNC_HTTP_RETRIES", "-99999999999999999999");
+  env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "-99999999999999999999");
+  EXPECT_EQ(_sync_http_retries(), 0);
+  EXPECT_EQ(_sync_max_concurrency(), 1);
   EXPECT_TRUE(log_.records().empty());
 
   env_.set("QUILLMARSH_SYNC_HTTP_CHUNK_BYTES", "0").set("QUILLMARSH_SYNC_HTTP_RETRIES", "2.0");

@@ -67,7 +67,7 @@ class EraMonitor : public EraFixture {
 struct Row {
   const char* name;
   bool in_closing;
-  std::optional<std::int64_t> known;
+  Json known;  // null: no era known
   Json answer;
   bool transition;                     // the transition was entered
   std::optional<std::string> failure;  // the context recorded for its failure
@@ -84,18 +84,26 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
       {"active, era = K", false, 1, flat_era(1, "active"), false, std::nullopt, false, false},
       {"active, era != K", false, 1, flat_era(2, "active"), true, "new era", false, false},
       {"lower era counts", false, 3, flat_era(2, "active"), true, "new era", false, false},
-      {"active, K absent", false, std::nullopt, flat_era(5, "active"), false, std::nullopt, false, false},
+      {"active, K absent", false, nullptr, flat_era(5, "active"), false, std::nullopt, false, false},
       {"closing, era = K", false, 1, flat_era(1, "closing"), true, "closing", false, true},
-      {"closing, K absent", false, std::nullopt, flat_era(3, "closing"), true, "closing", false, true},
-      {"closing without era id", false, 1, wrapped_era(nullptr, Json("closing")), false, "closing", false, true},
+      {"closing, K absent", false, nullptr, flat_era(3, "closing"), true, "closing", false, true},
+      // The transition is called with no era: with no manifest to compare
+      // it with, it runs until its first look at the era fails.
+      {"closing without era id", false, 1, wrapped_era(nullptr, Json("closing")), true, "closing", false, true},
       {"in closing: closing, era = K", true, 1, flat_era(1, "closing"), false, std::nullopt, false, true},
       {"in closing: closing, era != K", true, 1, flat_era(2, "closing"), true, "new era", false, false},
       {"in closing: active, era = K", true, 1, flat_era(1, "active"), false, std::nullopt, true, false},
-      {"in closing: era as text equals K", true, 7, flat_era("7", "active"), false, std::nullopt, true, false},
+      {"in closing: era as text is another value", true, 7, flat_era("7", "active"), true, "new era", false, false},
+      {"in closing: era as float equals K", true, 7, flat_era(7.0, "active"), false, std::nullopt, true, false},
+      // Compared as they stand: text that is no number is another era, and
+      // the transition's gate is what refuses it.
+      {"era as text without a number", true, 1, flat_era("seven", "active"), true, "new era", false, false},
+      {"K as text, era as text", false, "seven", flat_era("seven", "active"), false, std::nullopt, false, false},
+      {"K as text, another era", false, "seven", flat_era(8, "active"), true, "new era", false, false},
       {"in closing: no state means active", true, 1, flat_era(1, std::nullopt), false, std::nullopt, true, false},
-      {"in closing: active, no era, K absent", true, std::nullopt, wrapped_era(nullptr, Json("active")), false,
+      {"in closing: active, no era, K absent", true, nullptr, wrapped_era(nullptr, Json("active")), false,
        std::nullopt, true, false},
-      {"in closing: active, K absent", true, std::nullopt, flat_era(2, "active"), false, std::nullopt, false, true},
+      {"in closing: active, K absent", true, nullptr, flat_era(2, "active"), false, std::nullopt, false, true},
       {"in closing: active, era != K", true, 1, flat_era(2, "active"), true, "new era", false, false},
       {"between eras", false, 1, wrapped_era(nullptr), false, std::nullopt, false, false},
       {"in closing: between eras", true, 1, wrapped_era(nullptr), false, std::nullopt, false, true},
@@ -145,12 +153,12 @@ TEST_F(EraMonitor, UnansweredOrUnreadablePollsChangeNothing) {
   mon->_poll_once();
   EXPECT_TRUE(log_.records().empty());
 
-  for (const char* body : {"{not json", "[1, 2]", "{\"era_id\": \"seven\", \"state\": \"active\"}"}) {
+  for (const char* body : {"{not json", "[1, 2]"}) {
     api_.put("/era/current", body);
     mon->_poll_once();
   }
-  EXPECT_EQ(logged_starting("Era poll failed: "), 3u);
-  EXPECT_EQ(log_.records().size(), 3u);
+  EXPECT_EQ(logged_starting("Era poll failed: "), 2u);
+  EXPECT_EQ(log_.records().size(), 2u);
   EXPECT_TRUE(events_.events().empty());
   EXPECT_EQ(mon->_last_known_era_id, 1);
   EXPECT_TRUE(mon->_in_closing);
@@ -189,6 +197,22 @@ TEST_F(EraMonitor, NewEraFailureIsRetriedAndSuccessNudgesTheOnboarding) {
   EXPECT_EQ(events.front(), "kill");
   EXPECT_EQ(count("restart"), 1u);
   EXPECT_EQ(events.back(), "nudge era_change 2 prev=1");
+}
+
+// With an era on disk, a close that names no era cannot be ordered against
+// it: the transition fails before it has touched anything.
+TEST_F(EraMonitor, AClosingAnswerWithoutAnEraFailsTheTransitionBeforeItStarts) {
+  auto manager = synced_manager(1, {{"features/a/one.bin", "era one"}});
+  auto mon = monitor(manager);
+  mon->_last_known_era_id = 1;
+  answer_era(wrapped_era(nullptr, Json("closing")));
+  mon->_poll_once();
+  EXPECT_EQ(mon->_last_transition_error, "closing: '>' not supported between instances of 'NoneType' and 'int'");
+  EXPECT_TRUE(mon->_in_closing);
+  EXPECT_TRUE(events_.events().empty());
+  EXPECT_FALSE(manager->_in_transition);
+  EXPECT_FALSE(path_exists(path(".transition_lock")));
+  EXPECT_EQ(manager->get_manifest()->era_id, 1);
 }
 
 }  // namespace

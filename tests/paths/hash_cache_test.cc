@@ -240,8 +240,15 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
   EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("12345")));
   EXPECT_FALSE(m->_local_file_matches_manifest("missing.bin", path("missing.bin"), entry_of("1234")));
   EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", "4"}, {"sha256", ""}}));
+  EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", 4}, {"sha256", nullptr}}));
   EXPECT_EQ(watch.opens(), 0);
   EXPECT_TRUE(m->_hash_cache.empty());
+  // A given digest that is not text is compared all the same, and differs.
+  for (const Json& digest : {Json(7), Json(true), Json::array({_sha256("1234")})}) {
+    EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", 4}, {"sha256", digest}}))
+        << digest.dump();
+  }
+  m->_hash_cache.clear();
 
   // An unusable or negative size leaves the decision to the digest.
   for (const Json& size : {Json(-1), Json("many")}) {

@@ -86,11 +86,12 @@ TEST_F(Registry, FirstAcquireStartsTheThreadsAndLastReleaseStopsAndEvicts) {
   ASSERT_NE(poll_thread, nullptr);
   ASSERT_NE(monitor, nullptr);
   ASSERT_TRUE(wait_until([&] { return api_.request_count("/era/current") == 1; }));
-  // The monitor asks the manager for its newest token.
+  // The monitor keeps the token source it was built with; a newer one
+  // reaches the manager's own requests.
   EXPECT_EQ(last_authorization("/era/current"), "Bearer first");
   EXPECT_EQ(shared(dir_.path(), token("second")), m);
   monitor->_poll_once();
-  EXPECT_EQ(last_authorization("/era/current"), "Bearer second");
+  EXPECT_EQ(last_authorization("/era/current"), "Bearer first");
 
   m->acquire();
   m->release();
@@ -139,6 +140,31 @@ TEST_F(Registry, CountLeftByAnEarlierProcessIsTakenOverAsItStands) {
   EXPECT_EQ(count_file(), "5");
   SyncManager::_evict(dir_.path());
   EXPECT_NE(shared(dir_.path()), m);
+}
+
+// The manifest's era is taken as it stands: whatever it holds, acquire starts
+// the monitor, and the era listeners hear its integer where it has one, else 0.
+TEST_F(Registry, AManifestEraOfAnyKindNeitherStopsTheMonitorNorTheListeners) {
+  quiet_server();
+  const std::vector<std::pair<Json, std::int64_t>> eras = {
+      {nullptr, 0}, {"seven", 0}, {"7", 7}, {Json::array({1}), 0}, {3, 3}};
+  for (const auto& [era, told] : eras) {
+    SCOPED_TRACE(era.dump());
+    auto m = shared(dir_.path());
+    m->_manifest.store(std::make_shared<Manifest>(Json{{"era_id", era}, {"files", Json::object()}}));
+    std::vector<std::pair<std::string, std::int64_t>> heard;
+    m->register_era_callback(std::make_shared<const SyncManager::EraCallbackFn>(
+        [&heard](const std::string& event, std::int64_t era_id) { heard.emplace_back(event, era_id); }));
+    ASSERT_NO_THROW(m->acquire());
+    const auto monitor = m->_era_thread.load();
+    ASSERT_NE(monitor, nullptr);
+    EXPECT_TRUE(monitor->is_alive());
+    EXPECT_EQ(monitor->_last_known_era_id, era);
+    m->_kill_fn();
+    m->_restart_fn();
+    EXPECT_EQ(heard, (std::vector<std::pair<std::string, std::int64_t>>{{"kill", told}, {"restart", told}}));
+    m->release();
+  }
 }
 
 // An acquire after start() adds no monitor, and the last release still
