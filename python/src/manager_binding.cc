@@ -30,7 +30,6 @@ std::string type_name_of(py::handle value) {
 
 // None stays empty, for the component's own "no token source" failure.
 SyncManager::TokenSource token_source(py::handle get_token) {
-  if (get_token.is_none()) return nullptr;
   if (!PyCallable_Check(get_token.ptr())) {
     throw py::type_error("get_token must be callable, got " + type_name_of(get_token));
   }
@@ -93,10 +92,24 @@ void set_progress_observer(SyncManager& self, py::handle observer) {
   self.set_progress_observer(std::move(fn));
 }
 
-std::shared_ptr<SyncManager> construct(py::handle data_dir, const std::string& server_url, py::handle get_token,
+// Every false value (None, "") is an empty URL to the manager's own check.
+std::string server_url_text(py::handle server_url) {
+  const int truth = PyObject_IsTrue(server_url.ptr());
+  if (truth < 0) throw py::error_already_set();
+  if (truth == 0) return "";
+  if (!py::isinstance<py::str>(server_url)) {
+    throw py::type_error("server_url must be str, not " + type_name_of(server_url));
+  }
+  return server_url.cast<std::string>();
+}
+
+// The arguments are checked in the manager's order: the token source, the
+// URL, then the directory.
+std::shared_ptr<SyncManager> construct(py::handle data_dir, py::handle server_url_arg, py::handle get_token,
                                        double poll_interval_s, bool shared) {
-  std::string dir = path_text(data_dir);
   SyncManager::TokenSource source = token_source(get_token);
+  const std::string server_url = server_url_text(server_url_arg);
+  std::string dir = path_text(data_dir);
   ReleasedGil nogil;
   std::shared_ptr<SyncManager> manager =
       shared ? SyncManager::get_or_create(dir, server_url, std::move(source), poll_interval_s)
@@ -113,7 +126,7 @@ void bind_manager(py::module_& m) {
       "Data synchronization manager with background polling and IPC.\n\n"
       "Keeps one local data directory identical to the data set that the server publishes for the "
       "current era.")
-      .def(py::init([](py::handle data_dir, const std::string& server_url, py::handle get_token,
+      .def(py::init([](py::handle data_dir, py::handle server_url, py::handle get_token,
                        double poll_interval_s) {
              return construct(data_dir, server_url, get_token, poll_interval_s, false);
            }),
@@ -121,7 +134,7 @@ void bind_manager(py::module_& m) {
            "Builds a manager from local state only; contacts no server.")
       .def_static(
           "get_or_create",
-          [](py::handle data_dir, const std::string& server_url, py::handle get_token, double poll_interval_s) {
+          [](py::handle data_dir, py::handle server_url, py::handle get_token, double poll_interval_s) {
             return construct(data_dir, server_url, get_token, poll_interval_s, true);
           },
           "data_dir"_a, "server_url"_a, "get_token"_a, "poll_interval_s"_a = 600.0,

@@ -60,8 +60,13 @@ class FailureTest(ServedEraTest):
         self.assertEqual(raised.exception.errno, errno.ENOENT)
         self.assertEqual(str(raised.exception), "data_dir does not exist: " + missing)
 
+        # The manager's checks in its order: the token source before the URL,
+        # the URL before the directory; None is an empty URL.
         with self.assertRaisesRegex(TypeError, "^get_token must be callable, got NoneType$"):
-            SyncManager(self.data_dir, self.era.api_url, None)
+            SyncManager(missing, None, None)
+        for server_url in (None, ""):
+            with self.assertRaisesRegex(ValueError, "^server_url must not be empty$"):
+                SyncManager.get_or_create(missing, server_url, lambda: TOKEN)
 
         # The host's transport check decides, and its failure comes through.
         with self.assertRaisesRegex(ValueError, "^Refusing to send a bearer token"):
