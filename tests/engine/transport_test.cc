@@ -1,6 +1,15 @@
 #include "sync/engine/transport.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
 
 #include "sync/collaborators/transport_security.h"
 #include "sync/errors.h"
@@ -20,6 +29,83 @@ using testing::TestServer;
 // test; the server's delays outlast it by a wide margin.
 constexpr const char* kShortTimeout = "1.0";
 constexpr double kLongerThanTimeout = 2.5;
+
+// A forward proxy that knows only CONNECT, as a company's proxy does for
+// HTTPS: it answers the tunnel's own head at once, then copies bytes both
+// ways until either side closes.
+class TunnelProxy {
+ public:
+  TunnelProxy() {
+    listen_fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), len) != 0 || ::listen(listen_fd_, 16) != 0 ||
+        ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+      throw std::runtime_error("proxy cannot listen");
+    }
+    port_ = ntohs(addr.sin_port);
+    acceptor_ = std::thread([this] { accept_loop(); });
+  }
+  ~TunnelProxy() {
+    stop_ = true;
+    ::shutdown(listen_fd_, SHUT_RDWR);
+    acceptor_.join();
+    ::close(listen_fd_);
+    for (std::thread& t : tunnels_) t.join();
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  int tunnels_opened() const { return opened_; }
+
+ private:
+  void accept_loop() {
+    for (;;) {
+      const int client = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (client < 0) return;
+      tunnels_.emplace_back([this, client] { tunnel(client); });
+    }
+  }
+  void tunnel(int client) {
+    std::string head;
+    char c;
+    while (head.find("\r\n\r\n") == std::string::npos && ::read(client, &c, 1) == 1) head += c;
+    // "CONNECT 127.0.0.1:PORT HTTP/1.1"
+    const std::size_t colon = head.find(':'), space = head.find(' ', colon);
+    const int upstream = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<std::uint16_t>(std::stoi(head.substr(colon + 1, space - colon - 1))));
+    if (head.starts_with("CONNECT ") &&
+        ::connect(upstream, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
+      const std::string established = "HTTP/1.1 200 Connection established\r\n\r\n";
+      if (::write(client, established.data(), established.size()) > 0) ++opened_;
+      pump(client, upstream);
+    }
+    ::close(upstream);
+    ::close(client);
+  }
+  void pump(int a, int b) {
+    pollfd fds[2] = {{a, POLLIN, 0}, {b, POLLIN, 0}};
+    char buffer[16384];
+    while (!stop_) {
+      if (::poll(fds, 2, 100) <= 0) continue;
+      for (int i = 0; i < 2; ++i) {
+        if (fds[i].revents == 0) continue;
+        const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
+        if (n <= 0 || ::write(fds[1 - i].fd, buffer, static_cast<std::size_t>(n)) != n) return;
+      }
+    }
+  }
+
+  int listen_fd_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::atomic<int> opened_{0};
+  std::thread acceptor_;
+  std::vector<std::thread> tunnels_;  // touched by the acceptor alone until it is joined
+};
 
 class Transport : public testing::SyncFixture {
  protected:
@@ -67,6 +153,23 @@ TEST_F(Transport, ASlowHeadIsRetriedAndASlowBodyIsNot) {
   EXPECT_NE(outcome([&] { _http_get_public(url); }).find("after 1 attempt(s)"), std::string::npos);
   EXPECT_EQ(server_.request_count("/slow"), 4u);
   EXPECT_EQ(slept().size(), 3u);
+}
+
+// The tunnel's "200 Connection established" comes first and is not the
+// server's answer: a head that is late behind it is still a late head.
+TEST_F(Transport, ThroughAProxyOnlyTheServersOwnHeadEndsTheWaitForIt) {
+  TunnelProxy proxy;
+  env_.unset("no_proxy").unset("NO_PROXY").set("https_proxy", proxy.url()).set("HTTPS_PROXY", proxy.url());
+  EXPECT_EQ(_http_get_public(server_.url("/file.bin")).body, content_);
+  EXPECT_GE(proxy.tunnels_opened(), 1);
+
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", kShortTimeout);
+  server_.fault("/slow", Fault{.delay_before_head_s = kLongerThanTimeout});
+  const std::string url = server_.url("/slow");
+  const auto [failure, cause] = outcome_and_cause([&] { _http_get_public(url); });
+  EXPECT_TRUE(failure.starts_with("ConnectionError: Timed out fetching " + url + " after 3 attempt(s): ")) << failure;
+  EXPECT_TRUE(cause.starts_with("TimeoutError: ")) << cause;
+  EXPECT_EQ(server_.request_count("/slow"), 3u);
 }
 
 TEST_F(Transport, ARefusedPortOrAnUntrustedCertificateIsAConnectionFailure) {
