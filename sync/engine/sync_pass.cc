@@ -11,6 +11,7 @@
 #include "sync/support/integer.h"
 #include "sync/support/log.h"
 #include "sync/support/posix_file.h"
+#include "sync/support/stop_point.h"
 #include "sync/support/repr.h"
 #include "sync/support/text.h"
 #include "sync/sync_manager.h"
@@ -219,7 +220,9 @@ SyncResult SyncManager::_sync_impl() {
 
   // Stage 8: manifest.json is the last thing on the data side to change.
   _write_manifest_json(_data_dir, *manifest_data);
+  stop_point("sync: after manifest.json");
   _persist_hash_cache();
+  stop_point("sync: after the hash cache");
   _manifest.store(server_manifest);
 
   // Stage 9.

@@ -18,6 +18,7 @@
 #include "sync/support/file_tree.h"
 #include "sync/support/log.h"
 #include "sync/support/posix_file.h"
+#include "sync/support/stop_point.h"
 
 namespace quillmarsh::sync::transition {
 namespace {
@@ -74,6 +75,7 @@ void commit_staged_files(SyncManager& manager, TransitionRun& run) {
     const std::string live_parent = dir_name(live_path);
     if (!live_parent.empty()) make_dirs(live_parent);
     rename_file(staged_path, live_path);
+    stop_point("transition: a staged file renamed");
   }
   for (const char* artifact_name : {"shuffle_seed.enc", "shuffle_seed.enc.meta.json"}) {
     const std::string staged_artifact = join_path(*run.transition_staging_dir, artifact_name);
@@ -81,7 +83,9 @@ void commit_staged_files(SyncManager& manager, TransitionRun& run) {
   }
   // The server's manifest whole, with any entry the vocabulary download
   // repaired in staging.
+  stop_point("transition: before manifest.json");
   _atomic_write(join_path(manager._data_dir, "manifest.json"), json_text(*run.new_manifest->_data));
+  stop_point("transition: after manifest.json");
   manager._manifest.store(run.new_manifest);
   // After the swap on purpose: if the era moved meanwhile, the new data
   // stays but nothing is deleted or restarted on its account.

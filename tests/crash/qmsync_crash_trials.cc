@@ -8,9 +8,15 @@
 //
 //   qmsync_crash_trials [--trials N] [--seed S] [--keep]
 //
+// Before the random kills, one run of each kind is stopped at each named
+// place where the disk is most at risk (QMSYNC_STOP_AT; see stop_point.h).
 // Prints every violation, then the trials, the kill points reached and the
 // count of violations; exits 1 when there is any.
+#include <signal.h>
+
 #include <algorithm>
+#include <iterator>
+#include <optional>
 #include <cstdlib>
 #include <iostream>
 #include <random>
@@ -158,8 +164,10 @@ int main(int argc, char** argv) {
   // How long after its start a run is killed, at most, per kind; it adapts
   // so that most runs die somewhere inside their work.
   double reach_s[] = {1.0, 1.0, 2.0};
-  for (int trial = 0; trial < options.trials; ++trial) {
-    const Kind kind = static_cast<Kind>(trial % 3);
+  // One run of `kind`, killed at random or, with `stop_at`, at that named
+  // place, then run again; what the kill left and what the next run made of
+  // it are checked.
+  const auto trial = [&](int index, Kind kind, const std::optional<std::string>& stop_at) {
     const Published old = world.current();
     std::vector<std::string> command;
     std::vector<std::string> likely_fetched;
@@ -190,20 +198,31 @@ int main(int argc, char** argv) {
       if (kind != Kind::repair && (!old.files.count(path) || old.files.at(path) != bytes)) likely_fetched.push_back(path);
     }
     const DiskState before = snapshot(data_dir);
-    spoil_responses(world, target, likely_fetched, rng);
-
-    const double kill_after_s = std::uniform_real_distribution<double>(0, reach_s[static_cast<int>(kind)])(rng);
-    Child child(qmsync(command), tmp / "killed.log", env);
-    const std::optional<int> ended = child.wait_for(kill_after_s);
-    if (!ended) child.kill_now();
-    reach_s[static_cast<int>(kind)] *= ended ? 0.9 : 1.03;
+    std::vector<std::string> problems;
+    std::optional<int> ended;
+    double kill_after_s = 0;
+    if (stop_at) {
+      // The run stops itself at the named place; no faults, so that it gets there.
+      std::vector<std::string> stopping = env;
+      stopping.push_back("QMSYNC_STOP_AT=" + *stop_at);
+      const int code = run_child(qmsync(command), tmp / "killed.log", 120, stopping);
+      if (code != 128 + SIGKILL) {
+        problems.push_back("never reached the stop point (exit " + std::to_string(code) + "): " + tail(tmp / "killed.log"));
+      }
+    } else {
+      spoil_responses(world, target, likely_fetched, rng);
+      kill_after_s = std::uniform_real_distribution<double>(0, reach_s[static_cast<int>(kind)])(rng);
+      Child child(qmsync(command), tmp / "killed.log", env);
+      ended = child.wait_for(kill_after_s);
+      if (!ended) child.kill_now();
+      reach_s[static_cast<int>(kind)] *= ended ? 0.9 : 1.03;
+    }
     const DiskState killed = snapshot(data_dir);
     const std::string killed_copy = tmp / "killed-copy";
     if (options.keep) std::system(("rm -rf '" + killed_copy + "' && cp -a '" + data_dir + "' '" + killed_copy + "'").c_str());
 
     world.store().clear_faults();
     world.api().clear_faults();
-    std::vector<std::string> problems;
     const int again = run_child(qmsync(command), tmp / "again.log", 120, env);
     if (again != 0) problems.push_back("the next run failed with exit " + std::to_string(again) + ": " + tail(tmp / "again.log"));
     const int verified = run_child(qmsync({"verify"}), tmp / "verify.log", 120, env);
@@ -212,25 +231,38 @@ int main(int argc, char** argv) {
 
     for (std::string& p : broken_promises(killed, before, after, {old, target})) problems.push_back(std::move(p));
     for (std::string& p : convergence_failures(after, target)) problems.push_back("after the next run: " + p);
-    const std::string point = ended ? std::string(kKindNames[static_cast<int>(kind)]) + ": ran to its end (exit " +
-                                          std::to_string(*ended) + ")"
-                                    : kill_point(kind, killed, before, after, target);
+    const std::string point = stop_at ? "stopped at " + *stop_at
+                              : ended ? std::string(kKindNames[static_cast<int>(kind)]) + ": ran to its end (exit " +
+                                            std::to_string(*ended) + ")"
+                                      : kill_point(kind, killed, before, after, target);
     ++points[point];
     for (const std::string& p : problems) {
-      std::cout << "VIOLATION trial " << trial << " (" << point << ", killed after " << kill_after_s << " s): " << p
+      std::cout << "VIOLATION trial " << index << " (" << point << ", killed after " << kill_after_s << " s): " << p
                 << std::endl;
     }
     violations += static_cast<int>(problems.size());
     if (!problems.empty() && options.keep) {
-      const std::string kept = "/tmp/qmsync-crash-trial-" + std::to_string(options.seed) + "-" + std::to_string(trial);
+      const std::string kept = "/tmp/qmsync-crash-trial-" + std::to_string(options.seed) + "-" + std::to_string(index);
       rename_file(killed_copy, kept);
       std::system(("cp -a '" + data_dir + "' '" + kept + ".after' && cp " + tmp.path() + "/*.log '" + kept + ".after/'").c_str());
       std::cout << "  kept the directory as the kill left it in " << kept << ", and as the next run left it in "
                 << kept << ".after" << std::endl;
     }
-  }
+  };
 
-  std::cout << "trials: " << options.trials << "\nkill points:\n";
+  // First the windows a random kill seldom hits, each once; then random kills.
+  const std::pair<Kind, const char*> named[] = {
+      {Kind::sync, "sync: after manifest.json"},
+      {Kind::sync, "sync: after the hash cache"},
+      {Kind::transition, "transition: a staged file renamed"},
+      {Kind::transition, "transition: before manifest.json"},
+      {Kind::transition, "transition: after manifest.json"},
+  };
+  int index = 0;
+  for (const auto& [kind, name] : named) trial(index++, kind, name);
+  for (int n = 0; n < options.trials; ++n, ++index) trial(index, static_cast<Kind>(n % 3), std::nullopt);
+
+  std::cout << "trials: " << index << " (" << std::size(named) << " at named places)" << "\nkill points:\n";
   for (const auto& [point, count] : points) std::cout << "  " << point << ": " << count << "\n";
   std::cout << "violations: " << violations << std::endl;
   return violations == 0 ? 0 : 1;
