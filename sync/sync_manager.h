@@ -141,9 +141,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // --- Transport ----------------------------------------------------------
 
   // GET with a fresh bearer token from the token source.
-  HttpResponse _http_get(const std::string& url, std::int64_t range_start = 0, std::int64_t range_end = -1);
+  // With a `sink`, an accepted body streams there (see BodySink).
+  HttpResponse _http_get(const std::string& url, std::int64_t range_start = 0, std::int64_t range_end = -1,
+                         const BodySink* sink = nullptr);
   HttpResponse _http_get_public(const std::string& url, std::int64_t range_start = 0,
-                                std::int64_t range_end = -1);
+                                std::int64_t range_end = -1, const BodySink* sink = nullptr);
   // Replaces the token source (a reused manager takes its newest caller's).
   void _set_get_token(TokenSource get_token);
 
@@ -309,6 +311,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
     _progress_observer.store(observer ? std::make_shared<const ProgressObserver>(std::move(observer)) : nullptr);
   }
   SharedSlot<const ProgressObserver> _progress_observer;
+  // Every body byte that reached a staging file, for the observer's display.
+  std::atomic<std::int64_t> _bytes_arrived{0};
 
  private:
   struct PassKey {};

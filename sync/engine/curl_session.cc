@@ -70,11 +70,34 @@ ThreadHandles& thread_handles() {
 
 struct Exchange {
   OpenedResponse response;
+  const BodySink* sink = nullptr;
   bool connected = false;
   bool head_complete = false;
+  bool head_handled = false;
   int head_status = 0;
+  std::int64_t content_length = -1;
+  // A failure of the sink, which libcurl's C callbacks cannot carry.
+  std::exception_ptr sink_failure;
   Clock::time_point last_activity = Clock::now();
 };
+
+// Once per exchange, when the final head is in: the body goes to the sink,
+// or into memory, reserved up to a bound as the head announces it.
+void on_final_head(Exchange& ex) {
+  if (ex.head_handled) return;
+  ex.head_handled = true;
+  if (ex.sink != nullptr) {
+    try {
+      ex.response.streamed = ex.sink->accepts(ex.head_status);
+    } catch (...) {
+      ex.sink_failure = std::current_exception();
+    }
+  }
+  // A hint only; never trust a server with an unbounded reservation.
+  if (!ex.response.streamed && ex.content_length > 0) {
+    ex.response.body.reserve(static_cast<size_t>(std::min<std::int64_t>(ex.content_length, 256 << 20)));
+  }
+}
 
 std::string_view trim_line(std::string_view s) {
   while (!s.empty() && (s.back() == '\r' || s.back() == '\n')) s.remove_suffix(1);
@@ -99,6 +122,7 @@ size_t on_header(char* data, size_t size, size_t count, void* user) {
     ex->response.body.clear();
     ex->head_complete = false;
     ex->head_status = 0;
+    ex->content_length = -1;
     const size_t space = line.find(' ');
     if (space != std::string_view::npos) {
       const std::string_view code = line.substr(space + 1, 3);
@@ -109,15 +133,15 @@ size_t on_header(char* data, size_t size, size_t count, void* user) {
     // past an interim response.
     const bool interim = ex->head_status >= 100 && ex->head_status < 200;
     const bool followed = ex->head_status >= 300 && ex->head_status < 400 && has_location(ex->response.headers);
-    if (!interim && !followed) ex->head_complete = true;
+    if (!interim && !followed) {
+      ex->head_complete = true;
+      on_final_head(*ex);
+    }
   } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
     const std::string name(line.substr(0, colon));
     const std::string value(strip(line.substr(colon + 1)));
     if (strcasecmp(name.c_str(), "Content-Length") == 0) {
-      std::int64_t length = 0;
-      std::from_chars(value.data(), value.data() + value.size(), length);
-      // A hint only; never trust a server with an unbounded reservation.
-      ex->response.body.reserve(static_cast<size_t>(std::clamp<std::int64_t>(length, 0, 256 << 20)));
+      std::from_chars(value.data(), value.data() + value.size(), ex->content_length);
     }
     ex->response.headers[name] = value;
   }
@@ -129,7 +153,18 @@ size_t on_body(char* data, size_t size, size_t count, void* user) {
   const size_t n = size * count;
   ex->last_activity = Clock::now();
   ex->head_complete = true;
-  ex->response.body.append(data, n);
+  on_final_head(*ex);
+  if (ex->sink_failure) return 0;  // ends the transfer with a write error
+  if (!ex->response.streamed) {
+    ex->response.body.append(data, n);
+    return n;
+  }
+  try {
+    ex->sink->write(std::string_view(data, n));
+  } catch (...) {
+    ex->sink_failure = std::current_exception();
+    return 0;
+  }
   return n;
 }
 
@@ -160,7 +195,8 @@ void set_options(CURL* easy, const HttpRequest& request, curl_slist* headers, Ex
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, static_cast<long>(timeout_s * 1000)));
-  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, 512L * 1024);
+  // Pieces small enough to be hashed and written while still in cache.
+  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, 256L * 1024);
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, error_buffer);
   // Through a proxy, the tunnel's "200 Connection established" is not the
@@ -222,11 +258,13 @@ OpenedResponse open_http_request(const HttpRequest& request, double timeout_s) {
   ThreadHandles& handles = thread_handles();
   const std::shared_ptr<const ExtraCa> extra_ca = current_extra_ca();
   Exchange ex;
+  ex.sink = request.sink;
   char error_buffer[CURL_ERROR_SIZE] = {0};
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(header_list(request),
                                                                        &curl_slist_free_all);
   set_options(handles.easy, request, headers.get(), ex, timeout_s, extra_ca.get(), error_buffer);
   const std::optional<CURLcode> result = drive(handles, ex, timeout_s);
+  if (ex.sink_failure) std::rethrow_exception(ex.sink_failure);
 
   long status = 0;
   curl_easy_getinfo(handles.easy, CURLINFO_RESPONSE_CODE, &status);

@@ -9,9 +9,11 @@
 #define QUILLMARSH_SYNC_ENGINE_CURL_SESSION_H_
 
 #include <exception>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -27,9 +29,20 @@ class URLError : public Error {
   const char* type_name() const noexcept override { return "URLError"; }
 };
 
+// Where a body goes that the caller writes somewhere as it arrives, instead
+// of into the response: once the final response's head is in, `accepts` is
+// asked about its status; when it says yes, every piece of the body goes to
+// `write` (a few hundred KiB at most, while it is still in the CPU's cache).
+// A failure of either ends the exchange and reaches the caller as it is.
+struct BodySink {
+  std::function<bool(int status)> accepts;
+  std::function<void(std::string_view piece)> write;
+};
+
 struct HttpRequest {
   std::string full_url;
   std::vector<std::pair<std::string, std::string>> headers;
+  const BodySink* sink = nullptr;
 };
 
 // A response whose head has arrived. `status` is any HTTP status, redirects
@@ -42,6 +55,8 @@ struct OpenedResponse {
   std::string body;
   std::exception_ptr read_failure;
   bool partial = false;
+  // The body went to the request's sink; `body` is empty.
+  bool streamed = false;
 };
 
 // Runs one exchange. `timeout_s` bounds each wait: the connection, and any

@@ -66,9 +66,9 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
   const int last_attempt = max_attempts - 1;
   const std::string attempts_text = std::to_string(max_attempts);
 
-  auto get = [&](std::int64_t range_start, std::int64_t range_end) {
-    return use_public_download ? _http_get_public(url, range_start, range_end)
-                               : _http_get(url, range_start, range_end);
+  auto get = [&](std::int64_t range_start, std::int64_t range_end, const BodySink* sink) {
+    return use_public_download ? _http_get_public(url, range_start, range_end, sink)
+                               : _http_get(url, range_start, range_end, sink);
   };
   auto http_failure = [&](int status) {
     return SyncError("Download failed for " + file_path + ": HTTP " + std::to_string(status));
@@ -100,36 +100,44 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
     UpdatableFile fh(tmp_path);
     fh.seek(total_written);
 
-    // Keeps `body` as the whole file, replacing whatever was staged.
-    auto restart_with = [&](const std::string& body) {
-      fh.seek(0);
-      fh.truncate();
-      fh.write(body);
-      h = std::make_unique<Sha256Hasher>();
-      h->update(body);
-      total_written = static_cast<std::int64_t>(body.size());
-    };
-    auto append = [&](const std::string& body) {
-      fh.write(body);
-      h->update(body);
-      total_written += static_cast<std::int64_t>(body.size());
+    // Bodies stream into the staging file and the digest as they arrive, so
+    // whatever came before a failure stays staged and is never fetched again.
+    // A 206 goes on at the staged end; a 200, where taken, is the whole file
+    // and replaces what was staged. Any other answer stays in memory.
+    auto fetch = [&](std::int64_t start, std::int64_t end, bool take_206, bool take_200) {
+      BodySink sink;
+      sink.accepts = [&](int status) {
+        if (status == 206) return take_206;
+        if (status != 200 || !take_200) return false;
+        fh.seek(0);
+        fh.truncate();
+        h = std::make_unique<Sha256Hasher>();
+        total_written = 0;
+        return true;
+      };
+      sink.write = [&](std::string_view piece) {
+        fh.write(piece);
+        h->update(piece);
+        total_written += static_cast<std::int64_t>(piece.size());
+        _bytes_arrived.fetch_add(static_cast<std::int64_t>(piece.size()), std::memory_order_relaxed);
+      };
+      return get(start, end, &sink);
     };
 
     try {
       const std::int64_t chunk_bytes = _sync_http_chunk_bytes();
       if (expected_size > chunk_bytes) {
         while (total_written < expected_size) {
-          const std::int64_t chunk_end = std::min(total_written + chunk_bytes - 1, expected_size - 1);
-          const HttpResponse resp = get(total_written, chunk_end);
+          const std::int64_t chunk_start = total_written;
+          const std::int64_t chunk_end = std::min(chunk_start + chunk_bytes - 1, expected_size - 1);
+          const HttpResponse resp = fetch(chunk_start, chunk_end, true, chunk_start == 0);
           if (resp.status == 206) {
-            if (resp.body.empty()) {
+            if (total_written == chunk_start) {
               throw SyncError("Download failed for " + file_path + ": empty range " +
-                              std::to_string(total_written) + "-" + std::to_string(chunk_end));
+                              std::to_string(chunk_start) + "-" + std::to_string(chunk_end));
             }
-            append(resp.body);
-          } else if (resp.status == 200 && total_written == 0) {
+          } else if (resp.status == 200 && chunk_start == 0) {
             // The range was ignored: this is the whole file.
-            restart_with(resp.body);
             break;
           } else {
             throw http_failure(resp.status);
@@ -140,18 +148,11 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
         // rename leaves that). A range after the end would only get 416,
         // so the digest decides: renamed, or emptied for a fresh attempt.
       } else if (range_start > 0) {
-        const HttpResponse resp = get(range_start, -1);
-        if (resp.status == 206) {
-          append(resp.body);
-        } else if (resp.status == 200) {
-          restart_with(resp.body);
-        } else {
-          throw http_failure(resp.status);
-        }
+        const HttpResponse resp = fetch(range_start, -1, true, true);
+        if (resp.status != 206 && resp.status != 200) throw http_failure(resp.status);
       } else {
-        const HttpResponse resp = get(0, -1);
+        const HttpResponse resp = fetch(0, -1, false, true);
         if (resp.status != 200) throw http_failure(resp.status);
-        append(resp.body);
       }
 
       if (expected_size > 0 && total_written < expected_size) {

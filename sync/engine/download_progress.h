@@ -4,6 +4,8 @@
 #ifndef QUILLMARSH_SYNC_ENGINE_DOWNLOAD_PROGRESS_H_
 #define QUILLMARSH_SYNC_ENGINE_DOWNLOAD_PROGRESS_H_
 
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -29,8 +31,14 @@ using ProgressObserver = std::function<void(const DownloadProgress&)>;
 // Counts a batch's completed files for an observer, if there is one.
 class ProgressTally {
  public:
-  ProgressTally(std::shared_ptr<const ProgressObserver> observer, const Json& files, const SyncResult& result)
-      : observer_(std::move(observer)), result_(result), bytes_before_(result.bytes_downloaded) {
+  // `arrived` counts every body byte that reaches a staging file.
+  ProgressTally(std::shared_ptr<const ProgressObserver> observer, const Json& files, const SyncResult& result,
+                const std::atomic<std::int64_t>& arrived)
+      : observer_(std::move(observer)),
+        result_(result),
+        bytes_before_(result.bytes_downloaded),
+        arrived_(arrived),
+        arrived_before_(arrived.load()) {
     if (!observer_) return;
     progress_.files_selected = static_cast<std::int64_t>(files.size());
     for (const auto& [path, info] : files.items()) {
@@ -46,7 +54,16 @@ class ProgressTally {
   void file_done() {
     if (!observer_) return;
     ++progress_.files_done;
-    progress_.bytes_done = result_.bytes_downloaded - bytes_before_;
+    progress_.bytes_done = std::max(result_.bytes_downloaded - bytes_before_, arrived_bytes());
+    tell();
+  }
+
+  // Between completions: the bytes that have arrived, when they moved.
+  void bytes_arriving() {
+    if (!observer_) return;
+    const std::int64_t now = arrived_bytes();
+    if (now <= progress_.bytes_done) return;
+    progress_.bytes_done = now;
     tell();
   }
 
@@ -59,9 +76,17 @@ class ProgressTally {
     }
   }
 
+  // A byte fetched twice (a retried attempt) counts once towards the total.
+  std::int64_t arrived_bytes() const {
+    const std::int64_t arrived = arrived_.load(std::memory_order_relaxed) - arrived_before_;
+    return progress_.bytes_selected > 0 ? std::min(arrived, progress_.bytes_selected) : arrived;
+  }
+
   std::shared_ptr<const ProgressObserver> observer_;
   const SyncResult& result_;
   const std::int64_t bytes_before_;
+  const std::atomic<std::int64_t>& arrived_;
+  const std::int64_t arrived_before_;
   DownloadProgress progress_;
 };
 

@@ -16,7 +16,7 @@ namespace quillmarsh::sync {
 
 void SyncManager::_download_files_parallel(const Json& files_to_download, SyncResult& result) {
   if (files_to_download.empty()) return;
-  ProgressTally progress(_progress_observer.load(), files_to_download, result);
+  ProgressTally progress(_progress_observer.load(), files_to_download, result, _bytes_arrived);
   const auto count = static_cast<std::int64_t>(files_to_download.size());
   const std::int64_t max_workers = std::min(_sync_max_concurrency(), count);
   if (max_workers <= 1) {
@@ -55,7 +55,9 @@ void SyncManager::_download_files_parallel(const Json& files_to_download, SyncRe
 
     Completions completions(future_to_path, parallel_timeout);
     try {
-      while (const std::optional<std::size_t> done = completions.next()) {
+      // A display moves with the bytes, a few times a second, not per file.
+      const auto tick = [&progress] { progress.bytes_arriving(); };
+      while (const std::optional<std::size_t> done = completions.next(tick, 0.25)) {
         try {
           const SyncResult& local = future_to_path[*done]->result();
           result.bytes_downloaded += local.bytes_downloaded;

@@ -32,7 +32,7 @@ SyncResult SyncManager::repair(const std::vector<std::string>& corrupted_files) 
       for (const std::string& file_path : corrupted_files) {
         if (const auto it = entries.find(file_path); it != entries.end()) found_entries.emplace_back(file_path, *it->second);
       }
-      ProgressTally progress(_progress_observer.load(), found, result);
+      ProgressTally progress(_progress_observer.load(), found, result, _bytes_arrived);
       // One file after another; the first failure ends the batch.
       for (const auto& [file_path, file_info] : found_entries) {
         _download_file(file_path, file_info, result);

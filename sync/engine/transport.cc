@@ -17,9 +17,9 @@ namespace {
 
 // Steps 3 onward of both GETs: range, open, read.
 HttpResponse get(const std::string& url, std::vector<std::pair<std::string, std::string>> headers,
-                 std::int64_t range_start, std::int64_t range_end) {
+                 std::int64_t range_start, std::int64_t range_end, const BodySink* sink) {
   if (auto range = _range_header(range_start, range_end)) headers.emplace_back("Range", *range);
-  const HttpRequest req{url, std::move(headers)};
+  const HttpRequest req{url, std::move(headers), sink};
   OpenedResponse opened;
   try {
     opened = _urlopen_with_sync_retries(req, _sync_http_timeout_seconds());
@@ -63,10 +63,10 @@ OpenedResponse _urlopen_with_sync_retries(const HttpRequest& req, double timeout
 }
 
 HttpResponse _http_get(const std::string& url, const std::string& token, std::int64_t range_start,
-                       std::int64_t range_end) {
+                       std::int64_t range_end, const BodySink* sink) {
   validate_bearer_transport_url(url);
   return get(url, {{"Authorization", "Bearer " + token}, {"User-Agent", _SYNC_USER_AGENT}}, range_start,
-             range_end);
+             range_end, sink);
 }
 
 std::string _public_download_url(const std::string& url, const std::string& override_base) {
@@ -93,10 +93,11 @@ std::string _public_download_url(const std::string& url, const std::string& over
   return std::string(trimmed) + "/data/files/" + rel_path;
 }
 
-HttpResponse _http_get_public(const std::string& url, std::int64_t range_start, std::int64_t range_end) {
+HttpResponse _http_get_public(const std::string& url, std::int64_t range_start, std::int64_t range_end,
+                              const BodySink* sink) {
   const char* override_base = std::getenv("QUILLMARSH_SYNC_PUBLIC_DOWNLOAD_BASE_URL");
   const std::string target = _public_download_url(url, override_base ? override_base : "");
-  return get(target, {{"User-Agent", _SYNC_USER_AGENT}}, range_start, range_end);
+  return get(target, {{"User-Agent", _SYNC_USER_AGENT}}, range_start, range_end, sink);
 }
 
 }  // namespace quillmarsh::sync

@@ -32,15 +32,16 @@ OpenedResponse _urlopen_with_sync_retries(const HttpRequest& req, double timeout
 
 // GET `url` from the API server with "Authorization: Bearer {token}". The
 // URL passes the transport-security collaborator first; a refusal fails
-// before any traffic.
+// before any traffic. With a `sink`, a body whose status it accepts goes
+// there as it arrives, and the response's body stays empty.
 HttpResponse _http_get(const std::string& url, const std::string& token, std::int64_t range_start = 0,
-                       std::int64_t range_end = -1);
+                       std::int64_t range_end = -1, const BodySink* sink = nullptr);
 
 // GET `url` from public object storage, with no token. When
 // QUILLMARSH_SYNC_PUBLIC_DOWNLOAD_BASE_URL is set, a URL whose path holds
 // "releases/{tag}/{path...}" is fetched from "{override}/data/files/{path...}".
 HttpResponse _http_get_public(const std::string& url, std::int64_t range_start = 0,
-                              std::int64_t range_end = -1);
+                              std::int64_t range_end = -1, const BodySink* sink = nullptr);
 
 // The URL _http_get_public would fetch for `url` under `override_base`.
 std::string _public_download_url(const std::string& url, const std::string& override_base);

@@ -87,19 +87,20 @@ void SyncManager::_set_get_token(TokenSource get_token) {
   _get_token = std::move(get_token);
 }
 
-HttpResponse SyncManager::_http_get(const std::string& url, std::int64_t range_start, std::int64_t range_end) {
+HttpResponse SyncManager::_http_get(const std::string& url, std::int64_t range_start, std::int64_t range_end,
+                                    const BodySink* sink) {
   TokenSource source;
   {
     std::lock_guard<std::mutex> lock(token_mu_);
     source = _get_token;
   }
   // A fresh token for every request: tokens rotate.
-  return sync::_http_get(url, source(), range_start, range_end);
+  return sync::_http_get(url, source(), range_start, range_end, sink);
 }
 
 HttpResponse SyncManager::_http_get_public(const std::string& url, std::int64_t range_start,
-                                           std::int64_t range_end) {
-  return sync::_http_get_public(url, range_start, range_end);
+                                           std::int64_t range_end, const BodySink* sink) {
+  return sync::_http_get_public(url, range_start, range_end, sink);
 }
 
 bool SyncManager::is_alive() const {

@@ -183,19 +183,34 @@ Completions::Completions(const std::vector<std::shared_ptr<PoolTask>>& tasks,
   for (const auto& [seq, index] : already_done) sink_->finished.push_back(index);
 }
 
-std::optional<std::size_t> Completions::next() {
+std::optional<std::size_t> Completions::next() { return next(nullptr, 0); }
+
+std::optional<std::size_t> Completions::next(const std::function<void()>& tick, double every_s) {
+  using Clock = std::chrono::steady_clock;
   if (handed_out_ == total_) return std::nullopt;
+  const auto every = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(every_s));
+  auto next_tick = Clock::now() + every;
   std::unique_lock<std::mutex> lock(shared_->mu);
   while (sink_->finished.empty()) {
-    if (!deadline_) {
-      shared_->done_cv.wait(lock);
-      continue;
-    }
-    if (std::chrono::steady_clock::now() >= *deadline_) {
+    const auto now = Clock::now();
+    if (deadline_ && now >= *deadline_) {
       throw FuturesTimeoutError(std::to_string(total_ - handed_out_) + " (of " + std::to_string(total_) +
                                 ") futures unfinished");
     }
-    shared_->done_cv.wait_until(lock, *deadline_);
+    if (tick && now >= next_tick) {
+      lock.unlock();
+      tick();
+      lock.lock();
+      next_tick = Clock::now() + every;
+      continue;
+    }
+    if (!deadline_ && !tick) {
+      shared_->done_cv.wait(lock);
+    } else if (!tick) {
+      shared_->done_cv.wait_until(lock, *deadline_);
+    } else {
+      shared_->done_cv.wait_until(lock, deadline_ ? std::min(*deadline_, next_tick) : next_tick);
+    }
   }
   const std::size_t index = sink_->finished.front();
   sink_->finished.pop_front();

@@ -142,6 +142,9 @@ class Completions {
   // out even when asked for later. Fails with FuturesTimeoutError when the
   // deadline passes with none to hand out.
   std::optional<std::size_t> next();
+  // As next(), calling `tick` every `every_s` seconds while it waits, with
+  // no lock held, on the waiting thread.
+  std::optional<std::size_t> next(const std::function<void()>& tick, double every_s);
 
  private:
   std::shared_ptr<pool_detail::Shared> shared_;

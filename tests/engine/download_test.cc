@@ -95,6 +95,37 @@ TEST_F(Download, RequestsFollowTheChunkBoundaries) {
   }
 }
 
+// A body that stalls past the timeout ends the call (a silent body is not
+// retried), but every byte that arrived before the stall is already staged:
+// the next call asks only for what is missing.
+TEST_F(Download, BytesThatArrivedBeforeAStallAreStagedAndNeverFetchedAgain) {
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "1.0");
+  const std::string content = numbered_bytes(5000);
+  struct Case {
+    const char* name;
+    std::string path;
+    std::size_t size;
+    std::vector<std::string> ranges;
+  };
+  const Case cases[] = {
+      {"inside a chunk", "stall/chunked.bin", 5000,
+       {"bytes=0-999", "bytes=700-1699", "bytes=1700-2699", "bytes=2700-3699", "bytes=3700-4699", "bytes=4700-4999"}},
+      {"inside a whole answer", "stall/whole.bin", 900, {"", "bytes=700-"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    publish(c.path, content.substr(0, c.size));
+    store_.fault("/bucket/" + c.path, Fault{.stall_after_bytes = 700, .stall_s = 2.5, .times = 1});
+    SyncResult result;
+    EXPECT_THROW(download(c.path, result), TimeoutError);
+    EXPECT_EQ(read_file(path(c.path + ".tmp")), content.substr(0, 700));
+    download(c.path, result);
+    EXPECT_EQ(ranges(c.path), c.ranges);
+    EXPECT_TRUE(read_file(path(c.path)) == content.substr(0, c.size));
+    EXPECT_FALSE(path_exists(path(c.path + ".tmp")));
+  }
+}
+
 // Each case fails once somewhere in a file of five chunks; the next attempt
 // (or the same one, for a short ranged answer) goes on from the bytes staged,
 // rebuilding their digest rather than fetching them again.
