@@ -29,10 +29,20 @@ std::shared_ptr<SyncManager> open_manager(const GlobalOptions& g, const std::str
   }
 }
 
+// What a Ctrl-C during a download leaves: files that completed are in place,
+// verified, and the next run does not fetch them again; a file cut halfway is
+// fetched anew.
+std::string interrupted_notice(TerminalProgress& progress, const char* command) {
+  return "Interrupted: " + std::to_string(progress.files_done()) +
+         " file(s) of this batch had completed and are kept, verified; the next " + command +
+         " fetches only what is still missing.";
+}
+
 int run_sync(const GlobalOptions& g) {
-  auto manager = open_manager(g, "sync", true);
   TerminalProgress progress;
-  if (progress.enabled()) manager->set_progress_observer(progress.observer());
+  const InterruptNotice interrupt([&progress] { return interrupted_notice(progress, "sync"); });
+  auto manager = open_manager(g, "sync", true);
+  manager->set_progress_observer(progress.counter());
   const SyncResult result = manager->sync();
   progress.finish();
   print_sync_result(result, "Sync", g.json);
@@ -47,9 +57,10 @@ int run_verify(const GlobalOptions& g) {
 }
 
 int run_repair(const GlobalOptions& g, const std::vector<std::string>& paths) {
-  auto manager = open_manager(g, "repair", true);
   TerminalProgress progress;
-  if (progress.enabled()) manager->set_progress_observer(progress.observer());
+  const InterruptNotice interrupt([&progress] { return interrupted_notice(progress, "repair"); });
+  auto manager = open_manager(g, "repair", true);
+  manager->set_progress_observer(progress.counter());
   const SyncResult result = manager->repair(paths);
   progress.finish();
   print_sync_result(result, "Repair", g.json);

@@ -1,6 +1,10 @@
 #include "cli/progress.h"
 
+#include <signal.h>
 #include <unistd.h>
+
+#include <cmath>
+#include <ctime>
 
 namespace quillmarsh::sync::cli {
 namespace {
@@ -17,16 +21,28 @@ ProgressObserver TerminalProgress::observer() {
   return [this](const DownloadProgress& progress) { draw(progress); };
 }
 
+ProgressObserver TerminalProgress::counter() { return observer(); }
+
+std::int64_t TerminalProgress::files_done() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return files_done_;
+}
+
 void TerminalProgress::draw(const DownloadProgress& p) {
   std::lock_guard<std::mutex> lock(mu_);
+  files_done_ = p.files_done;
   if (!enabled_) return;
   const auto now = std::chrono::steady_clock::now();
-  if (p.files_done == 0 || !batch_start_) batch_start_ = now;
+  // A batch tells its start with nothing done yet.
+  if (!batch_start_ || (p.files_done == 0 && p.bytes_done == 0)) batch_start_ = now;
   const double elapsed_s = std::chrono::duration<double>(now - *batch_start_).count();
-  const double rate = elapsed_s > 0 ? static_cast<double>(p.bytes_done) / elapsed_s / kMiB : 0.0;
+  const double rate = elapsed_s > 0 ? static_cast<double>(p.bytes_done) / elapsed_s : 0.0;
   std::fprintf(out_, "\r\033[K  %lld/%lld files  %.1f of %.1f MiB  %.1f MiB/s", static_cast<long long>(p.files_done),
                static_cast<long long>(p.files_selected), static_cast<double>(p.bytes_done) / kMiB,
-               static_cast<double>(p.bytes_selected) / kMiB, rate);
+               static_cast<double>(p.bytes_selected) / kMiB, rate / kMiB);
+  if (rate > 0 && p.bytes_selected > p.bytes_done) {
+    std::fprintf(out_, "  %.0f s left", std::ceil(static_cast<double>(p.bytes_selected - p.bytes_done) / rate));
+  }
   std::fflush(out_);
   drawn_ = true;
 }
@@ -37,6 +53,28 @@ void TerminalProgress::finish() {
   std::fputs("\n", out_);
   std::fflush(out_);
   drawn_ = false;
+}
+
+InterruptNotice::InterruptNotice(std::function<std::string()> notice) {
+  sigset_t interrupt;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+  watcher_ = std::thread([this, interrupt, notice = std::move(notice)] {
+    const timespec poll_interval{0, 100 * 1000 * 1000};
+    while (!done_.load()) {
+      if (sigtimedwait(&interrupt, nullptr, &poll_interval) != SIGINT) continue;
+      const std::string text = "\n" + notice() + "\n";
+      // Straight to the descriptor: other threads may hold stdio's locks.
+      [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
+      ::_exit(130);
+    }
+  });
+}
+
+InterruptNotice::~InterruptNotice() {
+  done_.store(true);
+  watcher_.join();
 }
 
 }  // namespace quillmarsh::sync::cli

@@ -80,11 +80,11 @@ class QmsyncTest : public ::testing::Test {
   // Replaces the server's current.json: what /era/current answers.
   void set_era_state(const std::string& state_json) { write_file(root_dir() + "/current.json", state_json); }
 
-  void start_server() {
+  void start_server(const std::vector<std::string>& serve_options = {}) {
     publish(1);
-    server_ = std::make_unique<BackgroundProcess>(
-        std::vector<std::string>{QMSYNC_BINARY, "serve", "--root", root_dir(), "--token-file", token_path(), "--json"},
-        tmp_ / "serve.err");
+    std::vector<std::string> argv = {QMSYNC_BINARY, "serve", "--root", root_dir(), "--token-file", token_path(), "--json"};
+    argv.insert(argv.end(), serve_options.begin(), serve_options.end());
+    server_ = std::make_unique<BackgroundProcess>(argv, tmp_ / "serve.err");
     const std::string line = server_->read_line();
     ASSERT_FALSE(line.empty()) << read_file(tmp_ / "serve.err");
     const Json started = parse_json_text(line);

@@ -2,12 +2,14 @@
 // `serve` it on loopback, and run the client commands against that server
 // as separate processes.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <string>
 #include <vector>
 
 #include "sync/engine/file_primitives.h"
 #include "tests/cli/qmsync_fixture.h"
+#include "tests/support/wait_until.h"
 
 namespace quillmarsh::sync::testing {
 namespace {
@@ -39,6 +41,29 @@ TEST_F(QmsyncTest, FullMirrorThenAnIdleSecondSync) {
   const ProcessResult needs = qmsync(client({"needs-sync", "--json"}));
   ASSERT_EQ(needs.exit_code, 0) << needs.err;
   EXPECT_EQ(parse_json_text(needs.out), (Json{{"needs_sync", false}}));
+}
+
+// Ctrl-C in the middle of a download says what stays and ends with 130; the
+// next sync finishes the mirror.
+TEST_F(QmsyncTest, AnInterruptedSyncSaysWhatItKeptAndTheNextOneFinishes) {
+  start_server({"--rate-limit", "8"});
+  std::vector<std::string> argv = client({"sync"});
+  argv.insert(argv.begin(), QMSYNC_BINARY);
+  BackgroundProcess sync(argv, tmp_ / "interrupted.err");
+  const bool downloading = wait_until([&] {
+    return !find_entries(data_dir(), [](std::string_view name) { return name.ends_with(".tmp"); }).empty();
+  });
+  ASSERT_TRUE(downloading) << read_file(tmp_ / "interrupted.err");
+  EXPECT_EQ(sync.stop_with(SIGINT), 130);
+  const std::string err = read_file(tmp_ / "interrupted.err");
+  EXPECT_NE(err.find("Interrupted: "), std::string::npos) << err;
+  EXPECT_NE(err.find("the next sync fetches only what is still missing."), std::string::npos) << err;
+
+  server_.reset();
+  start_server();
+  const ProcessResult next = qmsync(client({"sync"}));
+  ASSERT_EQ(next.exit_code, 0) << next.err;
+  expect_mirrors_source();
 }
 
 TEST_F(QmsyncTest, ANewVersionBringsDownOnlyTheAddedFile) {
