@@ -31,6 +31,7 @@
 #   MIRROR_BENCH_CIPHERSUITES   TLS 1.3 suites nginx offers, e.g. TLS_AES_128_GCM_SHA256
 #                               (default OpenSSL's; each client then gets the one it prefers)
 #   MIRROR_BENCH_KEEP           1 keeps the temporary directory
+#   MIRROR_BENCH_QMSYNC_PREFIX  a command put in front of qmsync, e.g. a profiler
 #
 # Run as root on Debian: installs nginx, rclone, curl and time when missing.
 set -euo pipefail
@@ -252,7 +253,12 @@ stop_servers() {
 command_for() {  # tool dest
   case "$1" in
     qmsync)
-      cmd=("$qmsync" --json --data-dir "$2" --server "$api_url" --token-file "$tmp/token" --ca-file "$ca_file" sync) ;;
+      cmd=("$qmsync" --json --data-dir "$2" --server "$api_url" --token-file "$tmp/token" --ca-file "$ca_file" sync)
+      # A profiler in front, when asked: MIRROR_BENCH_QMSYNC_PREFIX="perf record -g -o /tmp/qm.data --"
+      if [ -n "${MIRROR_BENCH_QMSYNC_PREFIX:-}" ]; then
+        read -r -a prefix <<<"$MIRROR_BENCH_QMSYNC_PREFIX"
+        cmd=("${prefix[@]}" "${cmd[@]}")
+      fi ;;
     curl)
       cmd=(curl --parallel --parallel-max 8 --cacert "$ca_file" --no-progress-meter --fail --create-dirs
            --output-dir "$2" --config "$set_dir/curl.cfg") ;;

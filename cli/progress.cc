@@ -55,15 +55,27 @@ void TerminalProgress::finish() {
   drawn_ = false;
 }
 
+namespace {
+
+// Wakes the watcher when the command is over; blocked like SIGINT.
+constexpr int kWatcherDone = SIGUSR2;
+
+}  // namespace
+
 InterruptNotice::InterruptNotice(std::function<std::string()> notice) {
-  sigset_t interrupt;
-  sigemptyset(&interrupt);
-  sigaddset(&interrupt, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
-  watcher_ = std::thread([this, interrupt, notice = std::move(notice)] {
-    const timespec poll_interval{0, 100 * 1000 * 1000};
-    while (!done_.load()) {
-      if (sigtimedwait(&interrupt, nullptr, &poll_interval) != SIGINT) continue;
+  sigset_t watched;
+  sigemptyset(&watched);
+  sigaddset(&watched, SIGINT);
+  sigaddset(&watched, kWatcherDone);
+  pthread_sigmask(SIG_BLOCK, &watched, nullptr);
+  watcher_ = std::thread([this, watched, notice = std::move(notice)] {
+    for (;;) {
+      int signal_number = 0;
+      if (sigwait(&watched, &signal_number) != 0) continue;
+      if (signal_number != SIGINT) {
+        if (done_.load()) return;
+        continue;
+      }
       const std::string text = "\n" + notice() + "\n";
       // Straight to the descriptor: other threads may hold stdio's locks.
       [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
@@ -74,6 +86,7 @@ InterruptNotice::InterruptNotice(std::function<std::string()> notice) {
 
 InterruptNotice::~InterruptNotice() {
   done_.store(true);
+  pthread_kill(watcher_.native_handle(), kWatcherDone);
   watcher_.join();
 }
 

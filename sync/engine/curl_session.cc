@@ -10,6 +10,7 @@
 #include <strings.h>
 
 #include <curl/curl.h>
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -71,9 +72,53 @@ class SharedState {
   std::mutex mu_[kSlots];
 };
 
+// The certificates a handshake trusts: the system's bundle, where libcurl
+// would look for it, and the extra ones. Parsed once per trust setting and
+// shared by every handshake; left to libcurl, each new connection would
+// parse the system's bundle again (some 30 ms each).
+class TrustStore {
+ public:
+  explicit TrustStore(std::shared_ptr<const ExtraCa> extra_ca) : extra_ca_(std::move(extra_ca)) {}
+  ~TrustStore() {
+    if (store_ != nullptr) X509_STORE_free(store_);
+  }
+  TrustStore(const TrustStore&) = delete;
+  TrustStore& operator=(const TrustStore&) = delete;
+
+  // The store, built on first use from the locations `easy` would use.
+  X509_STORE* get(CURL* easy) {
+    std::call_once(built_, [&] {
+      store_ = X509_STORE_new();
+      if (store_ == nullptr) return;
+      char* ca_file = nullptr;
+      char* ca_path = nullptr;
+      curl_easy_getinfo(easy, CURLINFO_CAINFO, &ca_file);
+      curl_easy_getinfo(easy, CURLINFO_CAPATH, &ca_path);
+      // A location that cannot be read adds nothing; the handshake then
+      // fails for want of trust, never succeeds without it.
+      if (ca_file != nullptr) X509_STORE_load_file(store_, ca_file);
+      if (ca_path != nullptr) X509_STORE_load_path(store_, ca_path);
+      ERR_clear_error();
+      if (extra_ca_) {
+        for (X509* cert : extra_ca_->certs) X509_STORE_add_cert(store_, cert);
+      }
+      // As libcurl sets it on a store of its own: a trusted intermediate
+      // suffices. Set here once, before any thread shares the store.
+      X509_STORE_set_flags(store_, X509_V_FLAG_PARTIAL_CHAIN);
+    });
+    return store_;
+  }
+
+ private:
+  std::shared_ptr<const ExtraCa> extra_ca_;
+  std::once_flag built_;
+  X509_STORE* store_ = nullptr;
+};
+
 struct TrustSetting {
   std::shared_ptr<const ExtraCa> extra_ca;
   std::shared_ptr<SharedState> shared = std::make_shared<SharedState>();
+  std::shared_ptr<TrustStore> store = std::make_shared<TrustStore>(extra_ca);
 };
 
 std::mutex g_ca_mu;
@@ -84,10 +129,10 @@ TrustSetting current_trust() {
   return g_trust;
 }
 
-CURLcode add_extra_ca(CURL*, void* ssl_ctx, void* user) {
-  const auto* extra = static_cast<const ExtraCa*>(user);
-  X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(ssl_ctx));
-  for (X509* cert : extra->certs) X509_STORE_add_cert(store, cert);
+// Puts the shared store in place of the context's own.
+CURLcode use_trust_store(CURL*, void* ssl_ctx, void* store) {
+  if (store == nullptr) return CURLE_SSL_CACERT_BADFILE;
+  SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(ssl_ctx), static_cast<X509_STORE*>(store));
   return CURLE_OK;
 }
 
@@ -236,7 +281,6 @@ constexpr const char* kTls13Suites = "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA
 void set_options(CURL* easy, std::shared_ptr<SharedState>& attached, const HttpRequest& request,
                  curl_slist* headers, Exchange& ex, double timeout_s, const TrustSetting& trust,
                  char* error_buffer) {
-  const ExtraCa* extra_ca = trust.extra_ca.get();
   curl_easy_reset(easy);  // keeps live connections and the TLS session cache
   curl_easy_setopt(easy, CURLOPT_URL, request.full_url.c_str());
   curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
@@ -264,12 +308,15 @@ void set_options(CURL* easy, std::shared_ptr<SharedState>& attached, const HttpR
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, &ex);
   curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, on_connected);
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, &ex);
-  if (extra_ca != nullptr) {
-    // The shared CA cache would keep these certificates beyond the setting.
-    curl_easy_setopt(easy, CURLOPT_CA_CACHE_TIMEOUT, 0L);
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, add_extra_ca);
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, extra_ca);
-  }
+  // No file for libcurl to parse: the shared store stands in for it. And no
+  // store cached by libcurl either, which would put itself back in place of
+  // ours and outlive a change of the trust setting.
+  X509_STORE* store = trust.store->get(easy);
+  curl_easy_setopt(easy, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+  curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
+  curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+  curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, use_trust_store);
+  curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, store);
 }
 
 // Drives the transfer; returns libcurl's result, or nothing when the server
@@ -313,6 +360,12 @@ OpenedResponse open_http_request(const HttpRequest& request, double timeout_s) {
   timeout_s = std::min(timeout_s, 1e7);  // beyond any wait worth having
   ThreadHandles& handles = thread_handles();
   const TrustSetting trust = current_trust();
+  if (handles.attached && handles.attached != trust.shared) {
+    // Connections verified under another trust setting are not kept.
+    curl_multi_cleanup(handles.multi);
+    handles.multi = curl_multi_init();
+    if (handles.multi == nullptr) throw RuntimeError("libcurl could not be initialised");
+  }
   Exchange ex;
   ex.sink = request.sink;
   char error_buffer[CURL_ERROR_SIZE] = {0};

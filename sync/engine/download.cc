@@ -22,6 +22,10 @@ namespace quillmarsh::sync {
 namespace {
 
 constexpr std::size_t kRehashPieceBytes = 1048576;
+// A TLS record brings at most 16 KiB; writing each alone would cost a system
+// call per record. Pieces are hashed as they come and written in batches
+// this large, which still fit the CPU's cache.
+constexpr std::size_t kWriteBatchBytes = 256 * 1024;
 
 const Json& member(const Json& entry, const char* key) {
   static const Json kNull;
@@ -104,7 +108,14 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
     // whatever came before a failure stays staged and is never fetched again.
     // A 206 goes on at the staged end; a 200, where taken, is the whole file
     // and replaces what was staged. Any other answer stays in memory.
+    std::string pending;  // arrived and hashed, not yet written
+    auto write_pending = [&] {
+      if (pending.empty()) return;
+      fh.write(pending);
+      pending.clear();
+    };
     auto fetch = [&](std::int64_t start, std::int64_t end, bool take_206, bool take_200) {
+      pending.reserve(kWriteBatchBytes);
       BodySink sink;
       sink.accepts = [&](int status) {
         if (status == 206) return take_206;
@@ -116,12 +127,27 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
         return true;
       };
       sink.write = [&](std::string_view piece) {
-        fh.write(piece);
         h->update(piece);
+        pending.append(piece);
         total_written += static_cast<std::int64_t>(piece.size());
         _bytes_arrived.fetch_add(static_cast<std::int64_t>(piece.size()), std::memory_order_relaxed);
+        if (pending.size() >= kWriteBatchBytes) write_pending();
       };
-      return get(start, end, &sink);
+      HttpResponse resp;
+      try {
+        resp = get(start, end, &sink);
+      } catch (...) {
+        // What arrived before the failure is staged all the same, so that
+        // no attempt fetches it again; the next attempt reads back the
+        // staging file, so a write that fails here loses nothing but bytes.
+        try {
+          write_pending();
+        } catch (const std::exception&) {
+        }
+        throw;
+      }
+      write_pending();
+      return resp;
     };
 
     try {
