@@ -32,6 +32,12 @@
 #                               (default OpenSSL's; each client then gets the one it prefers)
 #   MIRROR_BENCH_KEEP           1 keeps the temporary directory
 #   MIRROR_BENCH_QMSYNC_PREFIX  a command put in front of qmsync, e.g. a profiler
+#   MIRROR_BENCH_DEST_DIR       where the destinations go (default: beside the data sets, on
+#                               disk). On ext4, every new file's inode is found by skipping the
+#                               inodes deleted in the last hours, so on a disk that has seen many
+#                               deletions (each round's destination goes) file creation costs vary
+#                               threefold from run to run; /dev/shm takes that noise out and
+#                               leaves the tools' own work
 #
 # Run as root on Debian: installs nginx, rclone, curl and time when missing.
 set -euo pipefail
@@ -91,6 +97,10 @@ nginx=/usr/sbin/nginx
 # --- scratch space and clean-up -------------------------------------------
 
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/qmsync-mirror-bench.XXXXXX")
+dest_root=""
+if [ -n "${MIRROR_BENCH_DEST_DIR:-}" ]; then
+  dest_root=$(mktemp -d "$MIRROR_BENCH_DEST_DIR/qmsync-mirror-dest.XXXXXX")
+fi
 # nginx's workers drop root (to nobody) and must reach the server root.
 chmod 0755 "$tmp"
 pids=()
@@ -99,6 +109,7 @@ cleanup() {
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
   for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
   if [ "$keep" = 1 ]; then say "kept $tmp"; else rm -rf "$tmp"; fi
+  [ -z "$dest_root" ] || rm -rf "$dest_root"
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM
@@ -272,15 +283,17 @@ command_for() {  # tool dest
   esac
 }
 
-timed() {  # tool dest; appends "seconds rss_kib" to the tool's results
+timed() {  # tool dest; appends "seconds rss_kib cpu_seconds" to the tool's results
   local started ended cmd
   mkdir -p "$2"
   command_for "$1" "$2"
   started=$(now)
-  /usr/bin/time -f %M -o "$set_dir/rss" "${cmd[@]}" >"$set_dir/$1.out" 2>"$set_dir/$1.err" ||
+  /usr/bin/time -f "%M %U %S" -o "$set_dir/rss" "${cmd[@]}" >"$set_dir/$1.out" 2>"$set_dir/$1.err" ||
     die "$1 failed: $(tail -5 "$set_dir/$1.err")"
   ended=$(now)
-  awk -v a="$started" -v b="$ended" -v rss="$(tail -1 "$set_dir/rss")" 'BEGIN { printf "%.6f %d\n", b - a, rss }' \
+  read -r rss user_s sys_s <"$set_dir/rss"
+  awk -v a="$started" -v b="$ended" -v rss="$rss" -v cpu="$(awk -v u="$user_s" -v s="$sys_s" 'BEGIN { print u + s }')" \
+    'BEGIN { printf "%.6f %d %.2f\n", b - a, rss, cpu }' \
     >>"$set_dir/$1.results"
 }
 
@@ -360,7 +373,7 @@ EOF
   for ((round = 0; round < rounds; round++)); do
     for ((i = 0; i < ${#tools[@]}; i++)); do
       tool=${tools[$(((i + round) % ${#tools[@]}))]}
-      dest="$set_dir/dest-$tool"
+      dest="${dest_root:-$set_dir}/dest-$tool"
       rm -rf "$dest"
       # Dirty pages of the run before are written out now rather than
       # during the next timed run; nothing is dropped from the cache.
@@ -378,19 +391,22 @@ EOF
 }
 
 report() {  # name count bytes
-  local name=$1 q_med tool med
+  local name=$1 q_med tool med cpu
   q_med=$(awk '{ print $1 }' "$set_dir/qmsync.results" | median_of)
   echo
   printf '%s: %d files, %.1f MiB; %d rounds, fresh destination each run, page cache not dropped\n' \
     "$name" "$2" "$(echo "$3" | awk '{ print $1 / 1048576 }')" "$rounds"
   # The ratios hold up on a busy machine better than the seconds do.
   printf '%d cores, load average now %s\n' "$(nproc)" "$(cut -d' ' -f1-3 /proc/loadavg)"
-  printf '%-19s %9s %9s %9s %9s %11s %14s\n' tool "median s" "min s" "max s" "MiB/s" "peak RSS MiB" "qmsync/tool"
+  printf '%-19s %9s %9s %9s %9s %9s %11s %14s\n' tool "median s" "min s" "max s" "MiB/s" "CPU s" "peak RSS MiB" \
+    "qmsync/tool"
   for tool in "${tools[@]}"; do
     med=$(awk '{ print $1 }' "$set_dir/$tool.results" | median_of)
-    awk -v name="${label[$tool]}" -v med="$med" -v q="$q_med" -v bytes="$3" '
+    cpu=$(awk '{ print $3 }' "$set_dir/$tool.results" | median_of)
+    awk -v name="${label[$tool]}" -v med="$med" -v cpu="$cpu" -v q="$q_med" -v bytes="$3" '
       { t = $1; if (NR == 1 || t < lo) lo = t; if (NR == 1 || t > hi) hi = t; if ($2 > rss) rss = $2 }
-      END { printf "%-19s %9.3f %9.3f %9.3f %9.1f %11.1f %14.3f\n", name, med, lo, hi, bytes / 1048576 / med, rss / 1024, q / med }' \
+      END { printf "%-19s %9.3f %9.3f %9.3f %9.1f %9.2f %11.1f %14.3f\n", name, med, lo, hi, bytes / 1048576 / med, cpu,
+                   rss / 1024, q / med }' \
       "$set_dir/$tool.results"
   done
   echo "what nginx saw of the timed runs (user agent: HTTP, TLS, cipher: requests, connections):"

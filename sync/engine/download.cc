@@ -21,7 +21,9 @@
 namespace quillmarsh::sync {
 namespace {
 
-constexpr std::size_t kRehashPieceBytes = 1048576;
+// Small enough to come from the heap rather than a fresh mapping: most
+// staging files are new and empty, and this is paid once per file.
+constexpr std::size_t kRehashPieceBytes = 64 * 1024;
 // A TLS record brings at most 16 KiB; writing each alone would cost a system
 // call per record. Pieces are hashed as they come and written in batches
 // this large, which still fit the CPU's cache.
@@ -90,19 +92,16 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
     auto h = std::make_unique<Sha256Hasher>();
 
     // What an earlier attempt (or call) left is kept; rebuild its digest.
-    if (path_exists(tmp_path)) {
-      ReadableFile existing(tmp_path);
+    // Reading it through leaves the position at its end.
+    UpdatableFile fh(tmp_path, UpdatableFile::create);
+    {
       std::vector<char> piece(kRehashPieceBytes);
-      while (const std::size_t got = existing.read(piece.data(), piece.size())) {
+      while (const std::size_t got = fh.read(piece.data(), piece.size())) {
         h->update(std::string_view(piece.data(), got));
         total_written += static_cast<std::int64_t>(got);
       }
-    } else {
-      write_file(tmp_path, "");
     }
     const std::int64_t range_start = total_written;
-    UpdatableFile fh(tmp_path);
-    fh.seek(total_written);
 
     // Bodies stream into the staging file and the digest as they arrive, so
     // whatever came before a failure stays staged and is never fetched again.
@@ -120,8 +119,10 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
       sink.accepts = [&](int status) {
         if (status == 206) return take_206;
         if (status != 200 || !take_200) return false;
-        fh.seek(0);
-        fh.truncate();
+        if (total_written > 0) {
+          fh.seek(0);
+          fh.truncate();
+        }
         h = std::make_unique<Sha256Hasher>();
         total_written = 0;
         return true;

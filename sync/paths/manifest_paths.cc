@@ -81,7 +81,7 @@ std::string _manifest_local_path(std::string_view data_dir, const Json& file_pat
 std::string _manifest_local_path(std::string_view data_dir, std::string_view file_path) {
   const std::string rel_path = _safe_manifest_relative_path(file_path);
   const std::string base = resolve_path(expand_user(data_dir));
-  const std::string target = resolve_path(base + "/" + rel_path);
+  const std::string target = resolve_path_below(base, rel_path);
   if (!is_within(base, target)) refuse("Manifest file path escapes data directory", file_path);
   return target;
 }

@@ -43,9 +43,18 @@ std::int64_t ReadableFile::size() const {
   return st.st_size;
 }
 
-UpdatableFile::UpdatableFile(const std::string& path) : path_(path) {
-  fd_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+UpdatableFile::UpdatableFile(const std::string& path, Open how) : path_(path) {
+  fd_ = how == create ? ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666)
+                      : ::open(path.c_str(), O_RDWR | O_CLOEXEC);
   if (fd_ < 0) raise_os_error(errno, path);
+}
+
+std::size_t UpdatableFile::read(char* buffer, std::size_t n) {
+  for (;;) {
+    const ssize_t got = ::read(fd_, buffer, n);
+    if (got >= 0) return static_cast<std::size_t>(got);
+    if (errno != EINTR) raise_os_error(errno, path_);
+  }
 }
 
 UpdatableFile::~UpdatableFile() {

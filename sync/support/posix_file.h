@@ -34,15 +34,19 @@ class ReadableFile {
 };
 
 // A file open for reading and writing at a position the caller moves. The
-// open neither creates nor truncates. Writes go straight to the descriptor,
-// so there is nothing to flush. Closed when it goes, if not before.
+// open never truncates, and creates the file only when asked. Writes go
+// straight to the descriptor, so there is nothing to flush. Closed when it
+// goes, if not before.
 class UpdatableFile {
  public:
-  explicit UpdatableFile(const std::string& path);
+  enum Open { existing, create };
+  explicit UpdatableFile(const std::string& path, Open how = existing);
   ~UpdatableFile();
   UpdatableFile(const UpdatableFile&) = delete;
   UpdatableFile& operator=(const UpdatableFile&) = delete;
   void seek(std::int64_t offset);
+  // Reads up to `n` bytes at the position and moves behind them; 0 at the end.
+  std::size_t read(char* buffer, std::size_t n);
   // Writes all of `data` at the position and moves behind it.
   void write(std::string_view data);
   // Cuts the file off at the position.

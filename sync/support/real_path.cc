@@ -71,9 +71,14 @@ std::optional<std::string> read_link(const std::string& path) {
   }
 }
 
-bool is_symlink(const std::string& path) {
+enum class LinkCheck { link, other, missing };
+
+LinkCheck check_link(const std::string& path) {
   struct stat st;
-  return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+  if (lstat(path.c_str(), &st) != 0) {
+    return errno == ENOENT || errno == ENOTDIR ? LinkCheck::missing : LinkCheck::other;
+  }
+  return S_ISLNK(st.st_mode) ? LinkCheck::link : LinkCheck::other;
 }
 
 // Pushes the segments of text so that the first one is popped first.
@@ -110,9 +115,10 @@ std::string expand_user(std::string_view path) {
   return out.empty() ? "/" : out;
 }
 
-std::string resolve_path(std::string_view input) {
-  if (input.find('\0') != std::string_view::npos) throw ValueError("embedded null byte");
-  std::string path = input.starts_with('/') ? "/" : current_directory();
+namespace {
+
+// Walks `input` from `path`, an absolute link-free path.
+std::string walk(std::string path, std::string_view input) {
 
   // Segments still to walk, next on top. An entry flagged true names a link
   // whose target has just been walked; its resolution is then remembered.
@@ -121,6 +127,9 @@ std::string resolve_path(std::string_view input) {
   // Link path -> its resolution; absent while that resolution is under way,
   // which is how a loop shows itself.
   std::unordered_map<std::string, std::optional<std::string>> seen;
+  // Below a name that does not exist nothing exists either, so nothing there
+  // is asked about until ".." climbs back out.
+  bool missing = false;
 
   while (!pending.empty()) {
     auto [name, link_done] = std::move(pending.back());
@@ -133,10 +142,13 @@ std::string resolve_path(std::string_view input) {
     if (name == "..") {
       path.erase(path.rfind('/'));
       if (path.empty()) path = "/";
+      missing = false;
       continue;
     }
     std::string next = path == "/" ? "/" + name : path + "/" + name;
-    if (!is_symlink(next)) {
+    const LinkCheck check = missing ? LinkCheck::missing : check_link(next);
+    if (check != LinkCheck::link) {
+      missing = check == LinkCheck::missing;
       path = std::move(next);
       continue;
     }
@@ -156,6 +168,19 @@ std::string resolve_path(std::string_view input) {
     push_segments(pending, *target);
   }
   return path;
+}
+
+}  // namespace
+
+std::string resolve_path(std::string_view input) {
+  if (input.find('\0') != std::string_view::npos) throw ValueError("embedded null byte");
+  return walk(input.starts_with('/') ? "/" : current_directory(), input);
+}
+
+std::string resolve_path_below(const std::string& resolved_base, std::string_view rel) {
+  if (rel.find('\0') != std::string_view::npos) throw ValueError("embedded null byte");
+  if (rel.starts_with('/')) return resolve_path(rel);
+  return walk(resolved_base, rel);
 }
 
 }  // namespace quillmarsh::sync

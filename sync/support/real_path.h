@@ -20,6 +20,10 @@ std::string expand_user(std::string_view path);
 // Fails with ValueError on a NUL byte, OSError if the working directory is gone.
 std::string resolve_path(std::string_view path);
 
+// resolve_path(resolved_base + "/" + rel), for a `resolved_base` that
+// resolve_path gave: the base is not walked again.
+std::string resolve_path_below(const std::string& resolved_base, std::string_view rel);
+
 }  // namespace quillmarsh::sync
 
 #endif  // QUILLMARSH_SYNC_SUPPORT_REAL_PATH_H_
