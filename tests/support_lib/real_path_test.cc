@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 
@@ -62,6 +63,25 @@ TEST_F(RealPathTest, LinkLoopsStopResolvingInsteadOfHanging) {
   EXPECT_EQ(resolve_path(root_ + "/a/x"), root_ + "/a/x");
   EXPECT_EQ(resolve_path(root_ + "/self/y/.."), root_ + "/self");
   EXPECT_EQ(resolve_path(root_ + "/loop"), root_ + "/loop/x");
+}
+
+// Below a missing name nothing is looked up, until ".." climbs back to where
+// links are; and resolving below a resolved base is resolving the joined path.
+TEST_F(RealPathTest, MissingNamesAndResolvedBasesChangeNothingOfTheResult) {
+  mkdirs("real/sub");
+  link("real", "to_real");
+  link("nowhere", "dangling");
+  link("real/file", "to_file");
+  std::ofstream(root_ + "/real/file") << "x";
+  for (const char* rel : {"to_real/sub", "missing/../to_real/sub", "missing/deeper/../../to_real", "dangling/x",
+                          "to_file/x", "to_file/../to_real", "real/missing/../sub/../../to_real/sub", ".", ""}) {
+    SCOPED_TRACE(rel);
+    const std::string joined = resolve_path(root_ + "/" + rel);
+    EXPECT_EQ(resolve_path_below(root_, rel), joined);
+  }
+  EXPECT_EQ(resolve_path(root_ + "/missing/../to_real/sub"), root_ + "/real/sub");
+  EXPECT_EQ(resolve_path(root_ + "/dangling/x"), root_ + "/nowhere/x");
+  EXPECT_EQ(resolve_path_below(root_, "/abs/../x"), "/x");
 }
 
 TEST_F(RealPathTest, ExpandUserUsesHomeThenPasswordEntry) {
