@@ -33,17 +33,24 @@ class ProgressObserverTest : public SyncFixture {
     });
     const SyncResult result = manager->sync();
 
-    ASSERT_EQ(calls.size(), 4u);
+    // One call at the start and one per completed file; on a slow run, more
+    // between them as bytes arrive. Neither count goes back.
+    ASSERT_GE(calls.size(), 4u);
     EXPECT_TRUE(on_caller);
+    int completions = 0;
     for (std::size_t i = 0; i < calls.size(); ++i) {
-      EXPECT_EQ(calls[i].files_done, static_cast<std::int64_t>(i));
       EXPECT_EQ(calls[i].files_selected, 3);
       EXPECT_EQ(calls[i].bytes_selected, 3210);
-      if (i > 0) {
-        EXPECT_GT(calls[i].bytes_done, calls[i - 1].bytes_done);
-      }
+      if (i == 0) continue;
+      EXPECT_GE(calls[i].bytes_done, calls[i - 1].bytes_done);
+      const std::int64_t step = calls[i].files_done - calls[i - 1].files_done;
+      EXPECT_TRUE(step == 0 || step == 1) << i;
+      completions += static_cast<int>(step);
     }
+    EXPECT_EQ(completions, 3);
+    EXPECT_EQ(calls.front().files_done, 0);
     EXPECT_EQ(calls.front().bytes_done, 0);
+    EXPECT_EQ(calls.back().files_done, 3);
     EXPECT_EQ(calls.back().bytes_done, 3210);
     EXPECT_EQ(result.bytes_downloaded, 3210);
   }
@@ -64,7 +71,7 @@ TEST_F(ProgressObserverTest, ToldOfEachFileARepairBrings) {
   manager->set_progress_observer([&](const DownloadProgress& p) { calls.push_back(p); });
   // A path the manifest does not list is passed over and not counted.
   manager->repair({"docs/c.txt", "not/listed.bin", "features/u/a.bin"});
-  ASSERT_EQ(calls.size(), 3u);
+  ASSERT_GE(calls.size(), 3u);
   EXPECT_EQ(calls.back().files_done, 2);
   EXPECT_EQ(calls.back().files_selected, 2);
   EXPECT_EQ(calls.back().bytes_done, 3010);
@@ -80,7 +87,7 @@ TEST_F(ProgressObserverTest, AnObserverThatThrowsChangesNothing) {
     throw std::runtime_error("display broke");
   });
   const SyncResult result = manager->sync();
-  EXPECT_EQ(calls, 4);
+  EXPECT_GE(calls, 4);
   EXPECT_EQ(result.bytes_downloaded, 3210);
   EXPECT_EQ(read_file(path("docs/c.txt")), std::string(3000, 'c'));
   EXPECT_TRUE(manager->verify().valid);
