@@ -29,6 +29,31 @@ std::shared_ptr<SyncManager> open_manager(const GlobalOptions& g, const std::str
   }
 }
 
+// The library passes over a path its manifest does not list; a person who
+// typed one wants to hear of it, and of the listed path they probably meant.
+void refuse_unknown_paths(const SyncManager& manager, const std::vector<std::string>& paths) {
+  const std::shared_ptr<Manifest> manifest = manager.get_manifest();
+  if (!manifest) {
+    throw UsageError("nothing to repair: " + manager._data_dir +
+                     " holds no manifest in force; run `qmsync sync` first");
+  }
+  const Json& files = manifest->files();
+  const auto listed = [&files](const std::string& path) { return files.is_object() && files.contains(path); };
+  std::string refused;
+  for (const std::string& path : paths) {
+    if (listed(path)) continue;
+    std::string near = path;
+    while (near.starts_with("./")) near.erase(0, 2);
+    if (const std::string prefix = manager._data_dir + "/"; near.starts_with(prefix)) near.erase(0, prefix.size());
+    refused += (refused.empty() ? "" : ", ") + sync::quoted(path);
+    if (near != path && listed(near)) refused += " (did you mean " + sync::quoted(near) + "?)";
+  }
+  if (!refused.empty()) {
+    throw UsageError("not in the manifest in force, so not repaired: " + refused +
+                     "; give paths as `qmsync verify` names them");
+  }
+}
+
 // What a Ctrl-C during a download leaves: files that completed are in place,
 // verified, and the next run does not fetch them again; a file cut halfway is
 // fetched anew.
@@ -51,6 +76,17 @@ int run_sync(const GlobalOptions& g) {
 
 int run_verify(const GlobalOptions& g) {
   auto manager = open_manager(g, "verify", false);
+  // The library finds nothing wrong where nothing was promised; a person
+  // asking must not read that as "valid".
+  if (!manager->get_manifest()) {
+    if (g.json) {
+      print_json(Json{{"valid", false}, {"manifest_in_force", false}});
+    } else {
+      std::cout << "Not verified: " << manager->_data_dir
+                << " holds no manifest in force, so nothing was ever synced there. Run `qmsync sync` first.\n";
+    }
+    return kExitInvalid;
+  }
   const VerifyResult result = manager->verify();
   print_verify_result(result, g.json);
   return result.valid ? kExitOk : kExitInvalid;
@@ -60,6 +96,7 @@ int run_repair(const GlobalOptions& g, const std::vector<std::string>& paths) {
   TerminalProgress progress;
   const InterruptNotice interrupt([&progress] { return interrupted_notice(progress, "repair"); });
   auto manager = open_manager(g, "repair", true);
+  refuse_unknown_paths(*manager, paths);
   manager->set_progress_observer(progress.counter());
   const SyncResult result = manager->repair(paths);
   progress.finish();

@@ -155,6 +155,40 @@ TEST_F(QmsyncTest, VerifyNamesCorruptAndMissingFilesAndRepairFixesThem) {
   expect_mirrors_source();
 }
 
+// Nothing that was never promised reads as success: a directory never synced
+// is not "valid", and paths the manifest does not list are not "repaired".
+TEST_F(QmsyncTest, VerifyOfANeverSyncedDirectoryAndRepairOfUnlistedPathsRefuse) {
+  start_server();
+  make_dirs(data_dir());
+  const ProcessResult never = qmsync({"verify", "--data-dir", data_dir()});
+  EXPECT_EQ(never.exit_code, 1);
+  EXPECT_NE(never.out.find("Not verified: "), std::string::npos) << never.out;
+  EXPECT_EQ(parse_json_text(qmsync({"verify", "--json", "--data-dir", data_dir()}).out),
+            (Json{{"valid", false}, {"manifest_in_force", false}}));
+  const ProcessResult unsynced = qmsync(client({"repair", "docs/readme.txt"}));
+  EXPECT_EQ(unsynced.exit_code, 2);
+  EXPECT_NE(unsynced.err.find("run `qmsync sync` first"), std::string::npos) << unsynced.err;
+
+  ASSERT_EQ(qmsync(client({"sync"})).exit_code, 0);
+  const struct {
+    std::vector<std::string> paths;
+    std::string says;
+  } cases[] = {
+      {{"nope.bin"}, "'nope.bin'"},
+      {{"./docs/readme.txt"}, "'./docs/readme.txt' (did you mean 'docs/readme.txt'?)"},
+      {{data_dir() + "/docs/readme.txt"}, "(did you mean 'docs/readme.txt'?)"},
+      {{"docs/readme.txt", "../etc/passwd"}, "so not repaired: '../etc/passwd';"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> args = {"repair"};
+    args.insert(args.end(), c.paths.begin(), c.paths.end());
+    const ProcessResult refused = qmsync(client(args));
+    EXPECT_EQ(refused.exit_code, 2) << c.paths.front();
+    EXPECT_NE(refused.err.find(c.says), std::string::npos) << refused.err;
+  }
+  EXPECT_EQ(qmsync(client({"repair", "docs/readme.txt"})).exit_code, 0);
+}
+
 TEST_F(QmsyncTest, BadInputExitsWithTheUsageCodeAndSaysWhy) {
   make_dirs(tmp_ / "a-directory");
   struct Case {
