@@ -67,7 +67,7 @@ int run_sync(const GlobalOptions& g) {
   TerminalProgress progress;
   const InterruptNotice interrupt([&progress] { return interrupted_notice(progress, "sync"); });
   auto manager = open_manager(g, "sync", true);
-  manager->set_progress_observer(progress.counter());
+  manager->set_progress_observer(progress.observer());
   const SyncResult result = manager->sync();
   progress.finish();
   print_sync_result(result, "Sync", g.json);
@@ -97,7 +97,7 @@ int run_repair(const GlobalOptions& g, const std::vector<std::string>& paths) {
   const InterruptNotice interrupt([&progress] { return interrupted_notice(progress, "repair"); });
   auto manager = open_manager(g, "repair", true);
   refuse_unknown_paths(*manager, paths);
-  manager->set_progress_observer(progress.counter());
+  manager->set_progress_observer(progress.observer());
   const SyncResult result = manager->repair(paths);
   progress.finish();
   print_sync_result(result, "Repair", g.json);

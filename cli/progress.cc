@@ -21,8 +21,6 @@ ProgressObserver TerminalProgress::observer() {
   return [this](const DownloadProgress& progress) { draw(progress); };
 }
 
-ProgressObserver TerminalProgress::counter() { return observer(); }
-
 std::int64_t TerminalProgress::files_done() {
   std::lock_guard<std::mutex> lock(mu_);
   return files_done_;

@@ -27,16 +27,13 @@ class TerminalProgress {
   TerminalProgress(const TerminalProgress&) = delete;
   TerminalProgress& operator=(const TerminalProgress&) = delete;
 
-  bool enabled() const { return enabled_; }
-  // For SyncManager::set_progress_observer; valid while this lives.
+  // For SyncManager::set_progress_observer; valid while this lives. Off a
+  // terminal it draws nothing but still counts, for the interrupt notice.
   ProgressObserver observer();
   // Ends the line where it stands, so that what follows starts clean.
   void finish();
   // Files completed so far in the current batch.
   std::int64_t files_done();
-  // The observer to hand the manager, also off a terminal (it then draws
-  // nothing but still counts, for the interrupt notice).
-  ProgressObserver counter();
 
  private:
   void draw(const DownloadProgress& progress);

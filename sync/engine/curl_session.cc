@@ -115,10 +115,12 @@ class TrustStore {
   X509_STORE* store_ = nullptr;
 };
 
+// The certificates trusted now, and the state shared only under them.
 struct TrustSetting {
-  std::shared_ptr<const ExtraCa> extra_ca;
-  std::shared_ptr<SharedState> shared = std::make_shared<SharedState>();
-  std::shared_ptr<TrustStore> store = std::make_shared<TrustStore>(extra_ca);
+  explicit TrustSetting(std::shared_ptr<const ExtraCa> extra_ca = nullptr)
+      : shared(std::make_shared<SharedState>()), store(std::make_shared<TrustStore>(std::move(extra_ca))) {}
+  std::shared_ptr<SharedState> shared;
+  std::shared_ptr<TrustStore> store;
 };
 
 std::mutex g_ca_mu;
