@@ -1,6 +1,7 @@
 #include "sync/engine/curl_session.h"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <chrono>
@@ -74,45 +75,62 @@ class SharedState {
 
 // The certificates a handshake trusts: the system's bundle, where libcurl
 // would look for it, and the extra ones. Parsed once per trust setting and
-// shared by every handshake; left to libcurl, each new connection would
-// parse the system's bundle again (some 30 ms each).
+// thread; left to libcurl, each new connection would parse the system's
+// bundle again (some 30 ms each).
 class TrustStore {
  public:
-  explicit TrustStore(std::shared_ptr<const ExtraCa> extra_ca) : extra_ca_(std::move(extra_ca)) {}
-  ~TrustStore() {
-    if (store_ != nullptr) X509_STORE_free(store_);
-  }
+  explicit TrustStore(std::shared_ptr<const ExtraCa> extra_ca)
+      : extra_ca_(std::move(extra_ca)), id_(next_id_.fetch_add(1) + 1) {}
   TrustStore(const TrustStore&) = delete;
   TrustStore& operator=(const TrustStore&) = delete;
 
-  // The store, built on first use from the locations `easy` would use.
-  X509_STORE* get(CURL* easy) {
-    std::call_once(built_, [&] {
-      store_ = X509_STORE_new();
-      if (store_ == nullptr) return;
-      char* ca_file = nullptr;
-      char* ca_path = nullptr;
-      curl_easy_getinfo(easy, CURLINFO_CAINFO, &ca_file);
-      curl_easy_getinfo(easy, CURLINFO_CAPATH, &ca_path);
-      // A location that cannot be read adds nothing; the handshake then
-      // fails for want of trust, never succeeds without it.
-      if (ca_file != nullptr) X509_STORE_load_file(store_, ca_file);
-      if (ca_path != nullptr) X509_STORE_load_path(store_, ca_path);
-      ERR_clear_error();
-      if (extra_ca_) {
-        for (X509* cert : extra_ca_->certs) X509_STORE_add_cert(store_, cert);
-      }
-      // As libcurl sets it on a store of its own: a trusted intermediate
-      // suffices. Set here once, before any thread shares the store.
-      X509_STORE_set_flags(store_, X509_V_FLAG_PARTIAL_CHAIN);
-    });
-    return store_;
+  // This thread's store, built on its first use here from the locations
+  // `easy` would use. OpenSSL changes a store's lists while verifying against
+  // it, so a store is never shared between threads: each worker parses once
+  // and then keeps it for all its connections.
+  X509_STORE* get(CURL* easy) const {
+    thread_local ThreadCopy copy;
+    if (copy.id != id_) {
+      copy.reset(build(easy));
+      copy.id = id_;
+    }
+    return copy.store;
   }
 
  private:
+  struct ThreadCopy {
+    std::uint64_t id = 0;
+    X509_STORE* store = nullptr;
+    void reset(X509_STORE* next) {
+      if (store != nullptr) X509_STORE_free(store);  // connections hold their own references
+      store = next;
+    }
+    ~ThreadCopy() { reset(nullptr); }
+  };
+
+  X509_STORE* build(CURL* easy) const {
+    X509_STORE* store = X509_STORE_new();
+    if (store == nullptr) return nullptr;
+    char* ca_file = nullptr;
+    char* ca_path = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_CAINFO, &ca_file);
+    curl_easy_getinfo(easy, CURLINFO_CAPATH, &ca_path);
+    // A location that cannot be read adds nothing; the handshake then
+    // fails for want of trust, never succeeds without it.
+    if (ca_file != nullptr) X509_STORE_load_file(store, ca_file);
+    if (ca_path != nullptr) X509_STORE_load_path(store, ca_path);
+    ERR_clear_error();
+    if (extra_ca_) {
+      for (X509* cert : extra_ca_->certs) X509_STORE_add_cert(store, cert);
+    }
+    // As libcurl sets it on a store of its own: a trusted intermediate suffices.
+    X509_STORE_set_flags(store, X509_V_FLAG_PARTIAL_CHAIN);
+    return store;
+  }
+
+  static inline std::atomic<std::uint64_t> next_id_{0};
   std::shared_ptr<const ExtraCa> extra_ca_;
-  std::once_flag built_;
-  X509_STORE* store_ = nullptr;
+  const std::uint64_t id_;
 };
 
 // The certificates trusted now, and the state shared only under them.
@@ -310,7 +328,7 @@ void set_options(CURL* easy, std::shared_ptr<SharedState>& attached, const HttpR
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, &ex);
   curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, on_connected);
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, &ex);
-  // No file for libcurl to parse: the shared store stands in for it. And no
+  // No file for libcurl to parse: the thread's store stands in for it. And no
   // store cached by libcurl either, which would put itself back in place of
   // ours and outlive a change of the trust setting.
   X509_STORE* store = trust.store->get(easy);

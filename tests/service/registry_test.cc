@@ -146,6 +146,11 @@ TEST_F(Registry, CountLeftByAnEarlierProcessIsTakenOverAsItStands) {
 // the monitor, and the era listeners hear its integer where it has one, else 0.
 TEST_F(Registry, AManifestEraOfAnyKindNeitherStopsTheMonitorNorTheListeners) {
   quiet_server();
+  // The background threads must leave the manifest set here alone: every
+  // answer they would act on is refused.
+  for (const char* endpoint : {"/era/current", "/data/manifest/version", "/data/manifest"}) {
+    api_.fault(endpoint, {.status = 503});
+  }
   const std::vector<std::pair<Json, std::int64_t>> eras = {
       {nullptr, 0}, {"seven", 0}, {"7", 7}, {Json::array({1}), 0}, {3, 3}};
   for (const auto& [era, told] : eras) {
