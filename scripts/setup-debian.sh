@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config git ca-certificates openssl
-  libcurl4-openssl-dev nlohmann-json3-dev libssl-dev
+  libcurl4-openssl-dev nlohmann-json3-dev libsimdjson-dev libssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcpp-httplib-dev libcli11-dev
   clang libclang-rt-14-dev

@@ -2,9 +2,13 @@
 #ifndef QUILLMARSH_SYNC_MANIFEST_H_
 #define QUILLMARSH_SYNC_MANIFEST_H_
 
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <vector>
 
 #include "sync/support/json_text.h"
 
@@ -17,6 +21,32 @@ namespace quillmarsh::sync {
 // or its default when the key is missing; consumers convert at the point of
 // use. `files()` is the very "files" member of `_data`, so a repair written
 // through it reaches whoever serialises `_data`.
+// One file of a manifest as the passes read it, decoded once from its entry.
+// What a value's JSON kind means (missing, null, text where a number belongs)
+// is decided here and nowhere else. Views point into the manifest's JSON and
+// live as long as it does.
+struct ManifestEntry {
+  std::string_view path;
+  const nlohmann::ordered_json* info = nullptr;  // the entry as the JSON holds it
+  // The stated size when it converts to a non-negative integer; -1 when the
+  // entry states none that could be compared.
+  std::int64_t size_bytes = -1;
+  // The stated digest as text; "" when it is missing or no text.
+  std::string_view sha256;
+  // Whether a digest counts as given (see is_given): one of another kind
+  // than text is still given, and then matches nothing.
+  bool sha256_given = false;
+  std::string_view kind;  // "" when missing or no text
+  bool module = false;    // built per platform, hashed afresh on every check
+  // A module built for another platform: never expected on this machine.
+  bool elsewhere = false;
+  // A vocabulary, judged by its own validators rather than by the file checks.
+  bool vocabulary = false;
+};
+
+// Decodes one entry; `path` and `info` must outlive the result.
+ManifestEntry decode_manifest_entry(std::string_view path, const nlohmann::ordered_json& info);
+
 class Manifest {
  public:
   // Fails with TypeError when `data` is no JSON object.
@@ -40,8 +70,22 @@ class Manifest {
   // A new top-level copy of `_data`.
   Json to_dict() const;
 
+  // The files, decoded, in manifest order; empty when "files" is no map.
+  const std::vector<ManifestEntry>& entries() const { return entries_; }
+  // The entry of `path`, or null when the manifest lists no such path.
+  const ManifestEntry* find(std::string_view path) const;
+  // Replaces the entry of a listed path, in the JSON as in the decoded
+  // entries. TypeError when "files" is no map.
+  void set_file(const std::string& path, Json entry);
+
  private:
+  void decode_entries();
+
   Json own_files_ = Json::object();
+  std::vector<ManifestEntry> entries_;
+  // Built on the first lookup: most passes never look a path up.
+  mutable std::once_flag index_built_;
+  mutable std::unordered_map<std::string_view, std::size_t> index_;
 };
 
 // Whether a stated value counts as given: null, false, zero and empty text or

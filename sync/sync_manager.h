@@ -17,6 +17,8 @@
 #include "sync/engine/transport.h"
 #include "sync/errors.h"
 #include "sync/manifest.h"
+#include "sync/paths/cached_digest.h"
+#include "sync/paths/manifest_paths.h"
 #include "sync/records.h"
 #include "sync/support/background_thread.h"
 #include "sync/support/event.h"
@@ -119,7 +121,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   bool _hash_cache_dirty = false;
   // Entries are replaced whole, never changed in place, so a flush can copy
   // the map shallowly and write it outside the lock.
-  std::unordered_map<std::string, std::shared_ptr<const Json>> _hash_cache;
+  DigestCache _hash_cache;
   const std::string _consumer_count_path;
   std::atomic<std::int64_t> _consumer_count{0};
   std::atomic<bool> _in_transition{false};
@@ -166,7 +168,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // Fills the record's metadata and counts after the commit.
   void _fill_result_counts(SyncResult& result, const Manifest& server_manifest, bool vocab_downloaded);
   // Whether one entry of a manifest in force is as it should be on disk.
-  bool _local_entry_passes(const std::string& file_path, const Json& file_info);
+  bool _local_entry_passes(const ManifestEntry& entry, ManifestPathResolver& paths);
 
   // --- Downloads ----------------------------------------------------------
 
@@ -190,7 +192,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
     bool operator==(const CacheStatKey&) const = default;
   };
   // "Load local SHA cache; invalid cache content is a cold miss." Never fails.
-  std::unordered_map<std::string, std::shared_ptr<const Json>> _load_hash_cache();
+  DigestCache _load_hash_cache();
   // Writes the cache if it holds anything the file may lack; a failed write
   // is logged and retried at the next call.
   void _persist_hash_cache();
@@ -206,6 +208,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // neither read nor written unless `cache_allowed`.
   bool _local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
                                     const Json& file_info, bool cache_allowed = true);
+  bool _local_file_matches_entry(const ManifestEntry& entry, const std::string& local_path, bool cache_allowed);
   bool _local_manifest_files_complete(const Manifest& manifest);
 
   // --- Era artefacts --------------------------------------------------------

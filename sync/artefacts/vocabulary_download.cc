@@ -48,12 +48,8 @@ void SyncManager::_repair_vocabulary_manifest_entry(Manifest& server_manifest, c
   }
   entry["sha256"] = actual_sha;
   entry["size_bytes"] = actual_size;
-  Json& files = server_manifest.files();
-  if (!files.is_object()) {
-    throw TypeError(std::string("manifest files must be a JSON object, not ") + files.type_name());
-  }
-  // The very map the manifest's JSON holds, so the next write carries it.
-  files[file_path] = std::move(entry);
+  // Into the very map the manifest's JSON holds, so the next write carries it.
+  server_manifest.set_file(file_path, std::move(entry));
   log_warning("Manifest vocabulary metadata repaired for %s: expected sha=%s size=%s, actual sha=%s size=%s; %s",
               {file_path, text_of_json(expected_sha), text_of_json(expected_size), actual_sha, actual_size,
                reason ? *reason : std::string("validated vocabulary bytes")});

@@ -1,9 +1,13 @@
 #include "sync/manifest.h"
 
+#include <algorithm>
 #include <vector>
 
+#include "sync/artefacts/vocabulary.h"
 #include "sync/engine/file_primitives.h"
+#include "sync/engine/platform.h"
 #include "sync/errors.h"
+#include "sync/support/integer.h"
 #include "sync/support/json_text.h"
 #include "sync/support/posix_file.h"
 
@@ -30,16 +34,18 @@ std::shared_ptr<Json> drop_files(const std::shared_ptr<Json>& manifest_data, Dro
   const Json& data = require_object(manifest_data);
   const auto files_it = data.find("files");
   if (files_it == data.end() || !files_it->is_object()) return manifest_data;
+  const auto& members = files_it->get_ref<const Json::object_t&>();
+  // Nearly always nothing goes: then nothing is copied either.
+  if (std::none_of(members.begin(), members.end(), [&](const auto& m) { return drop(m.first, m.second); })) {
+    return manifest_data;
+  }
   // Keys are already unique, so members are appended without the linear
   // lookup that Json's operator[] would make for each of them.
   Json kept = Json::object();
   auto& kept_members = kept.get_ref<Json::object_t&>();
-  bool removed = false;
-  for (const auto& [path, info] : files_it->get_ref<const Json::object_t&>()) {
-    if (drop(path, info)) removed = true;
-    else kept_members.emplace_back(path, info);
+  for (const auto& [path, info] : members) {
+    if (!drop(path, info)) kept_members.emplace_back(path, info);
   }
-  if (!removed) return manifest_data;
   auto out = std::make_shared<Json>(Json::object());
   for (const auto& [key, value] : data.items()) {
     if (key == "files") (*out)[key] = std::move(kept);
@@ -68,7 +74,48 @@ Manifest::Manifest(std::shared_ptr<Json> data)
       pnl_column_count(member_or(*_data, "pnl_column_count", 0)),
       found_signals(member_or(*_data, "found_signals", Json::object())),
       found_strategies(member_or(*_data, "found_strategies", Json::object())),
-      useful_signals(member_or(*_data, "useful_signals", Json::object())) {}
+      useful_signals(member_or(*_data, "useful_signals", Json::object())) {
+  decode_entries();
+}
+
+void Manifest::decode_entries() {
+  entries_.clear();
+  const Json& all = files();
+  if (!all.is_object()) return;
+  const auto& members = all.get_ref<const Json::object_t&>();
+  entries_.reserve(members.size());
+  for (const auto& [path, info] : members) entries_.push_back(decode_manifest_entry(path, info));
+}
+
+const ManifestEntry* Manifest::find(std::string_view path) const {
+  std::call_once(index_built_, [this] {
+    index_.reserve(entries_.size());
+    for (std::size_t i = 0; i < entries_.size(); ++i) index_.emplace(entries_[i].path, i);
+  });
+  const auto it = index_.find(path);
+  return it == index_.end() ? nullptr : &entries_[it->second];
+}
+
+void Manifest::set_file(const std::string& path, Json entry) {
+  Json& all = files();
+  if (!all.is_object()) {
+    throw TypeError(std::string("manifest files must be a JSON object, not ") + all.type_name());
+  }
+  const bool listed = all.contains(path);
+  all[path] = std::move(entry);
+  if (!listed) {
+    // A new member may move every other one: decode afresh. The index is
+    // only ever built by lookups, which a manifest being repaired has not
+    // had on another thread.
+    decode_entries();
+    index_.clear();
+    for (std::size_t i = 0; i < entries_.size(); ++i) index_.emplace(entries_[i].path, i);
+    return;
+  }
+  for (ManifestEntry& decoded : entries_) {
+    if (decoded.path == path) decoded = decode_manifest_entry(decoded.path, all[path]);
+  }
+}
 
 Json& Manifest::files() {
   const auto it = _data->find("files");
@@ -100,6 +147,40 @@ bool is_given(const Json& value) {
     default:
       return !value.empty();
   }
+}
+
+ManifestEntry decode_manifest_entry(std::string_view path, const Json& info) {
+  ManifestEntry entry;
+  entry.path = path;
+  entry.info = &info;
+  if (!info.is_object()) {
+    entry.vocabulary = _vocabulary_named_universe_from_path(path).has_value();
+    return entry;
+  }
+  const auto text = [&](const char* key) -> std::string_view {
+    const auto it = info.find(key);
+    return it != info.end() && it->is_string() ? std::string_view(it->get_ref<const std::string&>()) : "";
+  };
+  if (const auto size = info.find("size_bytes"); size != info.end()) {
+    try {
+      entry.size_bytes = std::max<std::int64_t>(integer_of(*size), -1);
+    } catch (const TypeError&) {
+    } catch (const ValueError&) {
+    }
+  }
+  if (const auto sha = info.find("sha256"); sha != info.end()) {
+    entry.sha256_given = is_given(*sha);
+    entry.sha256 = text("sha256");
+  }
+  entry.kind = text("kind");
+  entry.module = is_module_kind(entry.kind);
+  const std::string_view platform = text("platform");
+  entry.elsewhere = entry.module && !platform.empty() && platform != CURRENT_PLATFORM;
+  // Only a path naming "vocabulary.json" can be one; most are not, and the
+  // full test normalises the path.
+  entry.vocabulary = path.find("vocabulary.json") != std::string_view::npos &&
+                     _vocabulary_named_universe_from_path(path).has_value();
+  return entry;
 }
 
 std::string entry_text(const Json& file_info, const char* key) {

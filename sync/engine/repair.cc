@@ -1,8 +1,5 @@
 // Re-downloading files found bad between passes: directly through repair,
 // or reported by a consumer and repaired on a background thread.
-#include <string_view>
-#include <unordered_map>
-
 #include "sync/engine/download_progress.h"
 #include "sync/support/background_thread.h"
 #include "sync/support/integer.h"
@@ -19,18 +16,11 @@ SyncResult SyncManager::repair(const std::vector<std::string>& corrupted_files) 
     if (manifest) result.era_id = integer_of(manifest->era_id);
     if (!corrupted_files.empty()) {
       if (!manifest) throw StateError("Cannot repair without a manifest: " + corrupted_files.front());
-      // Indexed once, so that a long batch does not scan the manifest per path.
-      std::unordered_map<std::string_view, const Json*> entries;
-      if (manifest->files().is_object()) {
-        const auto& files = manifest->files().get_ref<const Json::object_t&>();
-        entries.reserve(files.size());
-        for (const auto& [file_path, file_info] : files) entries.emplace(file_path, &file_info);
-      }
       // Paths the manifest does not list are passed over.
       Json found = Json::object();
       auto& found_entries = found.get_ref<Json::object_t&>();
       for (const std::string& file_path : corrupted_files) {
-        if (const auto it = entries.find(file_path); it != entries.end()) found_entries.emplace_back(file_path, *it->second);
+        if (const ManifestEntry* entry = manifest->find(file_path)) found_entries.emplace_back(file_path, *entry->info);
       }
       ProgressTally progress(_progress_observer.load(), found, result, _bytes_arrived);
       // One file after another; the first failure ends the batch.
@@ -55,7 +45,7 @@ SyncResult SyncManager::repair(const std::vector<std::string>& corrupted_files) 
 void SyncManager::report_corruption(const std::string& file_path) {
   if (!_running.load()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
   if (const std::shared_ptr<Manifest> manifest = _manifest.load()) {
-    if (!manifest->files().contains(file_path)) throw ValueError("File not in manifest: " + file_path);
+    if (!manifest->find(file_path)) throw ValueError("File not in manifest: " + file_path);
   }
   {
     std::lock_guard<std::mutex> lock(_repair_lock);

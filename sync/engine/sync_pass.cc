@@ -112,15 +112,13 @@ SyncResult SyncManager::_sync_impl() {
       try {
         Json local_vocabularies = _validate_manifest_vocabulary_files(_data_dir, *local);
         _validate_shuffle_seed_file(seed_path, integer_of(local->era_id));
-        const Json& files = local->files();
+        ManifestPathResolver paths(_data_dir);
         std::int64_t n_features = 0;
-        if (files.is_object()) {
-          for (const auto& [file_path, file_info] : files.items()) {
-            if (!_local_entry_passes(file_path, file_info)) {
-              throw SyncError("Manifest version matched but local data files need repair");
-            }
-            n_features += entry_text(file_info, "kind") == "feature";
+        for (const ManifestEntry& entry : local->entries()) {
+          if (!_local_entry_passes(entry, paths)) {
+            throw SyncError("Manifest version matched but local data files need repair");
           }
+          n_features += entry.kind == "feature";
         }
         auto vocabularies = std::make_shared<const Vocabularies>(std::move(local_vocabularies));
         _vocabulary.store(vocabularies);
@@ -173,13 +171,11 @@ SyncResult SyncManager::_sync_impl() {
     } catch (const SyncError&) {
       seed_needs_repair = true;
     }
-    const Json& files = server_manifest->files();
-    if (files.is_object()) {
-      for (const auto& [file_path, file_info] : files.items()) {
-        if (!_local_entry_passes(file_path, file_info)) {
-          data_file_needs_repair = true;
-          break;
-        }
+    ManifestPathResolver paths(_data_dir);
+    for (const ManifestEntry& entry : server_manifest->entries()) {
+      if (!_local_entry_passes(entry, paths)) {
+        data_file_needs_repair = true;
+        break;
       }
     }
     if (data_file_needs_repair) {

@@ -2,11 +2,9 @@
 // 6), bringing them and the era artefacts (stage 7), and the record's
 // metadata and counts after the commit (stage 9).
 #include <set>
-#include <unordered_map>
 
 #include "sync/artefacts/vocabulary.h"
 #include "sync/engine/file_primitives.h"
-#include "sync/engine/platform.h"
 #include "sync/engine/result_fields.h"
 #include "sync/paths/manifest_paths.h"
 #include "sync/support/integer.h"
@@ -36,46 +34,37 @@ Json SyncManager::_select_files_to_download(const Manifest& server_manifest, Syn
   Json files_to_download = Json::object();
   auto& selected = files_to_download.get_ref<Json::object_t&>();
 
-  // The manifest in force, indexed once: a lookup per file must not scan.
+  // Within one era a tracked file that still fits its entry in force is
+  // taken as unchanged, whatever the server's entry says now.
   const std::shared_ptr<Manifest> local = _manifest.load();
-  std::unordered_map<std::string_view, const Json*> tracked;
-  if (local && local->era_id == server_manifest.era_id && local->files().is_object()) {
-    for (const auto& [path, info] : local->files().get_ref<const Json::object_t&>()) tracked.emplace(path, &info);
-  }
+  const Manifest* tracked = local && local->era_id == server_manifest.era_id ? local.get() : nullptr;
   const bool has_base_url = server_manifest.base_url.is_string() && !server_manifest.base_url.get_ref<const std::string&>().empty();
 
-  const Json& files = server_manifest.files();
-  if (files.is_object()) {
-    for (const auto& [file_path, file_info] : files.get_ref<const Json::object_t&>()) {
-      // Vocabularies come through their own download, never this list.
-      if (_vocabulary_named_universe_from_path(file_path)) continue;
-      const std::string kind = entry_text(file_info, "kind");
-      const std::string file_platform = entry_text(file_info, "platform");
-      if (is_module_kind(kind) && !file_platform.empty() && file_platform != CURRENT_PLATFORM) continue;
-      const std::string local_path = _manifest_local_path(_data_dir, file_path);
-      const bool on_disk = path_exists(local_path);
+  ManifestPathResolver paths(_data_dir);
+  for (const ManifestEntry& entry : server_manifest.entries()) {
+    // Vocabularies come through their own download, never this list.
+    if (entry.vocabulary || entry.elsewhere) continue;
+    const std::string local_path = paths.local_path(entry.path);
+    const bool on_disk = path_exists(local_path);
 
-      // Within one era a tracked file that still fits its entry in force is
-      // taken as unchanged, whatever the server's entry says now.
-      if (const auto it = tracked.find(file_path); it != tracked.end() && on_disk && !is_module_kind(kind)) {
-        if (_local_file_matches_manifest(file_path, local_path, *it->second)) continue;
-        log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", {file_path});
-      }
-      if (on_disk) {
-        const std::string expected_sha = entry_text(file_info, "sha256");
-        const bool cache_allowed = !is_module_kind(kind);
-        std::optional<std::string> local_sha;
-        if (cache_allowed) local_sha = _cached_local_sha(file_path, local_path, expected_sha);
-        if (!local_sha) {
-          local_sha = _sha256_file(local_path);
-          if (cache_allowed) _remember_local_sha(file_path, local_path, *local_sha);
-        }
-        if (*local_sha == expected_sha) continue;
-      }
-      Json download_info = file_info;
-      if (has_base_url && download_info.is_object()) download_info["_manifest_base_url"] = server_manifest.base_url;
-      selected.emplace_back(file_path, std::move(download_info));
+    if (const ManifestEntry* in_force = tracked ? tracked->find(entry.path) : nullptr; in_force && on_disk && !entry.module) {
+      if (_local_file_matches_entry(*in_force, local_path, true)) continue;
+      log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", {entry.path});
     }
+    if (on_disk) {
+      const std::string file_path(entry.path);
+      const std::string expected_sha(entry.sha256);
+      std::optional<std::string> local_sha;
+      if (!entry.module) local_sha = _cached_local_sha(file_path, local_path, expected_sha);
+      if (!local_sha) {
+        local_sha = _sha256_file(local_path);
+        if (!entry.module) _remember_local_sha(file_path, local_path, *local_sha);
+      }
+      if (*local_sha == expected_sha) continue;
+    }
+    Json download_info = *entry.info;
+    if (has_base_url && download_info.is_object()) download_info["_manifest_base_url"] = server_manifest.base_url;
+    selected.emplace_back(entry.path, std::move(download_info));
   }
 
   // The whole size counts, with no allowance for partial downloads.
@@ -116,9 +105,7 @@ void SyncManager::_fill_result_counts(SyncResult& result, const Manifest& server
   const Json& files = server_manifest.files();
   if (!files.is_object()) return;
   std::int64_t n_features = 0;
-  for (const auto& [file_path, file_info] : files.get_ref<const Json::object_t&>()) {
-    n_features += entry_text(file_info, "kind") == "feature";
-  }
+  for (const ManifestEntry& entry : server_manifest.entries()) n_features += entry.kind == "feature";
   result.n_features = n_features;
   if (const auto n = count_groups(files, "useful_signals/")) result.n_useful_signals = static_cast<std::int64_t>(n);
   result.n_found_strategies = static_cast<std::int64_t>(count_groups(files, "found_strategies/"));

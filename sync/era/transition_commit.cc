@@ -95,13 +95,8 @@ void commit_staged_files(SyncManager& manager, TransitionRun& run) {
 void remove_what_the_era_lacks(SyncManager& manager, TransitionRun& run,
                                const std::shared_ptr<Manifest>& old_manifest) {
   if (old_manifest && old_manifest->files().is_object()) {
-    const Json& new_files = run.new_manifest->files();
-    std::unordered_set<std::string_view> kept;
-    if (new_files.is_object()) {
-      for (const auto& [file_path, file_info] : new_files.get_ref<const Json::object_t&>()) kept.insert(file_path);
-    }
     for (const auto& [old_file, file_info] : old_manifest->files().get_ref<const Json::object_t&>()) {
-      if (kept.contains(old_file)) continue;
+      if (run.new_manifest->find(old_file)) continue;
       const std::string local_path = _manifest_local_path(manager._data_dir, old_file);
       if (path_exists(local_path)) remove_file(local_path);
     }

@@ -17,14 +17,6 @@
 namespace quillmarsh::sync::transition {
 namespace {
 
-// Module builds for another platform are not this machine's business; data
-// files are taken whatever platform they name.
-bool skipped_on_this_platform(const Json& file_info) {
-  const std::string file_platform = entry_text(file_info, "platform");
-  return is_module_kind(entry_text(file_info, "kind")) && !file_platform.empty() &&
-         file_platform != CURRENT_PLATFORM;
-}
-
 void set_status(SyncManager& manager, std::optional<std::string> message) {
   manager._status_message.store(message ? std::make_shared<const std::string>(std::move(*message)) : nullptr);
 }
@@ -82,9 +74,11 @@ bool stage_one_file(SyncManager& manager, TransitionRun& run, const std::string&
 }  // namespace
 
 void stage_files(SyncManager& manager, TransitionRun& run) {
-  const Json::object_t& files = files_of(*run.new_manifest);
+  files_of(*run.new_manifest);  // a manifest whose files are no map fails here
+  // Module builds for another platform are not this machine's business.
+  const std::vector<ManifestEntry>& entries = run.new_manifest->entries();
   run.total_files = static_cast<std::int64_t>(
-      std::count_if(files.begin(), files.end(), [](const auto& entry) { return !skipped_on_this_platform(entry.second); }));
+      std::count_if(entries.begin(), entries.end(), [](const ManifestEntry& entry) { return !entry.elsewhere; }));
   run.completed_files = 0;
 
   run.transition_staging_dir =
@@ -94,11 +88,14 @@ void stage_files(SyncManager& manager, TransitionRun& run) {
   make_dirs(*run.transition_staging_dir);
   run.staged_file_paths.clear();
 
-  for (const auto& [file_path, file_info] : files) {
-    if (skipped_on_this_platform(file_info)) continue;
+  ManifestPathResolver paths(manager._data_dir);
+  for (const ManifestEntry& entry : entries) {
+    if (entry.elsewhere) continue;
     if (superseded(manager, run)) return;
-    const std::string local_path = _manifest_local_path(manager._data_dir, file_path);
-    const std::string new_sha = entry_text(file_info, "sha256");
+    const std::string file_path(entry.path);
+    const Json& file_info = *entry.info;
+    const std::string local_path = paths.local_path(file_path);
+    const std::string_view new_sha = entry.sha256;
     // Hashed afresh, never from the cache: the move between eras is where
     // a stale digest would cost the most.
     if (path_exists(local_path) && _sha256_file(local_path) == new_sha) {

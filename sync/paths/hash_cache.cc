@@ -20,29 +20,6 @@
 namespace quillmarsh::sync {
 namespace {
 
-// Puts the members of every object in `value` in key order, the order in
-// which the cache file holds them. Comparing entries is order-sensitive, so
-// every entry in memory is kept in this one order. What is already in order,
-// as a file written here is, is left as it stands.
-void sort_members(Json& value) {
-  if (value.is_array()) {
-    for (Json& item : value) sort_members(item);
-    return;
-  }
-  if (!value.is_object()) return;
-  auto& object = value.get_ref<Json::object_t&>();
-  for (auto& member : object) sort_members(member.second);
-  const auto by_key = [](const auto& a, const auto& b) { return a.first < b.first; };
-  if (std::is_sorted(object.begin(), object.end(), by_key)) return;
-  std::vector<Json::object_t::value_type*> members;
-  for (auto& member : object) members.push_back(&member);
-  std::sort(members.begin(), members.end(), [&](const auto* a, const auto* b) { return by_key(*a, *b); });
-  Json sorted = Json::object();
-  auto& sorted_object = sorted.get_ref<Json::object_t&>();
-  for (auto* member : members) sorted_object.emplace_back(member->first, std::move(member->second));
-  value = std::move(sorted);
-}
-
 // The integer under `key`, -1 when the entry lacks it; absent when it does
 // not convert.
 std::optional<std::int64_t> entry_integer(const Json& entry, const char* key) {
@@ -56,39 +33,56 @@ std::optional<std::int64_t> entry_integer(const Json& entry, const char* key) {
   return std::nullopt;
 }
 
-std::optional<std::string> cached_sha_at(SyncManager& manager, const std::string& file_path,
-                                         const SyncManager::CacheStatKey& key, const std::string& expected_sha) {
-  std::shared_ptr<const Json> entry;
+// Whether an entry of another shape than the written one vouches for
+// `expected_sha` at `key`: each field converted as an integer would be.
+bool other_entry_hits(const Json& entry, const SyncManager::CacheStatKey& key, std::string_view expected_sha) {
+  if (!entry.is_object()) return false;
+  const auto size = entry_integer(entry, "size_bytes");
+  const auto mtime = entry_integer(entry, "mtime_ns");
+  const auto ctime = entry_integer(entry, "ctime_ns");
+  const auto inode = entry_integer(entry, "inode");
+  if (!size || !mtime || !ctime || !inode) return false;
+  const auto sha = entry.find("sha256");
+  if (sha == entry.end() || !sha->is_string() || sha->get_ref<const std::string&>() != expected_sha) return false;
+  // A missing field reads as -1, which no stat gives: such an entry never hits.
+  return SyncManager::CacheStatKey{*size, *mtime, *ctime, *inode} == key;
+}
+
+bool cached_sha_hits(SyncManager& manager, std::string_view file_path, const SyncManager::CacheStatKey& key,
+                     std::string_view expected_sha) {
+  std::shared_ptr<const Json> other;
   {
     std::lock_guard<std::mutex> lock(manager._hash_cache_lock);
     const auto it = manager._hash_cache.find(file_path);
-    if (it == manager._hash_cache.end()) return std::nullopt;
-    entry = it->second;
+    if (it == manager._hash_cache.end()) return false;
+    const CachedDigest& entry = it->second;
+    if (!entry.other) {
+      return entry.sha256 == expected_sha &&
+             SyncManager::CacheStatKey{entry.size_bytes, entry.mtime_ns, entry.ctime_ns, entry.inode} == key;
+    }
+    other = entry.other;
   }
-  // The entry is never changed once stored, so it is read outside the lock.
-  if (!entry || !entry->is_object()) return std::nullopt;
-  const auto size = entry_integer(*entry, "size_bytes");
-  const auto mtime = entry_integer(*entry, "mtime_ns");
-  const auto ctime = entry_integer(*entry, "ctime_ns");
-  const auto inode = entry_integer(*entry, "inode");
-  if (!size || !mtime || !ctime || !inode) return std::nullopt;
-  const auto sha = entry->find("sha256");
-  if (sha == entry->end() || !sha->is_string() || sha->get_ref<const std::string&>() != expected_sha) {
-    return std::nullopt;
-  }
-  // A missing field reads as -1, which no stat gives: such an entry never hits.
-  if (SyncManager::CacheStatKey{*size, *mtime, *ctime, *inode} != key) return std::nullopt;
-  return expected_sha;
+  // Never changed once stored, so it is read outside the lock.
+  return other_entry_hits(*other, key, expected_sha);
 }
 
 }  // namespace
 
-std::unordered_map<std::string, std::shared_ptr<const Json>> SyncManager::_load_hash_cache() {
-  std::unordered_map<std::string, std::shared_ptr<const Json>> cache;
-  if (!path_exists(_hash_cache_path)) return cache;
+DigestCache SyncManager::_load_hash_cache() {
+  if (!path_exists(_hash_cache_path)) return {};
+  std::string text;
+  try {
+    text = read_file(_hash_cache_path);
+  } catch (const std::exception& e) {
+    log_warning("Ignoring unreadable sync hash cache: %s", {e});
+    return {};
+  }
+  // The file as this component writes it is read at the speed of the disk;
+  // anything else goes through the general reader and its rules.
+  if (auto written = read_written_digest_cache(text, _SYNC_HASH_CACHE_VERSION)) return std::move(*written);
+  DigestCache cache;
   Json data;
   try {
-    const std::string text = read_file(_hash_cache_path);
     check_utf8(text);
     data = parse_json_text(text);
   } catch (const std::exception& e) {
@@ -104,36 +98,23 @@ std::unordered_map<std::string, std::shared_ptr<const Json>> SyncManager::_load_
   cache.reserve(members.size());
   for (auto& [file_path, entry] : members) {
     if (!entry.is_object()) continue;
-    sort_members(entry);
-    cache.insert_or_assign(file_path, std::make_shared<const Json>(std::move(entry)));
+    cache.insert_or_assign(file_path, CachedDigest(std::move(entry)));
   }
   return cache;
 }
 
 void SyncManager::_persist_hash_cache() {
-  std::vector<std::pair<std::string, std::shared_ptr<const Json>>> entries;
+  std::string text;
   {
     std::lock_guard<std::mutex> lock(_hash_cache_lock);
     if (!_hash_cache_dirty) return;
-    entries.assign(_hash_cache.begin(), _hash_cache.end());
+    // Written out under the lock: entries are replaced in place.
+    text = digest_cache_text(_hash_cache, _SYNC_HASH_CACHE_VERSION);
     // Cleared before the write: an update landing during it sets the flag
     // again, and the next flush carries it.
     _hash_cache_dirty = false;
   }
   try {
-    std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-    // Assembled piece by piece: copying every entry into one JSON value
-    // first would double the work for a large cache.
-    std::string text = "{\"files\": {";
-    bool first = true;
-    for (const auto& [file_path, entry] : entries) {
-      if (!first) text += ", ";
-      first = false;
-      text += json_text(Json(file_path));
-      text += ": ";
-      text += json_text(*entry);
-    }
-    text += "}, \"version\": " + std::to_string(_SYNC_HASH_CACHE_VERSION) + "}";
     _atomic_write(_hash_cache_path, text);
   } catch (const std::exception& e) {
     log_warning("Failed to persist sync hash cache: %s", {e});
@@ -156,7 +137,8 @@ std::optional<std::string> SyncManager::_cached_local_sha(const std::string& fil
   } catch (const OSError&) {
     return std::nullopt;
   }
-  return cached_sha_at(*this, file_path, key, expected_sha);
+  if (!cached_sha_hits(*this, file_path, key, expected_sha)) return std::nullopt;
+  return expected_sha;
 }
 
 void SyncManager::_remember_local_sha(const std::string& file_path, const std::string& local_path,
@@ -168,25 +150,21 @@ void SyncManager::_remember_local_sha(const std::string& file_path, const std::s
   } catch (const OSError&) {
     return;
   }
-  // Built in key order, like every entry in memory.
-  Json entry = Json::object();
-  auto& members = entry.get_ref<Json::object_t&>();
-  members.emplace_back("ctime_ns", key.ctime_ns);
-  members.emplace_back("inode", key.inode);
-  members.emplace_back("mtime_ns", key.mtime_ns);
-  members.emplace_back("sha256", actual_sha);
-  members.emplace_back("size_bytes", key.size_bytes);
-  auto fresh = std::make_shared<const Json>(std::move(entry));
-
+  CachedDigest fresh(key.size_bytes, key.mtime_ns, key.ctime_ns, key.inode, actual_sha);
   std::lock_guard<std::mutex> lock(_hash_cache_lock);
-  std::shared_ptr<const Json>& stored = _hash_cache[file_path];
-  if (stored && *stored == *fresh) return;
-  stored = std::move(fresh);
+  const auto [it, inserted] = _hash_cache.try_emplace(file_path);
+  if (!inserted && it->second == fresh) return;
+  it->second = std::move(fresh);
   _hash_cache_dirty = true;
 }
 
 bool SyncManager::_local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
                                                const Json& file_info, bool cache_allowed) {
+  return _local_file_matches_entry(decode_manifest_entry(file_path, file_info), local_path, cache_allowed);
+}
+
+bool SyncManager::_local_file_matches_entry(const ManifestEntry& entry, const std::string& local_path,
+                                            bool cache_allowed) {
   // One stat serves the existence test, the size test and the cache lookup.
   CacheStatKey key;
   try {
@@ -194,27 +172,13 @@ bool SyncManager::_local_file_matches_manifest(const std::string& file_path, con
   } catch (const OSError&) {
     return false;
   }
-  if (file_info.is_object() && file_info.contains("size_bytes")) {
-    std::int64_t expected_size;
-    try {
-      expected_size = integer_of(file_info["size_bytes"]);
-    } catch (const TypeError&) {
-      expected_size = -1;
-    } catch (const ValueError&) {
-      expected_size = -1;
-    }
-    if (expected_size >= 0 && key.size_bytes != expected_size) return false;
-  }
-  const auto sha = file_info.is_object() ? file_info.find("sha256") : file_info.end();
-  if (sha == file_info.end() || !is_given(*sha)) return true;
+  if (entry.size_bytes >= 0 && key.size_bytes != entry.size_bytes) return false;
+  if (!entry.sha256_given) return true;
   // A given digest of another kind than text is still compared, and differs.
-  const std::string* expected_sha = sha->is_string() ? &sha->get_ref<const std::string&>() : nullptr;
-  if (cache_allowed && expected_sha) {
-    if (cached_sha_at(*this, file_path, key, *expected_sha)) return true;
-  }
+  if (cache_allowed && !entry.sha256.empty() && cached_sha_hits(*this, entry.path, key, entry.sha256)) return true;
   const std::string actual_sha = _sha256_file(local_path);
-  if (cache_allowed) _remember_local_sha(file_path, local_path, actual_sha);
-  return expected_sha != nullptr && actual_sha == *expected_sha;
+  if (cache_allowed) _remember_local_sha(std::string(entry.path), local_path, actual_sha);
+  return !entry.sha256.empty() && actual_sha == entry.sha256;
 }
 
 bool SyncManager::_local_manifest_files_complete(const Manifest& manifest) {
@@ -224,23 +188,18 @@ bool SyncManager::_local_manifest_files_complete(const Manifest& manifest) {
   } catch (const SyncError&) {  // EraError is a SyncError
     return false;
   }
-  const Json& files = manifest.files();
-  if (!files.is_object()) return true;
-  for (const auto& [file_path, file_info] : files.get_ref<const Json::object_t&>()) {
-    if (!_local_entry_passes(file_path, file_info)) return false;
+  ManifestPathResolver paths(_data_dir);
+  for (const ManifestEntry& entry : manifest.entries()) {
+    if (!_local_entry_passes(entry, paths)) return false;
   }
   return true;
 }
 
-bool SyncManager::_local_entry_passes(const std::string& file_path, const Json& file_info) {
-  // Vocabulary files are judged by their own validators.
-  if (_vocabulary_named_universe_from_path(file_path)) return true;
-  const std::string kind = entry_text(file_info, "kind");
-  const std::string file_platform = entry_text(file_info, "platform");
-  // A module built for another platform need not be here.
-  if (is_module_kind(kind) && !file_platform.empty() && file_platform != CURRENT_PLATFORM) return true;
-  const std::string local_path = _manifest_local_path(_data_dir, file_path);
-  return _local_file_matches_manifest(file_path, local_path, file_info, !is_module_kind(kind));
+bool SyncManager::_local_entry_passes(const ManifestEntry& entry, ManifestPathResolver& paths) {
+  // Vocabulary files are judged by their own validators, and a module built
+  // for another platform need not be here.
+  if (entry.vocabulary || entry.elsewhere) return true;
+  return _local_file_matches_entry(entry, paths.local_path(entry.path), !entry.module);
 }
 
 }  // namespace quillmarsh::sync

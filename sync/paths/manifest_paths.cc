@@ -86,6 +86,28 @@ std::string _manifest_local_path(std::string_view data_dir, std::string_view fil
   return target;
 }
 
+std::string ManifestPathResolver::local_path(std::string_view file_path) {
+  const std::string rel_path = _safe_manifest_relative_path(file_path);
+  if (!base_) base_ = resolve_path(expand_user(data_dir_));
+  const std::size_t slash = rel_path.rfind('/');
+  const std::string_view name = slash == std::string::npos ? std::string_view(rel_path) : std::string_view(rel_path).substr(slash + 1);
+  // Walking the directory, then the name from where it led, ends where
+  // walking the whole path would.
+  const std::string* dir = &*base_;
+  if (slash != std::string::npos) {
+    std::string dir_rel = rel_path.substr(0, slash);
+    auto it = dirs_.find(dir_rel);
+    if (it == dirs_.end()) {
+      std::string resolved = resolve_path_below(*base_, dir_rel);
+      it = dirs_.emplace(std::move(dir_rel), std::move(resolved)).first;
+    }
+    dir = &it->second;
+  }
+  const std::string target = resolve_path_below(*dir, name);
+  if (!is_within(*base_, target)) refuse("Manifest file path escapes data directory", file_path);
+  return target;
+}
+
 std::string _manifest_file_url(std::string_view server_url, const Json& file_path,
                                const Json& base_url) {
   return _manifest_file_url(server_url, path_text(file_path), base_url);

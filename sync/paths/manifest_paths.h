@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include <nlohmann/json.hpp>
 
@@ -33,6 +34,22 @@ std::string _safe_manifest_relative_path(std::string_view file_path);
 std::string _manifest_local_path(std::string_view data_dir,
                                  const nlohmann::ordered_json& file_path);
 std::string _manifest_local_path(std::string_view data_dir, std::string_view file_path);
+
+// _manifest_local_path for many paths under one data directory, for one pass
+// over a manifest: the data directory is walked once, and each directory
+// that manifest paths share once, so that a file costs one look-up of its
+// own name. A link changed during the pass is seen by the next pass.
+class ManifestPathResolver {
+ public:
+  explicit ManifestPathResolver(std::string_view data_dir) : data_dir_(data_dir) {}
+  // As _manifest_local_path(data_dir, file_path), failures included.
+  std::string local_path(std::string_view file_path);
+
+ private:
+  std::string data_dir_;
+  std::optional<std::string> base_;                    // resolved on first use, as a lone call would
+  std::unordered_map<std::string, std::string> dirs_;  // safe relative directory -> resolved
+};
 
 // base_url + "/" + the safe path. Fails with ManifestError unless base_url
 // (JSON null when absent) is an https URL away from the API server and off

@@ -78,11 +78,11 @@ std::vector<std::string> SyncManager::request_for_sync() {
 std::vector<std::string> SyncManager::_get_found_file_paths() {
   std::vector<std::string> paths;
   const std::shared_ptr<Manifest> manifest = _manifest.load();
-  if (!manifest || !manifest->files().is_object()) return paths;
-  for (const auto& [file_path, file_info] : manifest->files().items()) {
-    const std::string kind = entry_text(file_info, "kind");
-    if (kind != "found_signal_is_pnl" && kind != "found_strategy_is_pnl") continue;
-    const std::string local_path = _manifest_local_path(_data_dir, file_path);
+  if (!manifest) return paths;
+  ManifestPathResolver resolver(_data_dir);
+  for (const ManifestEntry& entry : manifest->entries()) {
+    if (entry.kind != "found_signal_is_pnl" && entry.kind != "found_strategy_is_pnl") continue;
+    const std::string local_path = resolver.local_path(entry.path);
     if (path_exists(local_path)) paths.push_back(local_path);
   }
   std::vector<std::pair<std::int64_t, std::string>> dated;

@@ -63,7 +63,8 @@ void SyncManager::_load_manifest() {
     auto cleaned = _drop_retired_found_pnl_long_files(_drop_agent_bundle_declaration_files(data));
     // Entries that the filters now drop leave the disk too. The write comes
     // before the Manifest is built: a failed write leaves no manifest.
-    if (*cleaned != *data) _write_manifest_json(_data_dir, *cleaned);
+    // The filters hand back their very input when they remove nothing.
+    if (cleaned != data) _write_manifest_json(_data_dir, *cleaned);
     _manifest.store(std::make_shared<Manifest>(cleaned));
   } catch (const std::exception& e) {
     log_warning("Failed to load manifest from disk: %s", {e});

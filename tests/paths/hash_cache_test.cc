@@ -116,7 +116,7 @@ TEST_F(HashCache, AHitNeedsEveryStatFieldToMatch) {
 
   auto hits_with = [&](const Json& entry) {
     std::lock_guard<std::mutex> lock(m->_hash_cache_lock);
-    m->_hash_cache["f.bin"] = std::make_shared<const Json>(entry);
+    m->_hash_cache["f.bin"] = CachedDigest(entry);
   };
   // Each stat field moved, left out (null here) or unparsable misses; as text it still counts.
   for (const char* field : {"size_bytes", "mtime_ns", "ctime_ns", "inode"}) {
@@ -138,7 +138,7 @@ TEST_F(HashCache, AHitNeedsEveryStatFieldToMatch) {
 
   // A miss hashes the file, and what it finds replaces the entry.
   EXPECT_TRUE(m->_local_file_matches_manifest("f.bin", p, entry_of("real")));
-  EXPECT_EQ(*m->_hash_cache.at("f.bin"), cache_entry(p, _sha256("real")));
+  EXPECT_EQ(m->_hash_cache.at("f.bin").json(), cache_entry(p, _sha256("real")));
 }
 
 TEST_F(HashCache, ARewriteThatKeepsSizeAndModificationTimeMisses) {
@@ -261,7 +261,7 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
   EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("4321")));
   EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("4321")));
   EXPECT_EQ(watch.opens(), 2);
-  EXPECT_EQ(m->_hash_cache.at("f.bin")->at("sha256"), _sha256("1234"));
+  EXPECT_EQ(m->_hash_cache.at("f.bin").sha256, _sha256("1234"));
 
   // Modules never use the cache: read at every check, never stored.
   const std::string so = put_local("modules/m.so", "module");
@@ -269,8 +269,10 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
   module["kind"] = "vault_module";
   module["platform"] = CURRENT_PLATFORM;
   OpenWatch module_watch({so});
-  EXPECT_TRUE(m->_local_entry_passes("modules/m.so", module));
-  EXPECT_TRUE(m->_local_entry_passes("modules/m.so", module));
+  ManifestPathResolver paths(m->_data_dir);
+  const ManifestEntry decoded = decode_manifest_entry("modules/m.so", module);
+  EXPECT_TRUE(m->_local_entry_passes(decoded, paths));
+  EXPECT_TRUE(m->_local_entry_passes(decoded, paths));
   EXPECT_EQ(module_watch.opens(), 2);
   EXPECT_EQ(m->_hash_cache.count("modules/m.so"), 0u);
 }

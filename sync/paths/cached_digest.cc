@@ -1,0 +1,197 @@
+#include "sync/paths/cached_digest.h"
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+#include <vector>
+
+#include <simdjson.h>
+
+namespace quillmarsh::sync {
+namespace {
+
+// The members of a written entry, in key order.
+constexpr std::string_view kMembers[] = {"ctime_ns", "inode", "mtime_ns", "sha256", "size_bytes"};
+
+std::optional<std::int64_t> plain_integer(const Json& value) {
+  if (value.is_number_integer() && !value.is_number_unsigned()) return value.get<std::int64_t>();
+  if (value.is_number_unsigned() && value.get<std::uint64_t>() <= std::numeric_limits<std::int64_t>::max()) {
+    return static_cast<std::int64_t>(value.get<std::uint64_t>());
+  }
+  return std::nullopt;
+}
+
+// Puts the members of every object in `value` in key order. Comparing
+// entries is order-sensitive, so an entry of another shape is kept in this
+// one order. What is already in order is left as it stands.
+void sort_members(Json& value) {
+  if (value.is_array()) {
+    for (Json& item : value) sort_members(item);
+    return;
+  }
+  if (!value.is_object()) return;
+  auto& object = value.get_ref<Json::object_t&>();
+  for (auto& member : object) sort_members(member.second);
+  const auto by_key = [](const auto& a, const auto& b) { return a.first < b.first; };
+  if (std::is_sorted(object.begin(), object.end(), by_key)) return;
+  std::vector<Json::object_t::value_type*> members;
+  for (auto& member : object) members.push_back(&member);
+  std::sort(members.begin(), members.end(), [&](const auto* a, const auto* b) { return by_key(*a, *b); });
+  Json sorted = Json::object();
+  auto& sorted_object = sorted.get_ref<Json::object_t&>();
+  for (auto* member : members) sorted_object.emplace_back(member->first, std::move(member->second));
+  value = std::move(sorted);
+}
+
+void append_integer(std::string& out, std::int64_t value) {
+  char buf[24];
+  const auto end = std::to_chars(buf, buf + sizeof buf, value).ptr;
+  out.append(buf, end);
+}
+
+// Text that json_text would copy as it stands goes straight in.
+void append_string(std::string& out, std::string_view text) {
+  const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+    return c >= 0x20 && c < 0x7f && c != '"' && c != '\\';
+  });
+  if (plain) {
+    out += '"';
+    out += text;
+    out += '"';
+  } else {
+    out += json_text(Json(std::string(text)));
+  }
+}
+
+// The written shape as simdjson holds it; false for any other.
+bool read_written_entry(simdjson::dom::element element, CachedDigest& entry) {
+  simdjson::dom::object object;
+  if (element.get_object().get(object) || object.size() != std::size(kMembers)) return false;
+  unsigned seen = 0;
+  for (const simdjson::dom::key_value_pair member : object) {
+    const auto name = std::find(std::begin(kMembers), std::end(kMembers), member.key);
+    if (name == std::end(kMembers)) return false;
+    const unsigned bit = 1u << (name - std::begin(kMembers));
+    if (seen & bit) return false;
+    seen |= bit;
+    if (*name == "sha256") {
+      std::string_view sha;
+      if (member.value.get_string().get(sha)) return false;
+      entry.sha256 = sha;
+      continue;
+    }
+    // Only what JSON's reader would also call a plain integer.
+    if (!member.value.is_int64()) return false;
+    const std::int64_t value = member.value.get_int64().value_unsafe();
+    if (*name == "ctime_ns") entry.ctime_ns = value;
+    else if (*name == "inode") entry.inode = value;
+    else if (*name == "mtime_ns") entry.mtime_ns = value;
+    else entry.size_bytes = value;
+  }
+  return true;
+}
+
+}  // namespace
+
+CachedDigest::CachedDigest(std::int64_t size_bytes, std::int64_t mtime_ns, std::int64_t ctime_ns, std::int64_t inode,
+                           std::string sha256)
+    : size_bytes(size_bytes), mtime_ns(mtime_ns), ctime_ns(ctime_ns), inode(inode), sha256(std::move(sha256)) {}
+
+CachedDigest::CachedDigest(Json entry) {
+  const auto integer = [&](const char* key) -> std::optional<std::int64_t> {
+    const auto it = entry.find(key);
+    return it == entry.end() ? std::nullopt : plain_integer(*it);
+  };
+  if (entry.is_object() && entry.size() == std::size(kMembers)) {
+    const auto c = integer("ctime_ns"), i = integer("inode"), m = integer("mtime_ns"), s = integer("size_bytes");
+    const auto sha = entry.find("sha256");
+    if (c && i && m && s && sha != entry.end() && sha->is_string()) {
+      *this = CachedDigest(*s, *m, *c, *i, std::move(sha->get_ref<std::string&>()));
+      return;
+    }
+  }
+  // Kept in key order, the order in which the file holds members.
+  sort_members(entry);
+  other = std::make_shared<const Json>(std::move(entry));
+}
+
+Json CachedDigest::json() const {
+  if (other) return *other;
+  Json entry = Json::object();
+  auto& members = entry.get_ref<Json::object_t&>();
+  members.emplace_back("ctime_ns", ctime_ns);
+  members.emplace_back("inode", inode);
+  members.emplace_back("mtime_ns", mtime_ns);
+  members.emplace_back("sha256", sha256);
+  members.emplace_back("size_bytes", size_bytes);
+  return entry;
+}
+
+void CachedDigest::append_text(std::string& out) const {
+  if (other) {
+    out += json_text(*other);
+    return;
+  }
+  out += "{\"ctime_ns\": ";
+  append_integer(out, ctime_ns);
+  out += ", \"inode\": ";
+  append_integer(out, inode);
+  out += ", \"mtime_ns\": ";
+  append_integer(out, mtime_ns);
+  out += ", \"sha256\": ";
+  append_string(out, sha256);
+  out += ", \"size_bytes\": ";
+  append_integer(out, size_bytes);
+  out += '}';
+}
+
+bool CachedDigest::operator==(const CachedDigest& that) const {
+  if (other || that.other) return json() == that.json();
+  return size_bytes == that.size_bytes && mtime_ns == that.mtime_ns && ctime_ns == that.ctime_ns &&
+         inode == that.inode && sha256 == that.sha256;
+}
+
+std::optional<DigestCache> read_written_digest_cache(std::string_view text, std::int64_t version) {
+  simdjson::dom::parser parser;
+  const simdjson::padded_string padded(text);
+  simdjson::dom::element root;
+  if (parser.parse(padded).get(root)) return std::nullopt;
+  simdjson::dom::object top;
+  if (root.get_object().get(top) || top.size() != 2) return std::nullopt;
+  simdjson::dom::element stated_version;
+  simdjson::dom::object files;
+  if (top["version"].get(stated_version) || top["files"].get_object().get(files)) return std::nullopt;
+  if (!stated_version.is_int64() || stated_version.get_int64().value_unsafe() != version) return std::nullopt;
+  DigestCache cache;
+  cache.reserve(files.size());
+  for (const simdjson::dom::key_value_pair member : files) {
+    CachedDigest entry;
+    if (!read_written_entry(member.value, entry)) return std::nullopt;
+    // A repeated path takes its last entry, as the general reader does.
+    cache.insert_or_assign(std::string(member.key), std::move(entry));
+  }
+  return cache;
+}
+
+std::string digest_cache_text(const DigestCache& cache, std::int64_t version) {
+  std::vector<const DigestCache::value_type*> entries;
+  entries.reserve(cache.size());
+  for (const auto& entry : cache) entries.push_back(&entry);
+  std::sort(entries.begin(), entries.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
+  std::string text = "{\"files\": {";
+  text.reserve(entries.size() * 220 + 32);
+  bool first = true;
+  for (const auto* entry : entries) {
+    if (!first) text += ", ";
+    first = false;
+    append_string(text, entry->first);
+    text += ": ";
+    entry->second.append_text(text);
+  }
+  text += "}, \"version\": ";
+  append_integer(text, version);
+  text += '}';
+  return text;
+}
+
+}  // namespace quillmarsh::sync

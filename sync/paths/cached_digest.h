@@ -1,0 +1,62 @@
+// The digest cache in memory: one entry per manifest path, and the text form
+// of the file that keeps it between processes.
+#ifndef QUILLMARSH_SYNC_PATHS_CACHED_DIGEST_H_
+#define QUILLMARSH_SYNC_PATHS_CACHED_DIGEST_H_
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "sync/support/json_text.h"
+
+namespace quillmarsh::sync {
+
+// One file's entry. Nearly every entry has the shape this component writes
+// (four integers and a digest) and is kept as those values, a few dozen
+// bytes. Any other entry, which only a hand-edited file holds, is kept as
+// the JSON it was, members in key order.
+struct CachedDigest {
+  CachedDigest() = default;
+  CachedDigest(std::int64_t size_bytes, std::int64_t mtime_ns, std::int64_t ctime_ns, std::int64_t inode,
+               std::string sha256);
+  // Kept as values when `entry` has the written shape, else as it stands.
+  explicit CachedDigest(Json entry);
+
+  std::int64_t size_bytes = 0;
+  std::int64_t mtime_ns = 0;
+  std::int64_t ctime_ns = 0;
+  std::int64_t inode = 0;
+  std::string sha256;
+  std::shared_ptr<const Json> other;  // the entry of another shape; null for the written one
+
+  // The entry as JSON, members in key order.
+  Json json() const;
+  // Appends the entry's text, as json_text of json() gives it.
+  void append_text(std::string& out) const;
+  // The same entry, whichever way each side is kept.
+  bool operator==(const CachedDigest& that) const;
+};
+
+struct PathHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view path) const { return std::hash<std::string_view>{}(path); }
+};
+// Path -> entry; looked up by a path's view, without a copy of it.
+using DigestCache = std::unordered_map<std::string, CachedDigest, PathHash, std::equal_to<>>;
+
+// The cache of a file's text when every entry in it has the written shape
+// and the document is exactly {"files": {...}, "version": `version`};
+// absent for anything else, which the general reader then judges.
+std::optional<DigestCache> read_written_digest_cache(std::string_view text, std::int64_t version);
+
+// The file's text: {"files": {path: entry, ...}, "version": N}, paths in
+// byte order.
+std::string digest_cache_text(const DigestCache& cache, std::int64_t version);
+
+}  // namespace quillmarsh::sync
+
+#endif  // QUILLMARSH_SYNC_PATHS_CACHED_DIGEST_H_
