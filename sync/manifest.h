@@ -14,20 +14,16 @@
 
 namespace quillmarsh::sync {
 
-// "In-memory representation of the server manifest."
-//
-// Holds the decoded JSON object by reference and validates nothing: every
-// attribute is the value as the JSON held it (null where the key held null),
-// or its default when the key is missing; consumers convert at the point of
-// use. `files()` is the very "files" member of `_data`, so a repair written
-// through it reaches whoever serialises `_data`.
 // One file of a manifest as the passes read it, decoded once from its entry.
 // What a value's JSON kind means (missing, null, text where a number belongs)
-// is decided here and nowhere else. Views point into the manifest's JSON and
-// live as long as it does.
+// is decided here and nowhere else. Views point into the manifest and live
+// as long as it does.
 struct ManifestEntry {
   std::string_view path;
-  const nlohmann::ordered_json* info = nullptr;  // the entry as the JSON holds it
+  // The entry as the JSON holds it; null in a manifest read from its text,
+  // whose JSON is only built when asked for (Manifest::info).
+  const nlohmann::ordered_json* info = nullptr;
+  std::size_t index = 0;  // place in the manifest's order
   // The stated size when it converts to a non-negative integer; -1 when the
   // entry states none that could be compared.
   std::int64_t size_bytes = -1;
@@ -47,13 +43,34 @@ struct ManifestEntry {
 // Decodes one entry; `path` and `info` must outlive the result.
 ManifestEntry decode_manifest_entry(std::string_view path, const nlohmann::ordered_json& info);
 
+// "In-memory representation of the server manifest."
+//
+// Holds the decoded JSON object by reference and validates nothing: every
+// attribute is the value as the JSON held it (null where the key held null),
+// or its default when the key is missing; consumers convert at the point of
+// use. `files()` is the very "files" member of `_data()`, so a repair written
+// through it reaches whoever serialises `_data()`.
+//
+// A manifest read from "manifest.json" (from_written_text) decodes its
+// entries straight from the text and builds the JSON only when something
+// asks for it: checking an unchanged directory needs the entries alone.
 class Manifest {
  public:
   // Fails with TypeError when `data` is no JSON object.
   explicit Manifest(std::shared_ptr<Json> data);
   explicit Manifest(Json data) : Manifest(std::make_shared<Json>(std::move(data))) {}
+  ~Manifest();
 
-  const std::shared_ptr<Json> _data;
+  // The manifest of `text` when every entry states its size, digest, kind
+  // and platform plainly, no path repeats and the filters would remove
+  // nothing; null for anything else, which parse_json_text and the filters
+  // then take as usual.
+  // The manifest takes `text` over when it is one, for the JSON when that is
+  // asked for; read with kJsonReadPadding spare, it is parsed where it lies.
+  static std::shared_ptr<Manifest> from_written_text(std::string& text);
+
+  // The JSON object; built on first use for a manifest read from its text.
+  const std::shared_ptr<Json>& _data() const;
   const Json era_id;            // 0 when missing
   const Json version;           // 0 when missing
   const Json base_url;          // null when missing
@@ -67,20 +84,31 @@ class Manifest {
   Json& files();
   const Json& files() const;
 
-  // A new top-level copy of `_data`.
+  // A new top-level copy of `_data()`.
   Json to_dict() const;
 
   // The files, decoded, in manifest order; empty when "files" is no map.
   const std::vector<ManifestEntry>& entries() const { return entries_; }
   // The entry of `path`, or null when the manifest lists no such path.
   const ManifestEntry* find(std::string_view path) const;
+  // The JSON of one of entries().
+  const Json& info(const ManifestEntry& entry) const;
+  // Whether "files" is a map; TypeError names what it is otherwise.
+  bool files_are_a_map() const { return files_are_a_map_; }
   // Replaces the entry of a listed path, in the JSON as in the decoded
   // entries. TypeError when "files" is no map.
   void set_file(const std::string& path, Json entry);
 
  private:
+  struct Text;  // what a manifest read from its text keeps of it
+  Manifest(Json top, std::unique_ptr<Text> text);
   void decode_entries();
 
+  mutable std::shared_ptr<Json> data_;
+  mutable std::once_flag data_built_;
+  std::unique_ptr<Text> text_;
+  mutable std::vector<const Json*> infos_;  // for a manifest read from its text, once data_ is built
+  bool files_are_a_map_ = false;
   Json own_files_ = Json::object();
   std::vector<ManifestEntry> entries_;
   // Built on the first lookup: most passes never look a path up.

@@ -208,7 +208,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // neither read nor written unless `cache_allowed`.
   bool _local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
                                     const Json& file_info, bool cache_allowed = true);
-  bool _local_file_matches_entry(const ManifestEntry& entry, const std::string& local_path, bool cache_allowed);
+  // As above, for a decoded entry; `known` is the file's stat when the
+  // caller already has it.
+  bool _local_file_matches_entry(const ManifestEntry& entry, const std::string& local_path, bool cache_allowed,
+                                 const std::optional<FileStat>& known = std::nullopt);
   bool _local_manifest_files_complete(const Manifest& manifest);
 
   // --- Era artefacts --------------------------------------------------------

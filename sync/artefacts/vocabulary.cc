@@ -59,13 +59,12 @@ std::optional<std::string> _vocabulary_named_universe_from_path(std::string_view
 }
 
 std::vector<std::string> _vocabulary_manifest_paths(const Manifest& manifest) {
-  const Json& files = manifest.files();
-  if (!files.is_object()) {
-    throw TypeError(std::string("manifest files must be a JSON object, not ") + files.type_name());
+  if (!manifest.files_are_a_map()) {
+    throw TypeError(std::string("manifest files must be a JSON object, not ") + manifest.files().type_name());
   }
   std::vector<std::string> paths;
-  for (const auto& [file_path, file_info] : files.get_ref<const Json::object_t&>()) {
-    if (_vocabulary_named_universe_from_path(file_path)) paths.push_back(file_path);
+  for (const ManifestEntry& entry : manifest.entries()) {
+    if (entry.vocabulary) paths.emplace_back(entry.path);
   }
   // Byte order of UTF-8 is code point order.
   std::sort(paths.begin(), paths.end());

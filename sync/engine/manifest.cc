@@ -1,7 +1,10 @@
 #include "sync/manifest.h"
 
 #include <algorithm>
+#include <unordered_set>
 #include <vector>
+
+#include <simdjson.h>
 
 #include "sync/artefacts/vocabulary.h"
 #include "sync/engine/file_primitives.h"
@@ -56,35 +59,187 @@ std::shared_ptr<Json> drop_files(const std::shared_ptr<Json>& manifest_data, Dro
 
 template <typename Predicate>
 bool any_file(const Manifest& manifest, Predicate predicate) {
-  const Json& files = manifest.files();
-  if (!files.is_object()) return false;
-  for (const auto& [path, info] : files.items()) {
-    if (predicate(path, info)) return true;
+  const auto& entries = manifest.entries();
+  return std::any_of(entries.begin(), entries.end(), predicate);
+}
+
+bool is_declaration(std::string_view file_path, std::string_view kind) {
+  return file_path.ends_with(".pxd") || kind == "vault_declaration" || kind == "backtester_declaration";
+}
+
+// What follows from the kind, the platform and the path.
+void finish_entry(ManifestEntry& entry, std::string_view platform) {
+  entry.module = is_module_kind(entry.kind);
+  entry.elsewhere = entry.module && !platform.empty() && platform != CURRENT_PLATFORM;
+  // Only a path naming "vocabulary.json" can be one; most are not, and the
+  // full test normalises the path.
+  entry.vocabulary = entry.path.find("vocabulary.json") != std::string_view::npos &&
+                     _vocabulary_named_universe_from_path(entry.path).has_value();
+}
+
+// An entry whose members the passes read are plain: an integer size, a text
+// or null digest, text kind and platform, none repeated. False for any
+// other, which the general reader then takes.
+bool decode_written_entry(simdjson::dom::element value, ManifestEntry& entry) {
+  simdjson::dom::object object;
+  if (value.get_object().get(object)) return false;
+  constexpr std::string_view kRead[] = {"size_bytes", "sha256", "kind", "platform"};
+  unsigned seen = 0;
+  std::string_view platform;
+  for (const simdjson::dom::key_value_pair member : object) {
+    const auto name = std::find(std::begin(kRead), std::end(kRead), member.key);
+    if (name == std::end(kRead)) continue;
+    const unsigned bit = 1u << (name - std::begin(kRead));
+    if (seen & bit) return false;
+    seen |= bit;
+    if (*name == "size_bytes") {
+      if (!member.value.is_int64()) return false;
+      entry.size_bytes = std::max<std::int64_t>(member.value.get_int64().value_unsafe(), -1);
+      continue;
+    }
+    if (*name == "sha256" && member.value.is_null()) continue;  // stated as not given
+    std::string_view text;
+    if (member.value.get_string().get(text)) return false;
+    if (*name == "sha256") {
+      entry.sha256 = text;
+      entry.sha256_given = !text.empty();
+    } else if (*name == "kind") {
+      entry.kind = text;
+    } else {
+      platform = text;
+    }
   }
-  return false;
+  finish_entry(entry, platform);
+  return true;
 }
 
 }  // namespace
 
+static_assert(kJsonReadPadding >= simdjson::SIMDJSON_PADDING);
+
+struct Manifest::Text {
+  std::string text;
+  simdjson::dom::parser parser;  // holds the document the entries' views point into
+};
+
 Manifest::Manifest(std::shared_ptr<Json> data)
-    : _data(std::move(data)),
-      era_id(member_or(require_object(_data), "era_id", 0)),
-      version(member_or(*_data, "version", 0)),
-      base_url(member_or(*_data, "base_url", nullptr)),
-      pnl_column_count(member_or(*_data, "pnl_column_count", 0)),
-      found_signals(member_or(*_data, "found_signals", Json::object())),
-      found_strategies(member_or(*_data, "found_strategies", Json::object())),
-      useful_signals(member_or(*_data, "useful_signals", Json::object())) {
+    : era_id(member_or(require_object(data), "era_id", 0)),
+      version(member_or(*data, "version", 0)),
+      base_url(member_or(*data, "base_url", nullptr)),
+      pnl_column_count(member_or(*data, "pnl_column_count", 0)),
+      found_signals(member_or(*data, "found_signals", Json::object())),
+      found_strategies(member_or(*data, "found_strategies", Json::object())),
+      useful_signals(member_or(*data, "useful_signals", Json::object())),
+      data_(std::move(data)) {
   decode_entries();
+}
+
+Manifest::Manifest(Json top, std::unique_ptr<Text> text)
+    : era_id(member_or(top, "era_id", 0)),
+      version(member_or(top, "version", 0)),
+      base_url(member_or(top, "base_url", nullptr)),
+      pnl_column_count(member_or(top, "pnl_column_count", 0)),
+      found_signals(member_or(top, "found_signals", Json::object())),
+      found_strategies(member_or(top, "found_strategies", Json::object())),
+      useful_signals(member_or(top, "useful_signals", Json::object())),
+      text_(std::move(text)),
+      files_are_a_map_(true) {}
+
+Manifest::~Manifest() = default;
+
+std::shared_ptr<Manifest> Manifest::from_written_text(std::string& text) {
+  auto kept = std::make_unique<Text>();
+  std::swap(kept->text, text);
+  // Whatever refuses the text hands it back.
+  struct GiveBack {
+    std::unique_ptr<Text>& kept;
+    std::string& text;
+    ~GiveBack() {
+      if (kept) std::swap(kept->text, text);
+    }
+  } give_back{kept, text};
+  // Stricter than the general reader's limit, so that nothing it refuses
+  // passes here.
+  constexpr std::size_t kMaxDepth = 999;
+  if (kept->parser.allocate(kept->text.size(), kMaxDepth)) return nullptr;
+  // Parsed in place when the text has its padding; the library copies it otherwise.
+  simdjson::dom::object top;
+  if (kept->parser.parse(kept->text).get_object().get(top)) return nullptr;
+  Json others = Json::object();
+  simdjson::dom::object files;
+  std::unordered_set<std::string_view> keys;
+  bool has_files = false;
+  for (const simdjson::dom::key_value_pair member : top) {
+    if (!keys.insert(member.key).second) return nullptr;
+    if (member.key == "files") {
+      if (member.value.get_object().get(files)) return nullptr;
+      has_files = true;
+      continue;
+    }
+    // The few small members go through the general reader, so each holds
+    // the very value it would hold there.
+    try {
+      others.get_ref<Json::object_t&>().emplace_back(std::string(member.key),
+                                                     parse_json_text(simdjson::minify(member.value)));
+    } catch (const ValueError&) {
+      return nullptr;
+    }
+  }
+  if (!has_files) return nullptr;
+
+  std::vector<ManifestEntry> entries;
+  entries.reserve(files.size());
+  for (const simdjson::dom::key_value_pair member : files) {
+    ManifestEntry entry;
+    entry.path = member.key;
+    entry.index = entries.size();
+    if (!decode_written_entry(member.value, entry)) return nullptr;
+    // What the filters would remove is the general reader's business.
+    if (is_declaration(entry.path, entry.kind) || _is_retired_found_pnl_long_file(entry.path)) return nullptr;
+    entries.push_back(entry);
+  }
+  // Built here, where a repeated path shows itself.
+  std::unordered_map<std::string_view, std::size_t> index;
+  index.reserve(entries.size());
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (!index.emplace(entries[i].path, i).second) return nullptr;
+  }
+
+  std::shared_ptr<Manifest> manifest(new Manifest(std::move(others), std::move(kept)));
+  manifest->entries_ = std::move(entries);
+  std::call_once(manifest->index_built_, [&] { manifest->index_ = std::move(index); });
+  return manifest;
+}
+
+const std::shared_ptr<Json>& Manifest::_data() const {
+  std::call_once(data_built_, [this] {
+    if (data_) return;
+    auto data = std::make_shared<Json>(parse_json_text(text_->text));
+    const auto& members = data->at("files").get_ref<const Json::object_t&>();
+    infos_.reserve(members.size());
+    for (const auto& member : members) infos_.push_back(&member.second);
+    data_ = std::move(data);
+  });
+  return data_;
+}
+
+const Json& Manifest::info(const ManifestEntry& entry) const {
+  if (entry.info) return *entry.info;
+  _data();
+  return *infos_.at(entry.index);
 }
 
 void Manifest::decode_entries() {
   entries_.clear();
   const Json& all = files();
-  if (!all.is_object()) return;
+  files_are_a_map_ = all.is_object();
+  if (!files_are_a_map_) return;
   const auto& members = all.get_ref<const Json::object_t&>();
   entries_.reserve(members.size());
-  for (const auto& [path, info] : members) entries_.push_back(decode_manifest_entry(path, info));
+  for (const auto& [path, info] : members) {
+    entries_.push_back(decode_manifest_entry(path, info));
+    entries_.back().index = entries_.size() - 1;
+  }
 }
 
 const ManifestEntry* Manifest::find(std::string_view path) const {
@@ -113,21 +268,26 @@ void Manifest::set_file(const std::string& path, Json entry) {
     return;
   }
   for (ManifestEntry& decoded : entries_) {
-    if (decoded.path == path) decoded = decode_manifest_entry(decoded.path, all[path]);
+    if (decoded.path != path) continue;
+    const std::size_t index = decoded.index;
+    decoded = decode_manifest_entry(decoded.path, all[path]);
+    decoded.index = index;
   }
 }
 
 Json& Manifest::files() {
-  const auto it = _data->find("files");
-  return it == _data->end() ? own_files_ : *it;
+  Json& data = *_data();
+  const auto it = data.find("files");
+  return it == data.end() ? own_files_ : *it;
 }
 
 const Json& Manifest::files() const {
-  const auto it = _data->find("files");
-  return it == _data->end() ? own_files_ : *it;
+  const Json& data = *_data();
+  const auto it = data.find("files");
+  return it == data.end() ? own_files_ : *it;
 }
 
-Json Manifest::to_dict() const { return *_data; }
+Json Manifest::to_dict() const { return *_data(); }
 
 bool is_given(const Json& value) {
   switch (value.type()) {
@@ -154,7 +314,7 @@ ManifestEntry decode_manifest_entry(std::string_view path, const Json& info) {
   entry.path = path;
   entry.info = &info;
   if (!info.is_object()) {
-    entry.vocabulary = _vocabulary_named_universe_from_path(path).has_value();
+    finish_entry(entry, "");
     return entry;
   }
   const auto text = [&](const char* key) -> std::string_view {
@@ -173,13 +333,7 @@ ManifestEntry decode_manifest_entry(std::string_view path, const Json& info) {
     entry.sha256 = text("sha256");
   }
   entry.kind = text("kind");
-  entry.module = is_module_kind(entry.kind);
-  const std::string_view platform = text("platform");
-  entry.elsewhere = entry.module && !platform.empty() && platform != CURRENT_PLATFORM;
-  // Only a path naming "vocabulary.json" can be one; most are not, and the
-  // full test normalises the path.
-  entry.vocabulary = path.find("vocabulary.json") != std::string_view::npos &&
-                     _vocabulary_named_universe_from_path(path).has_value();
+  finish_entry(entry, text("platform"));
   return entry;
 }
 
@@ -192,9 +346,7 @@ std::string entry_text(const Json& file_info, const char* key) {
 bool is_module_kind(std::string_view kind) { return kind == "vault_module" || kind == "backtester_module"; }
 
 bool _is_agent_bundle_declaration_file(std::string_view file_path, const Json& file_info) {
-  const std::string file_type = entry_text(file_info, "kind");
-  return file_path.ends_with(".pxd") || file_type == "vault_declaration" ||
-         file_type == "backtester_declaration";
+  return is_declaration(file_path, entry_text(file_info, "kind"));
 }
 
 bool _is_retired_found_pnl_long_file(std::string_view file_path) {
@@ -230,15 +382,11 @@ std::shared_ptr<Json> _drop_retired_found_pnl_long_files(const std::shared_ptr<J
 }
 
 bool _manifest_has_agent_bundle_declarations(const Manifest& manifest) {
-  return any_file(manifest, [](const std::string& path, const Json& info) {
-    return _is_agent_bundle_declaration_file(path, info);
-  });
+  return any_file(manifest, [](const ManifestEntry& entry) { return is_declaration(entry.path, entry.kind); });
 }
 
 bool _manifest_has_retired_found_pnl_long_files(const Manifest& manifest) {
-  return any_file(manifest, [](const std::string& path, const Json&) {
-    return _is_retired_found_pnl_long_file(path);
-  });
+  return any_file(manifest, [](const ManifestEntry& entry) { return _is_retired_found_pnl_long_file(entry.path); });
 }
 
 void _write_manifest_json(const std::string& data_dir, const Json& manifest_data) {

@@ -20,7 +20,7 @@ SyncResult SyncManager::repair(const std::vector<std::string>& corrupted_files) 
       Json found = Json::object();
       auto& found_entries = found.get_ref<Json::object_t&>();
       for (const std::string& file_path : corrupted_files) {
-        if (const ManifestEntry* entry = manifest->find(file_path)) found_entries.emplace_back(file_path, *entry->info);
+        if (const ManifestEntry* entry = manifest->find(file_path)) found_entries.emplace_back(file_path, manifest->info(*entry));
       }
       ProgressTally progress(_progress_observer.load(), found, result, _bytes_arrived);
       // One file after another; the first failure ends the batch.

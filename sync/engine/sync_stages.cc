@@ -62,7 +62,7 @@ Json SyncManager::_select_files_to_download(const Manifest& server_manifest, Syn
       }
       if (*local_sha == expected_sha) continue;
     }
-    Json download_info = *entry.info;
+    Json download_info = server_manifest.info(entry);
     if (has_base_url && download_info.is_object()) download_info["_manifest_base_url"] = server_manifest.base_url;
     selected.emplace_back(entry.path, std::move(download_info));
   }

@@ -9,9 +9,9 @@
 namespace quillmarsh::sync {
 namespace {
 
-bool is_corrupted(const std::string& local_path, const ManifestEntry& entry) {
+bool is_corrupted(const std::string& local_path, const Manifest& manifest, const ManifestEntry& entry) {
   static const Json kNoSize = 0;
-  const Json& file_info = *entry.info;
+  const Json& file_info = manifest.info(entry);
   const auto size = file_info.is_object() ? file_info.find("size_bytes") : file_info.end();
   const Json& expected_size = size != file_info.end() ? *size : kNoSize;
   // Compared as the entry holds it: a size given as text never matches.
@@ -38,7 +38,7 @@ VerifyResult SyncManager::verify() {
       result.valid = false;
       continue;
     }
-    if (is_corrupted(local_path, entry)) {
+    if (is_corrupted(local_path, *manifest, entry)) {
       result.corrupted_files.emplace_back(entry.path);
       result.valid = false;
     }

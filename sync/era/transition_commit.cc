@@ -84,7 +84,7 @@ void commit_staged_files(SyncManager& manager, TransitionRun& run) {
   // The server's manifest whole, with any entry the vocabulary download
   // repaired in staging.
   stop_point("transition: before manifest.json");
-  _atomic_write(join_path(manager._data_dir, "manifest.json"), json_text(*run.new_manifest->_data));
+  _atomic_write(join_path(manager._data_dir, "manifest.json"), json_text(*run.new_manifest->_data()));
   stop_point("transition: after manifest.json");
   manager._manifest.store(run.new_manifest);
   // After the swap on purpose: if the era moved meanwhile, the new data

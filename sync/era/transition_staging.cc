@@ -93,7 +93,7 @@ void stage_files(SyncManager& manager, TransitionRun& run) {
     if (entry.elsewhere) continue;
     if (superseded(manager, run)) return;
     const std::string file_path(entry.path);
-    const Json& file_info = *entry.info;
+    const Json& file_info = run.new_manifest->info(entry);
     const std::string local_path = paths.local_path(file_path);
     const std::string_view new_sha = entry.sha256;
     // Hashed afresh, never from the cache: the move between eras is where

@@ -151,11 +151,11 @@ bool CachedDigest::operator==(const CachedDigest& that) const {
          inode == that.inode && sha256 == that.sha256;
 }
 
-std::optional<DigestCache> read_written_digest_cache(std::string_view text, std::int64_t version) {
+std::optional<DigestCache> read_written_digest_cache(const std::string& text, std::int64_t version) {
+  static_assert(kJsonReadPadding >= simdjson::SIMDJSON_PADDING);
   simdjson::dom::parser parser;
-  const simdjson::padded_string padded(text);
   simdjson::dom::element root;
-  if (parser.parse(padded).get(root)) return std::nullopt;
+  if (parser.parse(text).get(root)) return std::nullopt;
   simdjson::dom::object top;
   if (root.get_object().get(top) || top.size() != 2) return std::nullopt;
   simdjson::dom::element stated_version;

@@ -51,7 +51,8 @@ using DigestCache = std::unordered_map<std::string, CachedDigest, PathHash, std:
 // The cache of a file's text when every entry in it has the written shape
 // and the document is exactly {"files": {...}, "version": `version`};
 // absent for anything else, which the general reader then judges.
-std::optional<DigestCache> read_written_digest_cache(std::string_view text, std::int64_t version);
+// Read with kJsonReadPadding spare, `text` is parsed where it lies.
+std::optional<DigestCache> read_written_digest_cache(const std::string& text, std::int64_t version);
 
 // The file's text: {"files": {path: entry, ...}, "version": N}, paths in
 // byte order.

@@ -72,7 +72,7 @@ DigestCache SyncManager::_load_hash_cache() {
   if (!path_exists(_hash_cache_path)) return {};
   std::string text;
   try {
-    text = read_file(_hash_cache_path);
+    text = read_file(_hash_cache_path, kJsonReadPadding);
   } catch (const std::exception& e) {
     log_warning("Ignoring unreadable sync hash cache: %s", {e});
     return {};
@@ -164,13 +164,17 @@ bool SyncManager::_local_file_matches_manifest(const std::string& file_path, con
 }
 
 bool SyncManager::_local_file_matches_entry(const ManifestEntry& entry, const std::string& local_path,
-                                            bool cache_allowed) {
+                                            bool cache_allowed, const std::optional<FileStat>& known) {
   // One stat serves the existence test, the size test and the cache lookup.
   CacheStatKey key;
-  try {
-    key = _cache_stat_key(local_path);
-  } catch (const OSError&) {
-    return false;
+  if (known) {
+    key = CacheStatKey{known->size, known->mtime_ns, known->ctime_ns, static_cast<std::int64_t>(known->inode)};
+  } else {
+    try {
+      key = _cache_stat_key(local_path);
+    } catch (const OSError&) {
+      return false;
+    }
   }
   if (entry.size_bytes >= 0 && key.size_bytes != entry.size_bytes) return false;
   if (!entry.sha256_given) return true;
@@ -199,7 +203,8 @@ bool SyncManager::_local_entry_passes(const ManifestEntry& entry, ManifestPathRe
   // Vocabulary files are judged by their own validators, and a module built
   // for another platform need not be here.
   if (entry.vocabulary || entry.elsewhere) return true;
-  return _local_file_matches_entry(entry, paths.local_path(entry.path), !entry.module);
+  const ManifestPathResolver::Resolved file = paths.resolve(entry.path);
+  return _local_file_matches_entry(entry, file.path, !entry.module, file.stat);
 }
 
 }  // namespace quillmarsh::sync

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "sync/errors.h"
+#include "sync/support/posix_file.h"
 #include "sync/support/real_path.h"
 #include "sync/support/repr.h"
 #include "sync/support/text.h"
@@ -86,7 +87,7 @@ std::string _manifest_local_path(std::string_view data_dir, std::string_view fil
   return target;
 }
 
-std::string ManifestPathResolver::local_path(std::string_view file_path) {
+ManifestPathResolver::Resolved ManifestPathResolver::resolve(std::string_view file_path) {
   const std::string rel_path = _safe_manifest_relative_path(file_path);
   if (!base_) base_ = resolve_path(expand_user(data_dir_));
   const std::size_t slash = rel_path.rfind('/');
@@ -103,9 +104,21 @@ std::string ManifestPathResolver::local_path(std::string_view file_path) {
     }
     dir = &it->second;
   }
-  const std::string target = resolve_path_below(*dir, name);
-  if (!is_within(*base_, target)) refuse("Manifest file path escapes data directory", file_path);
-  return target;
+  // The name is one plain segment: where it is no link, walking it ends at
+  // dir/name, and the look-up that tells is the file's stat as well.
+  Resolved out;
+  out.path = *dir == "/" ? "/" + std::string(name) : *dir + "/" + std::string(name);
+  try {
+    out.stat = lstat_path(out.path);
+  } catch (const OSError&) {
+    out.stat.reset();  // left to the walk, which takes such a name as it stands
+  }
+  if (out.stat && out.stat->is_link) {
+    out.stat.reset();
+    out.path = resolve_path_below(*dir, name);
+  }
+  if (!is_within(*base_, out.path)) refuse("Manifest file path escapes data directory", file_path);
+  return out;
 }
 
 std::string _manifest_file_url(std::string_view server_url, const Json& file_path,

@@ -16,6 +16,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "sync/support/posix_file.h"
+
 namespace quillmarsh::sync {
 
 // Any text argument (std::string, literals) takes the text overloads below
@@ -43,7 +45,15 @@ class ManifestPathResolver {
  public:
   explicit ManifestPathResolver(std::string_view data_dir) : data_dir_(data_dir) {}
   // As _manifest_local_path(data_dir, file_path), failures included.
-  std::string local_path(std::string_view file_path);
+  std::string local_path(std::string_view file_path) { return resolve(file_path).path; }
+
+  struct Resolved {
+    std::string path;
+    // What stat(2) of `path` gives, when the look-up of the name found a
+    // file or directory that is no link: one system call serves both.
+    std::optional<FileStat> stat;
+  };
+  Resolved resolve(std::string_view file_path);
 
  private:
   std::string data_dir_;

@@ -59,7 +59,14 @@ void SyncManager::_load_manifest() {
   const std::string path = join_path(_data_dir, "manifest.json");
   if (!path_exists(path)) return;
   try {
-    auto data = std::make_shared<Json>(parse_json_text(read_file(path)));
+    std::string text = read_file(path, kJsonReadPadding);
+    // The file as this component writes it is read without building its
+    // JSON, which only a few callers ever want.
+    if (auto written = Manifest::from_written_text(text)) {
+      _manifest.store(std::move(written));
+      return;
+    }
+    auto data = std::make_shared<Json>(parse_json_text(text));
     auto cleaned = _drop_retired_found_pnl_long_files(_drop_agent_bundle_declaration_files(data));
     // Entries that the filters now drop leave the disk too. The write comes
     // before the Manifest is built: a failed write leaves no manifest.

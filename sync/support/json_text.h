@@ -20,6 +20,10 @@ using Json = nlohmann::ordered_json;
 // ValueError on a string that is not valid UTF-8.
 std::string json_text(const Json& value);
 
+// Spare capacity behind a text (see read_file) that lets the fast readers of
+// the component's own state files parse it where it lies, without a copy.
+inline constexpr std::size_t kJsonReadPadding = 64;
+
 // Parses UTF-8 JSON text, keeping member order. Fails with ValueError,
 // whose message says where the text went wrong, also for arrays and objects
 // nested more than 1000 deep.

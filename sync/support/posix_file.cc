@@ -89,12 +89,29 @@ void UpdatableFile::close() {
   if (::close(fd) != 0) raise_os_error(errno, path_);
 }
 
-std::string read_file(const std::string& path) {
+std::string read_file(const std::string& path, std::size_t spare) {
   ReadableFile file(path);
   std::string out;
-  char buffer[65536];
-  while (const std::size_t got = file.read(buffer, sizeof buffer)) out.append(buffer, got);
-  return out;
+  // Sized once: a large state file is read without the copies of growing.
+  out.reserve(static_cast<std::size_t>(std::max<std::int64_t>(file.size(), 0)) + spare);
+  const auto room = [&] { return out.capacity() - spare; };
+  for (;;) {
+    if (out.size() >= room()) {
+      // Full as sized: most often the end, seen by a read into a buffer;
+      // a file that grew meanwhile makes room for more.
+      char probe[65536];
+      const std::size_t got = file.read(probe, sizeof probe);
+      if (got == 0) return out;
+      out.reserve(2 * out.capacity() + spare);
+      out.append(probe, got);
+      continue;
+    }
+    const std::size_t at = out.size();
+    out.resize(room());
+    const std::size_t got = file.read(out.data() + at, out.size() - at);
+    out.resize(at + got);
+    if (got == 0) return out;
+  }
 }
 
 namespace {
@@ -165,9 +182,9 @@ bool remove_file(const std::string& path) {
   raise_os_error(errno, path);
 }
 
-FileStat stat_path(const std::string& path) {
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0) raise_os_error(errno, path);
+namespace {
+
+FileStat file_stat_of(const struct stat& st) {
   FileStat out;
   out.size = st.st_size;
   out.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
@@ -175,7 +192,25 @@ FileStat stat_path(const std::string& path) {
   out.inode = st.st_ino;
   out.is_dir = S_ISDIR(st.st_mode);
   out.is_regular = S_ISREG(st.st_mode);
+  out.is_link = S_ISLNK(st.st_mode);
   return out;
+}
+
+}  // namespace
+
+FileStat stat_path(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) raise_os_error(errno, path);
+  return file_stat_of(st);
+}
+
+std::optional<FileStat> lstat_path(const std::string& path) {
+  struct stat st;
+  if (::lstat(path.c_str(), &st) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+    raise_os_error(errno, path);
+  }
+  return file_stat_of(st);
 }
 
 bool path_exists(const std::string& path) {

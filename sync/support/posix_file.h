@@ -60,7 +60,9 @@ class UpdatableFile {
 };
 
 // The whole content of a file.
-std::string read_file(const std::string& path);
+// `spare` bytes of capacity stay free past the end, for readers that need
+// padding behind the text.
+std::string read_file(const std::string& path, std::size_t spare = 0);
 // Creates or truncates `path` and writes `data` whole. No fsync.
 void write_file(const std::string& path, std::string_view data);
 // As write_file, but a file it creates is readable by its owner alone.
@@ -81,9 +83,13 @@ struct FileStat {
   std::uint64_t inode = 0;
   bool is_dir = false;
   bool is_regular = false;
+  bool is_link = false;
 };
 // stat(2), following symbolic links.
 FileStat stat_path(const std::string& path);
+// lstat(2): the link itself where `path` names one. Absent when nothing is
+// there, or a component on the way is no directory; OSError otherwise.
+std::optional<FileStat> lstat_path(const std::string& path);
 bool path_exists(const std::string& path);
 
 bool is_directory(const std::string& path);

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "sync/engine/platform.h"
 #include "sync/errors.h"
+#include "sync/paths/cached_digest.h"
 #include "sync/support/json_text.h"
 
 namespace quillmarsh::sync {
@@ -65,6 +67,91 @@ TEST(ManifestFilters, RemoveInOrderWithoutTouchingTheInput) {
   EXPECT_TRUE(_manifest_has_retired_found_pnl_long_files(Manifest(declarations_gone)));
   EXPECT_FALSE(_manifest_has_agent_bundle_declarations(Manifest(both_gone)));
   EXPECT_FALSE(_manifest_has_retired_found_pnl_long_files(Manifest(both_gone)));
+}
+
+// A manifest read straight from its text must be, entry for entry, the one
+// the general reader builds; a text it cannot take is handed back whole.
+TEST(ManifestFromText, DecodesAsTheGeneralReaderOrHandsTheTextBack) {
+  const std::string platform = CURRENT_PLATFORM;
+  const std::string taken = R"({"era_id": 3, "version": "v9", "base_url": "https://o.example/x", "useful_signals": {"a": [1.5, null]},
+    "files": {"features/u/vocabulary.json": {"size_bytes": 10, "sha256": "ab"},
+              "d/\u00e9t\u00e9.bin": {"size_bytes": -7, "sha256": "", "kind": "feature", "extra": {"deep": [1]}},
+              "m/x.so": {"kind": "vault_module", "platform": "elsewhere_os", "sha256": null},
+              "m/y.so": {"kind": "backtester_module", "platform": ")" + platform + R"(", "size_bytes": 0}},
+    "pnl_column_count": 4})";
+  std::string text = taken;
+  const std::shared_ptr<Manifest> fast = Manifest::from_written_text(text);
+  ASSERT_TRUE(fast);
+  const Manifest general(parse_json_text(taken));
+  EXPECT_EQ(fast->era_id, general.era_id);
+  EXPECT_EQ(fast->version, general.version);
+  EXPECT_EQ(fast->base_url, general.base_url);
+  EXPECT_EQ(fast->useful_signals, general.useful_signals);
+  EXPECT_EQ(fast->pnl_column_count, general.pnl_column_count);
+  ASSERT_EQ(fast->entries().size(), general.entries().size());
+  for (std::size_t i = 0; i < general.entries().size(); ++i) {
+    const ManifestEntry& a = fast->entries()[i];
+    const ManifestEntry& b = general.entries()[i];
+    EXPECT_EQ(std::tie(a.path, a.size_bytes, a.sha256, a.sha256_given, a.kind, a.module, a.elsewhere, a.vocabulary),
+              std::tie(b.path, b.size_bytes, b.sha256, b.sha256_given, b.kind, b.module, b.elsewhere, b.vocabulary))
+        << b.path;
+    EXPECT_EQ(fast->info(a), general.info(b)) << b.path;
+    EXPECT_EQ(fast->find(b.path), &a);
+  }
+  EXPECT_EQ(fast->to_dict(), general.to_dict());
+  EXPECT_EQ(fast->find("not/listed"), nullptr);
+
+  // Each of these is for the general reader: the text comes back as it was.
+  for (const std::string refused : {
+           R"({"files": {"a": {"size_bytes": "10"}}})",                      // a size as text
+           R"({"files": {"a": {"size_bytes": 1.0}}})",                       // a size as a float
+           R"({"files": {"a": {"sha256": 5}}})",                             // a digest of another kind
+           R"({"files": {"a": {"kind": null}}})",                            // a kind that is no text
+           R"({"files": {"a": {"size_bytes": 1, "size_bytes": 2}}})",        // a repeated member
+           R"({"files": {"a": {}, "a": {}}})",                               // a repeated path
+           R"({"files": {"a": 1}})",                                         // an entry that is no map
+           R"({"files": {"x.pxd": {}}})",                                    // what a filter removes
+           R"({"files": {"found_signals/a/b/c/pnl_long.arrow": {}}})",
+           R"({"era_id": 1})",                                               // no files at all
+           R"({"files": [], "era_id": 1})",
+           R"({"files": {}, "era_id": 1, "era_id": 2})",
+           R"({"files": {}, "era_id": 1e999})",                              // what this reader cannot hold
+           R"({"files": {})",                                                // no JSON
+           "{\"files\": {\"\xff\": {}}}"}) {
+    text = refused;
+    EXPECT_EQ(Manifest::from_written_text(text), nullptr) << refused;
+    EXPECT_EQ(text, refused);
+  }
+}
+
+// The digest cache as written is read back to the very same bytes; any
+// other shape is left to the general reader.
+TEST(DigestCacheText, TheWrittenFormReadsBackByteForByteAndNothingElseIsTaken) {
+  DigestCache cache;
+  cache.emplace("b/\xc3\xa9.bin", CachedDigest(5, -1, 2, 9223372036854775807, "beef"));
+  cache.emplace("a \"q\".bin", CachedDigest(0, 0, 0, 0, "\xe2\x82\xac"));
+  cache.emplace("c.bin", CachedDigest(Json{{"size_bytes", 1}, {"inode", 2.5}, {"sha256", "x"}}));  // kept as it stood
+  const std::string text = digest_cache_text(cache, 1);
+  EXPECT_EQ(text, json_text(Json{{"files", {{"a \"q\".bin", cache.at("a \"q\".bin").json()},
+                                             {"b/\xc3\xa9.bin", cache.at("b/\xc3\xa9.bin").json()},
+                                             {"c.bin", {{"inode", 2.5}, {"sha256", "x"}, {"size_bytes", 1}}}}},
+                                  {"version", 1}}));
+  // An entry of another shape is not this reader's.
+  EXPECT_FALSE(read_written_digest_cache(text, 1));
+
+  cache.erase("c.bin");
+  const std::string written = digest_cache_text(cache, 1);
+  const auto read = read_written_digest_cache(written, 1);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(*read, cache);
+  EXPECT_EQ(digest_cache_text(*read, 1), written);
+  EXPECT_FALSE(read_written_digest_cache(written, 2));
+  for (const std::string refused : {
+           R"({"files": {"a": {"ctime_ns": 1, "inode": 2, "mtime_ns": 3, "sha256": "x", "size_bytes": "4"}}, "version": 1})",
+           R"({"files": {"a": {"ctime_ns": 1, "inode": 2, "mtime_ns": 3, "sha256": "x", "sha256": "y"}}, "version": 1})",
+           R"({"files": {}, "version": true})", R"({"files": {}, "version": 1, "version": 1})"}) {
+    EXPECT_FALSE(read_written_digest_cache(refused, 1)) << refused;
+  }
 }
 
 }  // namespace
