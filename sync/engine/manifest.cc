@@ -350,6 +350,8 @@ bool _is_agent_bundle_declaration_file(std::string_view file_path, const Json& f
 }
 
 bool _is_retired_found_pnl_long_file(std::string_view file_path) {
+  // Both retired names hold "pnl", which almost no path does.
+  if (file_path.find("pnl") == std::string_view::npos) return false;
   std::string text(file_path);
   for (char& c : text) {
     if (c == '\\') c = '/';

@@ -109,7 +109,11 @@ ManifestPathResolver::Resolved ManifestPathResolver::resolve(std::string_view fi
   Resolved out;
   out.path = *dir == "/" ? "/" + std::string(name) : *dir + "/" + std::string(name);
   try {
-    out.stat = lstat_path(out.path);
+    if (open_dir_ != *dir) {
+      open_dir_ = *dir;
+      open_handle_ = DirectoryHandle(open_dir_);
+    }
+    out.stat = open_handle_.is_open() ? open_handle_.lstat_at(std::string(name), out.path) : lstat_path(out.path);
   } catch (const OSError&) {
     out.stat.reset();  // left to the walk, which takes such a name as it stands
   }

@@ -59,6 +59,10 @@ class ManifestPathResolver {
   std::string data_dir_;
   std::optional<std::string> base_;                    // resolved on first use, as a lone call would
   std::unordered_map<std::string, std::string> dirs_;  // safe relative directory -> resolved
+  // The directory of the last look-up, held open: a manifest lists the
+  // files of one directory together.
+  std::string open_dir_;
+  DirectoryHandle open_handle_;
 };
 
 // base_url + "/" + the safe path. Fails with ManifestError unless base_url

@@ -1,6 +1,7 @@
 #include "sync/support/posix_file.h"
 
 #include <algorithm>
+#include <utility>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -201,6 +202,32 @@ FileStat file_stat_of(const struct stat& st) {
 FileStat stat_path(const std::string& path) {
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) raise_os_error(errno, path);
+  return file_stat_of(st);
+}
+
+DirectoryHandle::DirectoryHandle(const std::string& path)
+    : fd_(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+
+DirectoryHandle::~DirectoryHandle() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+DirectoryHandle::DirectoryHandle(DirectoryHandle&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+DirectoryHandle& DirectoryHandle::operator=(DirectoryHandle&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = std::exchange(other.fd_, -1);
+  }
+  return *this;
+}
+
+std::optional<FileStat> DirectoryHandle::lstat_at(const std::string& name, const std::string& full_path) const {
+  struct stat st;
+  if (::fstatat(fd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
+    raise_os_error(errno, full_path);
+  }
   return file_stat_of(st);
 }
 

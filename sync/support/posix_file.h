@@ -90,6 +90,27 @@ FileStat stat_path(const std::string& path);
 // lstat(2): the link itself where `path` names one. Absent when nothing is
 // there, or a component on the way is no directory; OSError otherwise.
 std::optional<FileStat> lstat_path(const std::string& path);
+
+// A directory held open so that the names in it are looked up from it, not
+// along the whole path each time. Holds nothing when `path` cannot be opened
+// as a directory.
+class DirectoryHandle {
+ public:
+  DirectoryHandle() = default;
+  explicit DirectoryHandle(const std::string& path);
+  ~DirectoryHandle();
+  DirectoryHandle(const DirectoryHandle&) = delete;
+  DirectoryHandle& operator=(const DirectoryHandle&) = delete;
+  DirectoryHandle(DirectoryHandle&& other) noexcept;
+  DirectoryHandle& operator=(DirectoryHandle&& other) noexcept;
+  bool is_open() const { return fd_ >= 0; }
+  // lstat_path(path + "/" + name) for the directory held; `full_path` names
+  // the file in failures.
+  std::optional<FileStat> lstat_at(const std::string& name, const std::string& full_path) const;
+
+ private:
+  int fd_ = -1;
+};
 bool path_exists(const std::string& path);
 
 bool is_directory(const std::string& path);
