@@ -1,5 +1,7 @@
 // The API site. Everything is read from the root for each request, so a
 // publish or a state change is served at once.
+#include <mutex>
+#include <tuple>
 #include <utility>
 
 #include "server/routes.h"
@@ -59,6 +61,19 @@ class Api {
   }
 
   void manifest_version(httplib::Response& res) const {
+    // Clients ask this on every pass, and a large manifest takes a second
+    // to digest: the answer is kept while the manifest file stays the same
+    // file, which a publish (a rename into place) always changes.
+    std::optional<FileKey> key;
+    const std::optional<Json> state = read_era_state(root_);
+    if (const std::optional<std::int64_t> era_id = state ? named_era(*state) : std::nullopt) {
+      const std::string path = root_.manifest_path(*era_id);
+      if (const auto st = lstat_path(path)) {
+        key = std::make_tuple(path, st->size, st->mtime_ns, st->ctime_ns, st->inode);
+        std::lock_guard<std::mutex> lock(version_mu_);
+        if (version_key_ == key) return answer_json(res, 200, version_doc_);
+      }
+    }
     const auto era = served_era(res);
     if (!era) return;
     // A client keeps the filtered manifest, so the digest is of that.
@@ -69,6 +84,13 @@ class Api {
     doc["era_id"] = era->manifest.value("era_id", Json(era->era_id));
     doc["manifest_sha256"] = _sha256(json_text(*kept));
     answer_json(res, 200, doc);
+    // Keyed by the file as it was before the read: a change meanwhile is
+    // answered afresh next time.
+    if (key) {
+      std::lock_guard<std::mutex> lock(version_mu_);
+      version_key_ = std::move(key);
+      version_doc_ = std::move(doc);
+    }
   }
 
   void shuffle(httplib::Response& res) const {
@@ -111,6 +133,10 @@ class Api {
   const ServerRoot root_;
   const ExpectedToken token_;
   const std::string files_url_;
+  using FileKey = std::tuple<std::string, std::int64_t, std::int64_t, std::int64_t, std::uint64_t>;
+  mutable std::mutex version_mu_;
+  mutable std::optional<FileKey> version_key_;
+  mutable Json version_doc_;
 };
 
 }  // namespace

@@ -119,7 +119,9 @@ static_assert(kJsonReadPadding >= simdjson::SIMDJSON_PADDING);
 
 struct Manifest::Text {
   std::string text;
-  simdjson::dom::parser parser;  // holds the document the entries' views point into
+  // The entries' views point into it. The parser that filled it, and its
+  // index of the text, went when the reading was done.
+  simdjson::dom::document document;
 };
 
 Manifest::Manifest(std::shared_ptr<Json> data)
@@ -161,10 +163,16 @@ std::shared_ptr<Manifest> Manifest::from_written_text(std::string& text) {
   // Stricter than the general reader's limit, so that nothing it refuses
   // passes here.
   constexpr std::size_t kMaxDepth = 999;
-  if (kept->parser.allocate(kept->text.size(), kMaxDepth)) return nullptr;
+  simdjson::dom::parser parser;
+  if (parser.allocate(kept->text.size(), kMaxDepth)) return nullptr;
   // Parsed in place when the text has its padding; the library copies it otherwise.
+  const bool padded = kept->text.capacity() - kept->text.size() >= simdjson::SIMDJSON_PADDING;
   simdjson::dom::object top;
-  if (kept->parser.parse(kept->text).get_object().get(top)) return nullptr;
+  if (parser.parse_into_document(kept->document, kept->text.data(), kept->text.size(), !padded)
+          .get_object()
+          .get(top)) {
+    return nullptr;
+  }
   Json others = Json::object();
   simdjson::dom::object files;
   std::unordered_set<std::string_view> keys;

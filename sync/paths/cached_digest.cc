@@ -43,6 +43,33 @@ void sort_members(Json& value) {
   value = std::move(sorted);
 }
 
+int hex_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;  // upper case too: the written form is lower case only
+}
+
+// The bytes of a digest spelled as 64 lower-case hex digits.
+std::optional<std::array<std::uint8_t, 32>> digest_of_hex(std::string_view hex) {
+  std::array<std::uint8_t, 32> out;
+  if (hex.size() != 2 * out.size()) return std::nullopt;
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    const int high = hex_value(hex[2 * i]);
+    const int low = hex_value(hex[2 * i + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    out[i] = static_cast<std::uint8_t>(high << 4 | low);
+  }
+  return out;
+}
+
+void append_hex(std::string& out, const std::array<std::uint8_t, 32>& digest) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  for (const std::uint8_t byte : digest) {
+    out += kDigits[byte >> 4];
+    out += kDigits[byte & 15];
+  }
+}
+
 void append_integer(std::string& out, std::int64_t value) {
   char buf[24];
   const auto end = std::to_chars(buf, buf + sizeof buf, value).ptr;
@@ -77,7 +104,9 @@ bool read_written_entry(simdjson::dom::element element, CachedDigest& entry) {
     if (*name == "sha256") {
       std::string_view sha;
       if (member.value.get_string().get(sha)) return false;
-      entry.sha256 = sha;
+      const auto digest = digest_of_hex(sha);
+      if (!digest) return false;
+      entry.digest = *digest;
       continue;
     }
     // Only what JSON's reader would also call a plain integer.
@@ -94,8 +123,36 @@ bool read_written_entry(simdjson::dom::element element, CachedDigest& entry) {
 }  // namespace
 
 CachedDigest::CachedDigest(std::int64_t size_bytes, std::int64_t mtime_ns, std::int64_t ctime_ns, std::int64_t inode,
-                           std::string sha256)
-    : size_bytes(size_bytes), mtime_ns(mtime_ns), ctime_ns(ctime_ns), inode(inode), sha256(std::move(sha256)) {}
+                           std::string_view sha256)
+    : size_bytes(size_bytes), mtime_ns(mtime_ns), ctime_ns(ctime_ns), inode(inode) {
+  if (const auto bytes = digest_of_hex(sha256)) {
+    digest = *bytes;
+    return;
+  }
+  Json entry = Json::object();
+  auto& members = entry.get_ref<Json::object_t&>();
+  members.emplace_back("ctime_ns", ctime_ns);
+  members.emplace_back("inode", inode);
+  members.emplace_back("mtime_ns", mtime_ns);
+  members.emplace_back("sha256", std::string(sha256));
+  members.emplace_back("size_bytes", size_bytes);
+  other = std::make_shared<const Json>(std::move(entry));
+}
+
+std::string CachedDigest::sha256() const {
+  if (other) {
+    const auto sha = other->is_object() ? other->find("sha256") : other->end();
+    return sha != other->end() && sha->is_string() ? sha->get<std::string>() : "";
+  }
+  std::string out;
+  append_hex(out, digest);
+  return out;
+}
+
+bool CachedDigest::has_digest(std::string_view sha256) const {
+  const auto bytes = digest_of_hex(sha256);
+  return !other && bytes && *bytes == digest;
+}
 
 CachedDigest::CachedDigest(Json entry) {
   const auto integer = [&](const char* key) -> std::optional<std::int64_t> {
@@ -105,8 +162,9 @@ CachedDigest::CachedDigest(Json entry) {
   if (entry.is_object() && entry.size() == std::size(kMembers)) {
     const auto c = integer("ctime_ns"), i = integer("inode"), m = integer("mtime_ns"), s = integer("size_bytes");
     const auto sha = entry.find("sha256");
-    if (c && i && m && s && sha != entry.end() && sha->is_string()) {
-      *this = CachedDigest(*s, *m, *c, *i, std::move(sha->get_ref<std::string&>()));
+    if (c && i && m && s && sha != entry.end() && sha->is_string() &&
+        digest_of_hex(sha->get_ref<const std::string&>())) {
+      *this = CachedDigest(*s, *m, *c, *i, sha->get_ref<const std::string&>());
       return;
     }
   }
@@ -122,7 +180,7 @@ Json CachedDigest::json() const {
   members.emplace_back("ctime_ns", ctime_ns);
   members.emplace_back("inode", inode);
   members.emplace_back("mtime_ns", mtime_ns);
-  members.emplace_back("sha256", sha256);
+  members.emplace_back("sha256", sha256());
   members.emplace_back("size_bytes", size_bytes);
   return entry;
 }
@@ -138,8 +196,9 @@ void CachedDigest::append_text(std::string& out) const {
   append_integer(out, inode);
   out += ", \"mtime_ns\": ";
   append_integer(out, mtime_ns);
-  out += ", \"sha256\": ";
-  append_string(out, sha256);
+  out += ", \"sha256\": \"";
+  append_hex(out, digest);
+  out += '"';
   out += ", \"size_bytes\": ";
   append_integer(out, size_bytes);
   out += '}';
@@ -148,14 +207,17 @@ void CachedDigest::append_text(std::string& out) const {
 bool CachedDigest::operator==(const CachedDigest& that) const {
   if (other || that.other) return json() == that.json();
   return size_bytes == that.size_bytes && mtime_ns == that.mtime_ns && ctime_ns == that.ctime_ns &&
-         inode == that.inode && sha256 == that.sha256;
+         inode == that.inode && digest == that.digest;
 }
 
-std::optional<DigestCache> read_written_digest_cache(const std::string& text, std::int64_t version) {
+std::optional<DigestCache> read_written_digest_cache(std::string& text, std::int64_t version) {
   static_assert(kJsonReadPadding >= simdjson::SIMDJSON_PADDING);
   simdjson::dom::parser parser;
   simdjson::dom::element root;
   if (parser.parse(text).get(root)) return std::nullopt;
+  // The document holds its own copy of every string: the text can go before
+  // the entries are built, which is when memory peaks.
+  std::string().swap(text);
   simdjson::dom::object top;
   if (root.get_object().get(top) || top.size() != 2) return std::nullopt;
   simdjson::dom::element stated_version;

@@ -57,7 +57,7 @@ bool cached_sha_hits(SyncManager& manager, std::string_view file_path, const Syn
     if (it == manager._hash_cache.end()) return false;
     const CachedDigest& entry = it->second;
     if (!entry.other) {
-      return entry.sha256 == expected_sha &&
+      return entry.has_digest(expected_sha) &&
              SyncManager::CacheStatKey{entry.size_bytes, entry.mtime_ns, entry.ctime_ns, entry.inode} == key;
     }
     other = entry.other;
@@ -83,6 +83,9 @@ DigestCache SyncManager::_load_hash_cache() {
   DigestCache cache;
   Json data;
   try {
+    // A file the fast reader parsed but did not take is read again: rarely,
+    // as only a hand-edited file gets here, and a cache may always miss.
+    if (text.empty()) text = read_file(_hash_cache_path);
     check_utf8(text);
     data = parse_json_text(text);
   } catch (const std::exception& e) {

@@ -127,31 +127,45 @@ TEST(ManifestFromText, DecodesAsTheGeneralReaderOrHandsTheTextBack) {
 // The digest cache as written is read back to the very same bytes; any
 // other shape is left to the general reader.
 TEST(DigestCacheText, TheWrittenFormReadsBackByteForByteAndNothingElseIsTaken) {
+  const std::string digest(64, 'e');
   DigestCache cache;
-  cache.emplace("b/\xc3\xa9.bin", CachedDigest(5, -1, 2, 9223372036854775807, "beef"));
-  cache.emplace("a \"q\".bin", CachedDigest(0, 0, 0, 0, "\xe2\x82\xac"));
-  cache.emplace("c.bin", CachedDigest(Json{{"size_bytes", 1}, {"inode", 2.5}, {"sha256", "x"}}));  // kept as it stood
-  const std::string text = digest_cache_text(cache, 1);
-  EXPECT_EQ(text, json_text(Json{{"files", {{"a \"q\".bin", cache.at("a \"q\".bin").json()},
-                                             {"b/\xc3\xa9.bin", cache.at("b/\xc3\xa9.bin").json()},
-                                             {"c.bin", {{"inode", 2.5}, {"sha256", "x"}, {"size_bytes", 1}}}}},
-                                  {"version", 1}}));
-  // An entry of another shape is not this reader's.
+  cache.emplace("b/\xc3\xa9.bin", CachedDigest(5, -1, 2, 9223372036854775807, digest));
+  cache.emplace("a \"q\".bin", CachedDigest(0, 0, 0, 0, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef"));
+  // Kept as they stood: a digest in another spelling, a member of another kind.
+  cache.emplace("c.bin", CachedDigest(1, 2, 3, 4, "\xe2\x82\xac" + std::string(62, 'E')));
+  cache.emplace("d.bin", CachedDigest(Json{{"size_bytes", 1}, {"inode", 2.5}, {"sha256", digest}}));
+  std::string text = digest_cache_text(cache, 1);
+  EXPECT_EQ(text, json_text(Json{{"files",
+                                  {{"a \"q\".bin", cache.at("a \"q\".bin").json()},
+                                   {"b/\xc3\xa9.bin", {{"ctime_ns", 2}, {"inode", 9223372036854775807}, {"mtime_ns", -1},
+                                                    {"sha256", digest}, {"size_bytes", 5}}},
+                                   {"c.bin", {{"ctime_ns", 3}, {"inode", 4}, {"mtime_ns", 2},
+                                              {"sha256", "\xe2\x82\xac" + std::string(62, 'E')}, {"size_bytes", 1}}},
+                                   {"d.bin", {{"inode", 2.5}, {"sha256", digest}, {"size_bytes", 1}}}}},
+                                 {"version", 1}}));
   EXPECT_FALSE(read_written_digest_cache(text, 1));
 
   cache.erase("c.bin");
+  cache.erase("d.bin");
   const std::string written = digest_cache_text(cache, 1);
-  const auto read = read_written_digest_cache(written, 1);
+  std::string reading = written;
+  const auto read = read_written_digest_cache(reading, 1);
   ASSERT_TRUE(read);
   EXPECT_EQ(*read, cache);
+  EXPECT_EQ(read->at("b/\xc3\xa9.bin").sha256(), digest);
   EXPECT_EQ(digest_cache_text(*read, 1), written);
-  EXPECT_FALSE(read_written_digest_cache(written, 2));
-  for (const std::string refused : {
-           R"({"files": {"a": {"ctime_ns": 1, "inode": 2, "mtime_ns": 3, "sha256": "x", "size_bytes": "4"}}, "version": 1})",
-           R"({"files": {"a": {"ctime_ns": 1, "inode": 2, "mtime_ns": 3, "sha256": "x", "sha256": "y"}}, "version": 1})",
-           R"({"files": {}, "version": true})", R"({"files": {}, "version": 1, "version": 1})"}) {
+  reading = written;
+  EXPECT_FALSE(read_written_digest_cache(reading, 2));
+  const std::string entry = R"("a": {"ctime_ns": 1, "inode": 2, "mtime_ns": 3, "sha256": ")" + digest + R"(", )";
+  for (std::string refused : {
+           R"({"files": {)" + entry + R"("size_bytes": "4"}}, "version": 1})",
+           R"({"files": {)" + entry + R"("sha256": "x"}}, "version": 1})",
+           R"({"files": {)" + entry + R"("size_bytes": 4}}, "version": true})",
+           std::string(R"({"files": {}, "version": 1, "version": 1})")}) {
     EXPECT_FALSE(read_written_digest_cache(refused, 1)) << refused;
   }
+  std::string taken = R"({"files": {)" + entry + R"("size_bytes": 4}}, "version": 1})";
+  EXPECT_TRUE(read_written_digest_cache(taken, 1));
 }
 
 }  // namespace

@@ -78,7 +78,7 @@ TEST_F(VerifyRepair, VerifyListsMissingAndCorruptedFilesHashingAfresh) {
                                                               "features/g.bin"}));
   EXPECT_EQ(result.missing_files, (std::vector<std::string>{"features/d.bin", "modules/here.so", "modules/any.so"}));
   EXPECT_EQ(m->_hash_cache.size(), 1u);
-  EXPECT_EQ(m->_hash_cache.at("features/b.bin").sha256, _sha256("bbbb"));
+  EXPECT_EQ(m->_hash_cache.at("features/b.bin").sha256(), _sha256("bbbb"));
   EXPECT_FALSE(path_exists(path(".sync_hash_cache.json")));
 }
 

@@ -261,7 +261,7 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
   EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("4321")));
   EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("4321")));
   EXPECT_EQ(watch.opens(), 2);
-  EXPECT_EQ(m->_hash_cache.at("f.bin").sha256, _sha256("1234"));
+  EXPECT_EQ(m->_hash_cache.at("f.bin").sha256(), _sha256("1234"));
 
   // Modules never use the cache: read at every check, never stored.
   const std::string so = put_local("modules/m.so", "module");
