@@ -72,6 +72,8 @@ python=/usr/bin/python3
 
 say() { echo "idle_bench: $*" >&2; }
 die() { say "$*"; exit 1; }
+# shellcheck source=bench/common.sh
+source "$repo/bench/common.sh"
 
 for n in "$files" "$dirs" "$file_bytes" "$rounds" "$mirror_rounds"; do
   [[ "$n" =~ ^[1-9][0-9]*$ ]] || die "counts must be positive integers, got '$n'"
@@ -79,25 +81,7 @@ done
 
 # --- tools -----------------------------------------------------------------
 
-missing_packages() {
-  local pkg
-  for pkg in "$@"; do
-    dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || echo "$pkg"
-  done
-}
 
-install_packages() {
-  local missing
-  mapfile -t missing < <(missing_packages "$@")
-  [ ${#missing[@]} -gt 0 ] || return 0
-  local sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  say "installing ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  # A fresh machine may have no package lists yet, an old one stale ones.
-  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
-    { $sudo apt-get update -qq && $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null; }
-}
 
 if [ ! -x "$build/cli/qmsync" ] || [ ! -x "$build/bench/bench_construct" ]; then
   if [ ! -f "$build/CMakeCache.txt" ]; then
@@ -142,10 +126,6 @@ curl_dest="${dest_root:-$tmp}/dest-curl"
 
 # --- the data set ------------------------------------------------------------
 
-vocabulary() {  # universe -> the smallest vocabulary publish accepts
-  printf '{"era_id": 1, "named_universe": "%s", "rotations": [], "filtrations": [], "reductions": {}, ' "$1"
-  printf '"features": ["close"], "metadata": {"named_universe": "%s", "t_signal_is": 1, "n_instruments": 1}}\n' "$1"
-}
 
 make_source() {  # dir
   mkdir -p "$1/features/idle"
@@ -240,15 +220,9 @@ last_of() {  # step -> "x.xxx s, y.y MiB RSS" of its last run
   tail -1 "$tmp/$1.results" | awk '{ printf "%.3f s, %.1f MiB RSS", $1, $2 / 1024 }'
 }
 
-median_of() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
 # --- checks ------------------------------------------------------------------
 
-# The files under features/, each as "path size", sorted: a correct mirror
-# holds exactly the published ones there.
-listing() {  # dir
-  (cd "$1" && find features -type f -printf '%p %s\n' | sort)
-}
 
 # The same with what a rewrite would change: an idle pass must leave every
 # file where and as it was.

@@ -59,28 +59,12 @@ python=/usr/bin/python3
 
 say() { echo "mirror_bench: $*" >&2; }
 die() { say "$*"; exit 1; }
+# shellcheck source=bench/common.sh
+source "$repo/bench/common.sh"
 
 # --- tools -----------------------------------------------------------------
 
-missing_packages() {
-  local pkg
-  for pkg in "$@"; do
-    dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || echo "$pkg"
-  done
-}
 
-install_packages() {
-  local missing
-  mapfile -t missing < <(missing_packages "$@")
-  [ ${#missing[@]} -gt 0 ] || return 0
-  local sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  say "installing ${missing[*]}"
-  export DEBIAN_FRONTEND=noninteractive
-  # A fresh machine may have no package lists yet, an old one stale ones.
-  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
-    { $sudo apt-get update -qq && $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null; }
-}
 
 if [ ! -x "$build/cli/qmsync" ]; then
   scripts/setup-debian.sh
@@ -125,10 +109,6 @@ now() { date +%s.%N; }
 
 # --- data sets ---------------------------------------------------------------
 
-vocabulary() {  # universe -> the smallest vocabulary publish accepts
-  printf '{"era_id": 1, "named_universe": "%s", "rotations": [], "filtrations": [], "reductions": {}, ' "$1"
-  printf '"features": ["close"], "metadata": {"named_universe": "%s", "t_signal_is": 1, "n_instruments": 1}}\n' "$1"
-}
 
 make_large() {  # dir
   mkdir -p "$1/features/u"
@@ -297,12 +277,6 @@ timed() {  # tool dest; appends "seconds rss_kib cpu_seconds" to the tool's resu
     >>"$set_dir/$1.results"
 }
 
-# The files under features/, each as "path size", sorted: a correct mirror
-# holds exactly the published ones there, with no partial file left over,
-# whatever a client keeps for itself beside them.
-listing() {  # dir
-  (cd "$1" && find features -type f -printf '%p %s\n' | LC_ALL=C sort)
-}
 
 check_mirror() {  # tool dest first_round
   local tool=$1 dest=$2
@@ -323,7 +297,6 @@ check_mirror() {  # tool dest first_round
 declare -A label=([qmsync]="qmsync sync" [curl]="curl --parallel 8" [rclone]="rclone copy")
 tools=(qmsync curl rclone)
 
-median_of() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
 bench_set() {  # name
   local name=$1
