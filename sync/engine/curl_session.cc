@@ -74,20 +74,23 @@ class SharedState {
 };
 
 // The certificates a handshake trusts: the system's bundle, where libcurl
-// would look for it, and the extra ones. Parsed once per trust setting and
-// thread; left to libcurl, each new connection would parse the system's
-// bundle again (some 30 ms each).
+// would look for it, and the extra ones. The bundle is parsed once per trust
+// setting; left to libcurl, each new connection would parse it again (some
+// 30 ms each).
 class TrustStore {
  public:
   explicit TrustStore(std::shared_ptr<const ExtraCa> extra_ca)
       : extra_ca_(std::move(extra_ca)), id_(next_id_.fetch_add(1) + 1) {}
+  ~TrustStore() {
+    if (bundle_ != nullptr) sk_X509_pop_free(bundle_, X509_free);
+  }
   TrustStore(const TrustStore&) = delete;
   TrustStore& operator=(const TrustStore&) = delete;
 
   // This thread's store, built on its first use here from the locations
   // `easy` would use. OpenSSL changes a store's lists while verifying against
-  // it, so a store is never shared between threads: each worker parses once
-  // and then keeps it for all its connections.
+  // it, so a store is never shared between threads; the certificates in it,
+  // which nothing changes, are.
   X509_STORE* get(CURL* easy) const {
     thread_local ThreadCopy copy;
     if (copy.id != id_) {
@@ -109,15 +112,23 @@ class TrustStore {
   };
 
   X509_STORE* build(CURL* easy) const {
+    char* ca_path = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_CAPATH, &ca_path);
+    std::call_once(parsed_, [&] {
+      char* ca_file = nullptr;
+      curl_easy_getinfo(easy, CURLINFO_CAINFO, &ca_file);
+      X509_STORE* scratch = X509_STORE_new();
+      // A location that cannot be read adds nothing; the handshake then
+      // fails for want of trust, never succeeds without it.
+      if (scratch != nullptr && ca_file != nullptr) X509_STORE_load_file(scratch, ca_file);
+      if (scratch != nullptr) bundle_ = X509_STORE_get1_all_certs(scratch);
+      X509_STORE_free(scratch);
+      ERR_clear_error();
+    });
     X509_STORE* store = X509_STORE_new();
     if (store == nullptr) return nullptr;
-    char* ca_file = nullptr;
-    char* ca_path = nullptr;
-    curl_easy_getinfo(easy, CURLINFO_CAINFO, &ca_file);
-    curl_easy_getinfo(easy, CURLINFO_CAPATH, &ca_path);
-    // A location that cannot be read adds nothing; the handshake then
-    // fails for want of trust, never succeeds without it.
-    if (ca_file != nullptr) X509_STORE_load_file(store, ca_file);
+    for (int i = 0; bundle_ != nullptr && i < sk_X509_num(bundle_); ++i) X509_STORE_add_cert(store, sk_X509_value(bundle_, i));
+    // A directory is looked up lazily, per store.
     if (ca_path != nullptr) X509_STORE_load_path(store, ca_path);
     ERR_clear_error();
     if (extra_ca_) {
@@ -131,6 +142,9 @@ class TrustStore {
   static inline std::atomic<std::uint64_t> next_id_{0};
   std::shared_ptr<const ExtraCa> extra_ca_;
   const std::uint64_t id_;
+  mutable std::once_flag parsed_;
+  mutable STACK_OF(X509)* bundle_ = nullptr;  // the system's bundle, parsed
+
 };
 
 // The certificates trusted now, and the state shared only under them.
