@@ -112,6 +112,7 @@ class Manifest {
   Json own_files_ = Json::object();
   std::vector<ManifestEntry> entries_;
   // Built on the first lookup: most passes never look a path up.
+  void build_index() const;
   mutable std::once_flag index_built_;
   mutable std::unordered_map<std::string_view, std::size_t> index_;
 };

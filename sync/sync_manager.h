@@ -119,9 +119,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   const std::string _hash_cache_path;
   std::mutex _hash_cache_lock;
   bool _hash_cache_dirty = false;
-  // Entries are replaced whole, never changed in place, so a flush can copy
-  // the map shallowly and write it outside the lock.
-  DigestCache _hash_cache;
+  DigestCache _hash_cache;  // read, changed and written out under _hash_cache_lock
   const std::string _consumer_count_path;
   std::atomic<std::int64_t> _consumer_count{0};
   std::atomic<bool> _in_transition{false};

@@ -206,16 +206,23 @@ std::shared_ptr<Manifest> Manifest::from_written_text(std::string& text) {
     if (is_declaration(entry.path, entry.kind) || _is_retired_found_pnl_long_file(entry.path)) return nullptr;
     entries.push_back(entry);
   }
-  // Built here, where a repeated path shows itself.
+  // A repeated path is the general reader's business too. Paths in strict
+  // byte order, as published manifests list them, cannot repeat; only other
+  // orders need the index built here, which lookups then use.
+  const bool strictly_ordered = std::adjacent_find(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
+                                  return !(a.path < b.path);
+                                }) == entries.end();
   std::unordered_map<std::string_view, std::size_t> index;
-  index.reserve(entries.size());
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    if (!index.emplace(entries[i].path, i).second) return nullptr;
+  if (!strictly_ordered) {
+    index.reserve(entries.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      if (!index.emplace(entries[i].path, i).second) return nullptr;
+    }
   }
 
   std::shared_ptr<Manifest> manifest(new Manifest(std::move(others), std::move(kept)));
   manifest->entries_ = std::move(entries);
-  std::call_once(manifest->index_built_, [&] { manifest->index_ = std::move(index); });
+  if (!strictly_ordered) std::call_once(manifest->index_built_, [&] { manifest->index_ = std::move(index); });
   return manifest;
 }
 
@@ -250,11 +257,14 @@ void Manifest::decode_entries() {
   }
 }
 
+void Manifest::build_index() const {
+  index_.clear();
+  index_.reserve(entries_.size());
+  for (std::size_t i = 0; i < entries_.size(); ++i) index_.emplace(entries_[i].path, i);
+}
+
 const ManifestEntry* Manifest::find(std::string_view path) const {
-  std::call_once(index_built_, [this] {
-    index_.reserve(entries_.size());
-    for (std::size_t i = 0; i < entries_.size(); ++i) index_.emplace(entries_[i].path, i);
-  });
+  std::call_once(index_built_, [this] { build_index(); });
   const auto it = index_.find(path);
   return it == index_.end() ? nullptr : &entries_[it->second];
 }
@@ -271,8 +281,7 @@ void Manifest::set_file(const std::string& path, Json entry) {
     // only ever built by lookups, which a manifest being repaired has not
     // had on another thread.
     decode_entries();
-    index_.clear();
-    for (std::size_t i = 0; i < entries_.size(); ++i) index_.emplace(entries_[i].path, i);
+    build_index();
     return;
   }
   for (ManifestEntry& decoded : entries_) {

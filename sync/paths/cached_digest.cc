@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <limits>
+#include <stdexcept>
 #include <vector>
 
 #include <simdjson.h>
@@ -43,22 +44,29 @@ void sort_members(Json& value) {
   value = std::move(sorted);
 }
 
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;  // upper case too: the written form is lower case only
-}
+// The value of each lower-case hex digit, -1 for every other byte (upper
+// case too: the written form is lower case only). A table, as a cache read
+// converts 64 digits per entry.
+constexpr std::array<std::int8_t, 256> kHexValue = [] {
+  std::array<std::int8_t, 256> table{};
+  table.fill(-1);
+  for (int c = '0'; c <= '9'; ++c) table[c] = static_cast<std::int8_t>(c - '0');
+  for (int c = 'a'; c <= 'f'; ++c) table[c] = static_cast<std::int8_t>(c - 'a' + 10);
+  return table;
+}();
 
 // The bytes of a digest spelled as 64 lower-case hex digits.
 std::optional<std::array<std::uint8_t, 32>> digest_of_hex(std::string_view hex) {
   std::array<std::uint8_t, 32> out;
   if (hex.size() != 2 * out.size()) return std::nullopt;
+  int invalid = 0;
   for (std::size_t i = 0; i < out.size(); ++i) {
-    const int high = hex_value(hex[2 * i]);
-    const int low = hex_value(hex[2 * i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    out[i] = static_cast<std::uint8_t>(high << 4 | low);
+    const int high = kHexValue[static_cast<unsigned char>(hex[2 * i])];
+    const int low = kHexValue[static_cast<unsigned char>(hex[2 * i + 1])];
+    invalid |= high | low;  // negative once any digit is not one
+    out[i] = static_cast<std::uint8_t>((high & 15) << 4 | (low & 15));
   }
+  if (invalid < 0) return std::nullopt;
   return out;
 }
 
@@ -120,6 +128,19 @@ bool read_written_entry(simdjson::dom::element element, CachedDigest& entry) {
   return true;
 }
 
+// An entry of the written shape as JSON, members in key order.
+Json written_json(std::int64_t size_bytes, std::int64_t mtime_ns, std::int64_t ctime_ns, std::int64_t inode,
+                  std::string sha256) {
+  Json entry = Json::object();
+  auto& members = entry.get_ref<Json::object_t&>();
+  members.emplace_back("ctime_ns", ctime_ns);
+  members.emplace_back("inode", inode);
+  members.emplace_back("mtime_ns", mtime_ns);
+  members.emplace_back("sha256", std::move(sha256));
+  members.emplace_back("size_bytes", size_bytes);
+  return entry;
+}
+
 }  // namespace
 
 CachedDigest::CachedDigest(std::int64_t size_bytes, std::int64_t mtime_ns, std::int64_t ctime_ns, std::int64_t inode,
@@ -129,14 +150,7 @@ CachedDigest::CachedDigest(std::int64_t size_bytes, std::int64_t mtime_ns, std::
     digest = *bytes;
     return;
   }
-  Json entry = Json::object();
-  auto& members = entry.get_ref<Json::object_t&>();
-  members.emplace_back("ctime_ns", ctime_ns);
-  members.emplace_back("inode", inode);
-  members.emplace_back("mtime_ns", mtime_ns);
-  members.emplace_back("sha256", std::string(sha256));
-  members.emplace_back("size_bytes", size_bytes);
-  other = std::make_shared<const Json>(std::move(entry));
+  other = std::make_shared<const Json>(written_json(size_bytes, mtime_ns, ctime_ns, inode, std::string(sha256)));
 }
 
 std::string CachedDigest::sha256() const {
@@ -175,14 +189,7 @@ CachedDigest::CachedDigest(Json entry) {
 
 Json CachedDigest::json() const {
   if (other) return *other;
-  Json entry = Json::object();
-  auto& members = entry.get_ref<Json::object_t&>();
-  members.emplace_back("ctime_ns", ctime_ns);
-  members.emplace_back("inode", inode);
-  members.emplace_back("mtime_ns", mtime_ns);
-  members.emplace_back("sha256", sha256());
-  members.emplace_back("size_bytes", size_bytes);
-  return entry;
+  return written_json(size_bytes, mtime_ns, ctime_ns, inode, sha256());
 }
 
 void CachedDigest::append_text(std::string& out) const {
@@ -210,6 +217,93 @@ bool CachedDigest::operator==(const CachedDigest& that) const {
          inode == that.inode && digest == that.digest;
 }
 
+DigestCache::Slot* DigestCache::find_sorted(std::string_view path) {
+  if (next_ < sorted_.size() && path_of(sorted_[next_]) == path) return &sorted_[next_++];
+  const auto it = std::lower_bound(sorted_.begin(), sorted_.end(), path,
+                                   [this](const Slot& slot, std::string_view p) { return path_of(slot) < p; });
+  if (it == sorted_.end() || path_of(*it) != path) return nullptr;
+  next_ = static_cast<std::size_t>(it - sorted_.begin()) + 1;
+  return &*it;
+}
+
+const CachedDigest* DigestCache::find(std::string_view path) {
+  if (Slot* slot = find_sorted(path)) return &slot->entry;
+  if (added_.empty()) return nullptr;
+  const auto it = added_.find(path);
+  return it == added_.end() ? nullptr : &it->second;
+}
+
+bool DigestCache::set(std::string_view path, CachedDigest entry) {
+  CachedDigest* held = nullptr;
+  if (Slot* slot = find_sorted(path)) {
+    held = &slot->entry;
+  } else {
+    const auto [it, inserted] = added_.try_emplace(std::string(path));
+    if (inserted) {
+      it->second = std::move(entry);
+      return true;
+    }
+    held = &it->second;
+  }
+  if (*held == entry) return false;
+  *held = std::move(entry);
+  return true;
+}
+
+const CachedDigest& DigestCache::at(std::string_view path) {
+  const CachedDigest* entry = find(path);
+  if (!entry) throw std::out_of_range("no cached digest for " + std::string(path));
+  return *entry;
+}
+
+void DigestCache::clear() {
+  *this = DigestCache();
+}
+
+std::vector<std::pair<std::string_view, const CachedDigest*>> DigestCache::sorted() const {
+  std::vector<std::pair<std::string_view, const CachedDigest*>> out;
+  out.reserve(size());
+  for (const Slot& slot : sorted_) out.emplace_back(path_of(slot), &slot.entry);
+  if (added_.empty()) return out;
+  for (const auto& [path, entry] : added_) out.emplace_back(path, &entry);
+  const auto by_path = [](const auto& a, const auto& b) { return a.first < b.first; };
+  const auto middle = out.begin() + static_cast<std::ptrdiff_t>(sorted_.size());
+  std::sort(middle, out.end(), by_path);
+  std::inplace_merge(out.begin(), middle, out.end(), by_path);
+  return out;
+}
+
+bool DigestCache::operator==(const DigestCache& that) const {
+  if (size() != that.size()) return false;
+  const auto mine = sorted();
+  const auto theirs = that.sorted();
+  for (std::size_t i = 0; i < mine.size(); ++i) {
+    if (mine[i].first != theirs[i].first || !(*mine[i].second == *theirs[i].second)) return false;
+  }
+  return true;
+}
+
+void DigestCache::append(std::string_view path, CachedDigest entry) {
+  if (!sorted_.empty() && !(path_of(sorted_.back()) < path)) in_order_ = false;
+  sorted_.push_back(Slot{paths_.size(), path.size(), std::move(entry)});
+  paths_.append(path);
+}
+
+void DigestCache::finish_reading() {
+  if (in_order_) return;
+  std::stable_sort(sorted_.begin(), sorted_.end(),
+                   [this](const Slot& a, const Slot& b) { return path_of(a) < path_of(b); });
+  // A repeated path takes its last entry, as the general reader does.
+  std::vector<Slot> kept;
+  kept.reserve(sorted_.size());
+  for (std::size_t i = 0; i < sorted_.size(); ++i) {
+    if (i + 1 < sorted_.size() && path_of(sorted_[i]) == path_of(sorted_[i + 1])) continue;
+    kept.push_back(std::move(sorted_[i]));
+  }
+  sorted_ = std::move(kept);
+  in_order_ = true;
+}
+
 std::optional<DigestCache> read_written_digest_cache(std::string& text, std::int64_t version) {
   static_assert(kJsonReadPadding >= simdjson::SIMDJSON_PADDING);
   simdjson::dom::parser parser;
@@ -225,30 +319,29 @@ std::optional<DigestCache> read_written_digest_cache(std::string& text, std::int
   if (top["version"].get(stated_version) || top["files"].get_object().get(files)) return std::nullopt;
   if (!stated_version.is_int64() || stated_version.get_int64().value_unsafe() != version) return std::nullopt;
   DigestCache cache;
-  cache.reserve(files.size());
+  std::size_t path_bytes = 0;
+  for (const simdjson::dom::key_value_pair member : files) path_bytes += member.key.size();
+  cache.paths_.reserve(path_bytes);
+  cache.sorted_.reserve(files.size());
   for (const simdjson::dom::key_value_pair member : files) {
     CachedDigest entry;
     if (!read_written_entry(member.value, entry)) return std::nullopt;
-    // A repeated path takes its last entry, as the general reader does.
-    cache.insert_or_assign(std::string(member.key), std::move(entry));
+    cache.append(member.key, std::move(entry));
   }
+  cache.finish_reading();
   return cache;
 }
 
 std::string digest_cache_text(const DigestCache& cache, std::int64_t version) {
-  std::vector<const DigestCache::value_type*> entries;
-  entries.reserve(cache.size());
-  for (const auto& entry : cache) entries.push_back(&entry);
-  std::sort(entries.begin(), entries.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
   std::string text = "{\"files\": {";
-  text.reserve(entries.size() * 220 + 32);
+  text.reserve(cache.size() * 220 + 32);
   bool first = true;
-  for (const auto* entry : entries) {
+  for (const auto& [path, entry] : cache.sorted()) {
     if (!first) text += ", ";
     first = false;
-    append_string(text, entry->first);
+    append_string(text, path);
     text += ": ";
-    entry->second.append_text(text);
+    entry->append_text(text);
   }
   text += "}, \"version\": ";
   append_integer(text, version);

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "sync/support/json_text.h"
 
@@ -49,12 +51,56 @@ struct CachedDigest {
   bool operator==(const CachedDigest& that) const;
 };
 
-struct PathHash {
-  using is_transparent = void;
-  std::size_t operator()(std::string_view path) const { return std::hash<std::string_view>{}(path); }
+// Path -> entry, for the paths of one data directory.
+//
+// A cache of a hundred thousand entries is read at every start and asked
+// about every file of a pass, so it is kept in the order the file holds
+// it: the paths in one buffer and the entries in one array, in byte order
+// of their paths, which is also about the order in which a manifest lists
+// them. Reading the file appends; a pass finds each entry next to the last
+// one found. A path first set since the file was read is kept apart until
+// the next write puts it in its place. Not safe for concurrent use, finding
+// included: the owner holds its lock.
+class DigestCache {
+ public:
+  // The entry of `path`; null when there is none. Valid until the next set
+  // or clear.
+  const CachedDigest* find(std::string_view path);
+  // Makes `entry` the entry of `path`; false when it was that already.
+  bool set(std::string_view path, CachedDigest entry);
+  // The entry of `path`; std::out_of_range when there is none.
+  const CachedDigest& at(std::string_view path);
+  std::size_t size() const { return sorted_.size() + added_.size(); }
+  bool empty() const { return size() == 0; }
+  void clear();
+  // Every path with its entry, in byte order of the paths.
+  std::vector<std::pair<std::string_view, const CachedDigest*>> sorted() const;
+  bool operator==(const DigestCache& that) const;
+
+ private:
+  friend std::optional<DigestCache> read_written_digest_cache(std::string& text, std::int64_t version);
+  struct Slot {
+    std::size_t path_offset;
+    std::size_t path_size;
+    CachedDigest entry;
+  };
+  struct PathHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view path) const { return std::hash<std::string_view>{}(path); }
+  };
+  std::string_view path_of(const Slot& slot) const { return {paths_.data() + slot.path_offset, slot.path_size}; }
+  Slot* find_sorted(std::string_view path);
+  // Appends while paths arrive in byte order; puts the array in order, the
+  // last of each repeated path kept, once they do not.
+  void append(std::string_view path, CachedDigest entry);
+  void finish_reading();
+
+  std::string paths_;
+  std::vector<Slot> sorted_;
+  bool in_order_ = true;
+  std::size_t next_ = 0;  // where the next look-up starts
+  std::unordered_map<std::string, CachedDigest, PathHash, std::equal_to<>> added_;
 };
-// Path -> entry; looked up by a path's view, without a copy of it.
-using DigestCache = std::unordered_map<std::string, CachedDigest, PathHash, std::equal_to<>>;
 
 // The cache of a file's text when every entry in it has the written shape
 // and the document is exactly {"files": {...}, "version": `version`};

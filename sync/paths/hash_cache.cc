@@ -53,9 +53,9 @@ bool cached_sha_hits(SyncManager& manager, std::string_view file_path, const Syn
   std::shared_ptr<const Json> other;
   {
     std::lock_guard<std::mutex> lock(manager._hash_cache_lock);
-    const auto it = manager._hash_cache.find(file_path);
-    if (it == manager._hash_cache.end()) return false;
-    const CachedDigest& entry = it->second;
+    const CachedDigest* found = manager._hash_cache.find(file_path);
+    if (!found) return false;
+    const CachedDigest& entry = *found;
     if (!entry.other) {
       return entry.has_digest(expected_sha) &&
              SyncManager::CacheStatKey{entry.size_bytes, entry.mtime_ns, entry.ctime_ns, entry.inode} == key;
@@ -97,11 +97,8 @@ DigestCache SyncManager::_load_hash_cache() {
   if (version == data.end() || version->is_boolean() || *version != Json(_SYNC_HASH_CACHE_VERSION)) return cache;
   const auto files = data.find("files");
   if (files == data.end() || !files->is_object()) return cache;
-  auto& members = files->get_ref<Json::object_t&>();
-  cache.reserve(members.size());
-  for (auto& [file_path, entry] : members) {
-    if (!entry.is_object()) continue;
-    cache.insert_or_assign(file_path, CachedDigest(std::move(entry)));
+  for (auto& [file_path, entry] : files->get_ref<Json::object_t&>()) {
+    if (entry.is_object()) cache.set(file_path, CachedDigest(std::move(entry)));
   }
   return cache;
 }
@@ -155,10 +152,7 @@ void SyncManager::_remember_local_sha(const std::string& file_path, const std::s
   }
   CachedDigest fresh(key.size_bytes, key.mtime_ns, key.ctime_ns, key.inode, actual_sha);
   std::lock_guard<std::mutex> lock(_hash_cache_lock);
-  const auto [it, inserted] = _hash_cache.try_emplace(file_path);
-  if (!inserted && it->second == fresh) return;
-  it->second = std::move(fresh);
-  _hash_cache_dirty = true;
+  if (_hash_cache.set(file_path, std::move(fresh))) _hash_cache_dirty = true;
 }
 
 bool SyncManager::_local_file_matches_manifest(const std::string& file_path, const std::string& local_path,

@@ -128,12 +128,13 @@ TEST(ManifestFromText, DecodesAsTheGeneralReaderOrHandsTheTextBack) {
 // other shape is left to the general reader.
 TEST(DigestCacheText, TheWrittenFormReadsBackByteForByteAndNothingElseIsTaken) {
   const std::string digest(64, 'e');
-  DigestCache cache;
-  cache.emplace("b/\xc3\xa9.bin", CachedDigest(5, -1, 2, 9223372036854775807, digest));
-  cache.emplace("a \"q\".bin", CachedDigest(0, 0, 0, 0, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef"));
+  DigestCache written_shape;
+  written_shape.set("b/\xc3\xa9.bin", CachedDigest(5, -1, 2, 9223372036854775807, digest));
+  written_shape.set("a \"q\".bin", CachedDigest(0, 0, 0, 0, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef"));
+  DigestCache cache = written_shape;
   // Kept as they stood: a digest in another spelling, a member of another kind.
-  cache.emplace("c.bin", CachedDigest(1, 2, 3, 4, "\xe2\x82\xac" + std::string(62, 'E')));
-  cache.emplace("d.bin", CachedDigest(Json{{"size_bytes", 1}, {"inode", 2.5}, {"sha256", digest}}));
+  cache.set("c.bin", CachedDigest(1, 2, 3, 4, "\xe2\x82\xac" + std::string(62, 'E')));
+  cache.set("d.bin", CachedDigest(Json{{"size_bytes", 1}, {"inode", 2.5}, {"sha256", digest}}));
   std::string text = digest_cache_text(cache, 1);
   EXPECT_EQ(text, json_text(Json{{"files",
                                   {{"a \"q\".bin", cache.at("a \"q\".bin").json()},
@@ -145,11 +146,10 @@ TEST(DigestCacheText, TheWrittenFormReadsBackByteForByteAndNothingElseIsTaken) {
                                  {"version", 1}}));
   EXPECT_FALSE(read_written_digest_cache(text, 1));
 
-  cache.erase("c.bin");
-  cache.erase("d.bin");
+  cache = written_shape;
   const std::string written = digest_cache_text(cache, 1);
   std::string reading = written;
-  const auto read = read_written_digest_cache(reading, 1);
+  auto read = read_written_digest_cache(reading, 1);
   ASSERT_TRUE(read);
   EXPECT_EQ(*read, cache);
   EXPECT_EQ(read->at("b/\xc3\xa9.bin").sha256(), digest);
@@ -164,8 +164,22 @@ TEST(DigestCacheText, TheWrittenFormReadsBackByteForByteAndNothingElseIsTaken) {
            std::string(R"({"files": {}, "version": 1, "version": 1})")}) {
     EXPECT_FALSE(read_written_digest_cache(refused, 1)) << refused;
   }
-  std::string taken = R"({"files": {)" + entry + R"("size_bytes": 4}}, "version": 1})";
-  EXPECT_TRUE(read_written_digest_cache(taken, 1));
+  // Paths out of order or repeated are put in order, the last of each kept,
+  // and found whatever order they are asked in.
+  const auto sized = [&](int size) { return entry + R"("size_bytes": )" + std::to_string(size) + "}"; };
+  std::string taken = R"({"files": {"b)" + sized(1).substr(2) + ", \"c" + sized(2).substr(2) + ", \"a" +
+                      sized(3).substr(2) + ", \"b" + sized(4).substr(2) + R"(}, "version": 1})";
+  auto shuffled = read_written_digest_cache(taken, 1);
+  ASSERT_TRUE(shuffled);
+  std::string listed;
+  for (const auto& [path, found] : shuffled->sorted()) listed += std::string(path) + std::to_string(found->size_bytes);
+  EXPECT_EQ(listed, "a3b4c2");
+  const std::pair<const char*, std::int64_t> asked[] = {{"c", 2}, {"a", 3}, {"b", 4}, {"zz", -1},
+                                                        {"a", 3}, {"b", 4}, {"c", 2}, {"", -1}};
+  for (const auto& [path, size] : asked) {
+    const CachedDigest* found = shuffled->find(path);
+    EXPECT_EQ(found ? found->size_bytes : -1, size) << path;
+  }
 }
 
 }  // namespace

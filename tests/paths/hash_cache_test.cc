@@ -116,7 +116,7 @@ TEST_F(HashCache, AHitNeedsEveryStatFieldToMatch) {
 
   auto hits_with = [&](const Json& entry) {
     std::lock_guard<std::mutex> lock(m->_hash_cache_lock);
-    m->_hash_cache["f.bin"] = CachedDigest(entry);
+    m->_hash_cache.set("f.bin", CachedDigest(entry));
   };
   // Each stat field moved, left out (null here) or unparsable misses; as text it still counts.
   for (const char* field : {"size_bytes", "mtime_ns", "ctime_ns", "inode"}) {
@@ -215,7 +215,7 @@ TEST_F(HashCache, OnlyAChangeMakesTheCacheDirtyAndItStaysSoUntilAPersistSucceeds
   m->_remember_local_sha("f.bin", p, "");
   m->_remember_local_sha("g.bin", path("missing.bin"), _sha256("x"));
   EXPECT_FALSE(m->_hash_cache_dirty);
-  EXPECT_EQ(m->_hash_cache.count("g.bin"), 0u);
+  EXPECT_EQ(m->_hash_cache.find("g.bin"), nullptr);
 
   // A digest that matches no manifest is stored all the same.
   m->_remember_local_sha("f.bin", p, _sha256("other"));
@@ -274,7 +274,7 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
   EXPECT_TRUE(m->_local_entry_passes(decoded, paths));
   EXPECT_TRUE(m->_local_entry_passes(decoded, paths));
   EXPECT_EQ(module_watch.opens(), 2);
-  EXPECT_EQ(m->_hash_cache.count("modules/m.so"), 0u);
+  EXPECT_EQ(m->_hash_cache.find("modules/m.so"), nullptr);
 }
 
 // A restarted manager's trust in the file is PersistsSorted's case.
