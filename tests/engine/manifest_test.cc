@@ -160,7 +160,10 @@ TEST(DigestCacheText, TheWrittenFormReadsBackByteForByteAndNothingElseIsTaken) {
   for (std::string refused : {
            R"({"files": {)" + entry + R"("size_bytes": "4"}}, "version": 1})",
            R"({"files": {)" + entry + R"("sha256": "x"}}, "version": 1})",
+           R"({"files": {)" + entry + R"("size_bytes": 4.0}}, "version": 1})",
            R"({"files": {)" + entry + R"("size_bytes": 4}}, "version": true})",
+           R"({"files": {)" + entry + R"("size_bytes": 4}}, "version": 1} [])",
+           std::string(R"({"files": {"a": {"ctime_ns": 1, "inode": 2, "mtime_ns": 3, "size_bytes": 4}}, "version": 1})"),
            std::string(R"({"files": {}, "version": 1, "version": 1})")}) {
     EXPECT_FALSE(read_written_digest_cache(refused, 1)) << refused;
   }
