@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <iostream>
+#include <list>
+#include <mutex>
 #include <memory>
 #include <string>
 #include <thread>
@@ -152,8 +154,17 @@ std::string interrupted_notice(TerminalProgress& progress, const char* command) 
 }
 
 // What a sync pass would fetch, found as the pass finds it, with nothing
-// written: the manifest is fetched and compared with the disk.
-int run_sync_dry(const GlobalOptions& g, SyncManager& m) {
+// written: the manifest is fetched and compared with the disk. The digests
+// computed on the way stay in the manager's cache, so a pass that follows
+// on the same manager does not hash the files again.
+struct Selection {
+  Json era_id;
+  Json version;
+  std::vector<std::pair<std::string, std::int64_t>> files;  // path, size
+  std::int64_t bytes = 0;
+};
+
+Selection select_as_a_pass_would(SyncManager& m) {
   probe_server_version(m);
   auto data = std::make_shared<Json>(fetch_document(m, "/data/manifest"));
   const Manifest server_manifest(_drop_retired_found_pnl_long_files(_drop_agent_bundle_declaration_files(data)));
@@ -162,24 +173,94 @@ int run_sync_dry(const GlobalOptions& g, SyncManager& m) {
                    ", server era_id=" + text_of_json(server_manifest.era_id));
   }
   SyncResult scratch;
+  Selection selection{server_manifest.era_id, server_manifest.version, {}, 0};
   const Json selected = m._select_files_to_download(server_manifest, scratch);
-  std::int64_t bytes = 0;
-  Json files = Json::array();
   for (const auto& [path, info] : selected.items()) {
-    files.push_back(path);
-    if (info.is_object() && info.contains("size_bytes")) bytes += integer_of(info["size_bytes"]);
-    log_info("Would fetch %s", {path});
+    const std::int64_t size = info.is_object() && info.contains("size_bytes") ? integer_of(info["size_bytes"]) : 0;
+    selection.files.emplace_back(path, size);
+    selection.bytes += size;
+    log_info("Selected %s (%d bytes)", {path, size});
   }
+  log_info("Selected %d file(s), %d bytes, to fetch", {static_cast<std::int64_t>(selection.files.size()), selection.bytes});
+  return selection;
+}
+
+int run_sync_dry(const GlobalOptions& g, SyncManager& m) {
+  const Selection selection = select_as_a_pass_would(m);
   if (g.json) {
-    print_json(Json{{"dry_run", true}, {"era_id", server_manifest.era_id}, {"version", server_manifest.version},
-                    {"files", files}, {"bytes", bytes}});
+    Json files = Json::array();
+    for (const auto& [path, size] : selection.files) files.push_back(path);
+    print_json(Json{{"dry_run", true}, {"era_id", selection.era_id}, {"version", selection.version},
+                    {"files", files}, {"bytes", selection.bytes}});
     return kExitOk;
   }
-  std::cout << "Dry run: a sync would fetch " << files.size() << " file(s), " << bytes_text(bytes)
-            << ", for era " << text_of_json(server_manifest.era_id) << " version "
-            << text_of_json(server_manifest.version) << "; nothing was written.\n";
-  for (const Json& path : files) std::cout << "  " << path.get<std::string>() << "\n";
+  std::cout << "Dry run: a sync would fetch " << selection.files.size() << " file(s), " << bytes_text(selection.bytes)
+            << ", for era " << text_of_json(selection.era_id) << " version " << text_of_json(selection.version)
+            << "; nothing was written.\n";
+  for (const auto& [path, size] : selection.files) std::cout << "  " << path << "  " << bytes_text(size) << "\n";
   return kExitOk;
+}
+
+// Names each file of a batch as it completes (-v, and --log-level info).
+// The library's progress counts files without naming them; so the files
+// are chosen beforehand as the pass chooses them, and one counts as done
+// once its path holds a new file (another inode: a download is renamed
+// into place) of the expected size.
+class CompletedFileNamer {
+ public:
+  CompletedFileNamer(const std::string& data_dir, const std::vector<std::pair<std::string, std::int64_t>>& files,
+                     TerminalProgress& progress, bool print)
+      : progress_(progress), print_(print) {
+    for (const auto& [path, size] : files) {
+      const std::string local = _manifest_local_path(data_dir, path);
+      const std::optional<FileStat> before = lstat_path(local);
+      pending_.push_back({path, local, size, before ? before->inode : 0});
+    }
+  }
+
+  // From the progress observer: names as many newly done files as the
+  // count says there are. Downloads finish roughly in the order chosen, so
+  // the search starts at the front.
+  void tick(std::int64_t files_done) {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (auto it = pending_.begin(); named_ < files_done && it != pending_.end();) {
+      const std::optional<FileStat> now = lstat_path(it->local);
+      if (now && now->inode != it->inode_before && now->size == it->size) {
+        ++named_;
+        log_info("Fetched %s (%d bytes)", {it->path, it->size});
+        if (print_) {
+          progress_.clear_line();
+          std::cout << "  fetched  " << it->path << "  " << bytes_text(it->size) << std::endl;
+        }
+        it = pending_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+
+ private:
+  struct Pending {
+    std::string path;
+    std::string local;
+    std::int64_t size;
+    std::uint64_t inode_before;
+  };
+  TerminalProgress& progress_;
+  const bool print_;
+  std::mutex mu_;
+  std::list<Pending> pending_;
+  std::int64_t named_ = 0;
+};
+
+// Whether files are to be named as they complete.
+bool names_files(const GlobalOptions& g) { return (g.verbose && !g.json) || g.log_level != "warning"; }
+
+ProgressObserver naming_observer(TerminalProgress& progress, std::shared_ptr<CompletedFileNamer> namer) {
+  return [draw = progress.observer(), namer](const DownloadProgress& p) {
+    if (namer) namer->tick(p.files_done);
+    draw(p);
+  };
 }
 
 int run_sync(const GlobalOptions& g, bool dry_run) {
@@ -191,9 +272,16 @@ int run_sync(const GlobalOptions& g, bool dry_run) {
   const InterruptNotice interrupt([&progress] { return interrupted_notice(progress, "sync"); });
   auto manager = open_manager(g, "sync", true);
   wait_for_other_process(*manager);
-  manager->set_progress_observer(progress.observer());
+  log_info("Syncing %s from %s", {manager->_data_dir, manager->_server_url});
+  std::shared_ptr<CompletedFileNamer> namer;
+  if (names_files(g)) {
+    namer = std::make_shared<CompletedFileNamer>(manager->_data_dir, select_as_a_pass_would(*manager).files, progress,
+                                                 g.verbose && !g.json);
+  }
+  manager->set_progress_observer(naming_observer(progress, namer));
   const SyncResult result = manager->sync();
   progress.finish();
+  log_info("Sync done: %d bytes downloaded", {result.bytes_downloaded});
   print_sync_result(result, "Sync", output_style(g));
   return kExitOk;
 }
@@ -211,7 +299,13 @@ int run_verify(const GlobalOptions& g) {
     }
     return kExitInvalid;
   }
+  const std::shared_ptr<Manifest> manifest = manager->get_manifest();
+  log_info("Verifying %s against era %s version %s: %d file(s)",
+           {manager->_data_dir, text_of_json(manifest->era_id), text_of_json(manifest->version),
+            static_cast<std::int64_t>(manifest->entries().size())});
   const VerifyResult result = manager->verify();
+  log_info("Verified: %d corrupted, %d missing",
+           {static_cast<std::int64_t>(result.corrupted_files.size()), static_cast<std::int64_t>(result.missing_files.size())});
   print_verify_result(result, g.json);
   return result.valid ? kExitOk : kExitInvalid;
 }
@@ -222,7 +316,14 @@ int run_repair(const GlobalOptions& g, const std::vector<std::string>& paths) {
   auto manager = open_manager(g, "repair", true);
   refuse_unknown_paths(*manager, paths);
   wait_for_other_process(*manager);
-  manager->set_progress_observer(progress.observer());
+  std::shared_ptr<CompletedFileNamer> namer;
+  if (names_files(g)) {
+    const std::shared_ptr<Manifest> manifest = manager->get_manifest();
+    std::vector<std::pair<std::string, std::int64_t>> files;
+    for (const std::string& path : paths) files.emplace_back(path, manifest->find(path)->size_bytes);
+    namer = std::make_shared<CompletedFileNamer>(manager->_data_dir, files, progress, g.verbose && !g.json);
+  }
+  manager->set_progress_observer(naming_observer(progress, namer));
   const SyncResult result = manager->repair(paths);
   progress.finish();
   print_sync_result(result, "Repair", output_style(g));
@@ -265,6 +366,8 @@ int run_transition(const GlobalOptions& g, std::int64_t era) {
   });
   auto manager = open_manager(g, "transition", true);
   wait_for_other_process(*manager);
+  log_info("Asking %s for the active era, then staging era %d's changed files beside the live ones",
+           {manager->_server_url, era});
   if (!g.json && !g.quiet) std::cout << "Moving " << manager->_data_dir << " to era " << era << "..." << std::endl;
   // A person at a terminal has no searches to stop or restart.
   manager->trigger_era_transition(era);

@@ -18,20 +18,17 @@ namespace quillmarsh::sync::cli {
 namespace {
 
 // "A: B" where the failure B opens with A's own first words, as when a pass
-// falls back and quotes the check that made it: the shared words are said
-// once, "A: rest of B".
+// falls back and quotes the check that made it: B alone says it all.
 std::string without_repeated_opening(const std::string& message) {
   const std::size_t colon = message.find(": ");
   if (colon == std::string::npos) return message;
   const std::string_view head(message.data(), colon);
   const std::string_view tail = std::string_view(message).substr(colon + 2);
-  std::size_t shared = 0;  // up to the end of the last shared word
-  int words = 0;
+  int shared_words = 0;
   for (std::size_t i = 0; i < head.size() && i < tail.size() && head[i] == tail[i]; ++i) {
-    if (head[i] == ' ') shared = i + 1, ++words;
+    shared_words += head[i] == ' ';
   }
-  if (words < 3) return message;
-  return std::string(head) + ": " + std::string(tail.substr(shared));
+  return shared_words >= 3 ? std::string(tail) : message;
 }
 
 // The component's records on stderr, as its own default writes them, but
