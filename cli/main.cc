@@ -40,7 +40,7 @@ int fail(const std::exception& e, const GlobalOptions& g) {
 constexpr const char* kHelpFooter = R"(Examples:
   qmsync publish --source ./era-files --out ./root --era 1 --version 1
   qmsync serve --root ./root --token-file ./token        (prints its URL and CA file)
-  export QMSYNC_SERVER=https://127.0.0.1:8443 QMSYNC_TOKEN_FILE=./token QMSYNC_CA_FILE=./root/ca.pem
+  export QMSYNC_SERVER=https://127.0.0.1:8443 QMSYNC_TOKEN_FILE=./token QMSYNC_CA_FILE=./root/tls/ca.pem
   qmsync sync --data-dir ./data --dry-run
   qmsync sync --data-dir ./data
   qmsync verify --data-dir ./data
@@ -50,14 +50,20 @@ Environment: QMSYNC_SERVER, QMSYNC_TOKEN_FILE, QMSYNC_CA_FILE and QMSYNC_DATA_DI
 the options of the same names; an option given on the command line wins.
 
 Exit codes:
-   0  success                         7  not enough disk space
-   1  verify found missing or bad     8  the server refused the token
-      files, or nothing to verify     9  no connection: refused, timed out, TLS
-   2  bad command line                10  local state in the way
-   3  other sync failure             11  this qmsync is too old for the era
-   4  a download failed its digest   12  anything else
-   5  era mismatch: run transition  130  interrupted (Ctrl-C)
-   6  the server's manifest is bad)";
+    0  success
+    1  verify found missing or corrupt files, or nothing was ever synced there
+    2  bad command line: an unknown option, a missing --data-dir, a path not in the manifest
+    3  another sync failure
+    4  a download failed its digest
+    5  the server is on another era: run qmsync transition ERA
+    6  the server's manifest is unusable
+    7  not enough disk space
+    8  the server refused the token
+    9  no connection: nothing listening, a timeout, an untrusted certificate
+   10  local state in the way
+   11  this qmsync is too old for the era
+   12  anything else
+  130  interrupted (Ctrl-C); what had completed is kept)";
 
 std::string joined(const std::vector<std::string>& items) {
   std::string out;
