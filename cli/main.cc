@@ -99,6 +99,8 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
+    // The parse may stop before --json is taken in; it was asked for all the same.
+    for (int i = 1; i < argc; ++i) global.json = global.json || std::string_view(argv[i]) == "--json";
     return fail(UsageError(e.what()), global);
   }
 

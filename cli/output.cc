@@ -1,7 +1,6 @@
 #include "cli/output.h"
 
 #include <cstdio>
-#include <iomanip>
 #include <iostream>
 #include <utility>
 #include <vector>
@@ -162,9 +161,7 @@ void print_cleanup_result(std::int64_t bytes_freed, bool all, bool json) {
     j["bytes_freed"] = bytes_freed;
     return print_json(j);
   }
-  std::cout << "Freed " << bytes_freed << " bytes (" << std::fixed << std::setprecision(1)
-            << static_cast<double>(bytes_freed) / 1048576.0 << " MiB) "
-            << (all ? "of old eras and the current data.\n" : "of old eras.\n");
+  std::cout << "Freed " << bytes_text(bytes_freed) << (all ? " of old eras and the current data.\n" : " of old eras.\n");
 }
 
 }  // namespace quillmarsh::sync::cli
