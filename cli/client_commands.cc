@@ -1,12 +1,14 @@
-// The commands that work on a data directory, each one call of the library.
+// The commands that work on a data directory: each is one call of the
+// library, with what a person at a terminal needs around it (the server's
+// answer checked, what would change, files named as they arrive).
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <iostream>
 #include <list>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -14,9 +16,9 @@
 #include "cli/exit_codes.h"
 #include "cli/output.h"
 #include "cli/progress.h"
-#include "sync/support/integer.h"
 #include "sync/paths/manifest_paths.h"
 #include "sync/support/event.h"
+#include "sync/support/integer.h"
 #include "sync/support/log.h"
 #include "sync/support/posix_file.h"
 #include "sync/support/real_path.h"
