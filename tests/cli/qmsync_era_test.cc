@@ -112,6 +112,11 @@ TEST_F(QmsyncEraTest, CleanupCountsTheBytesOfOldErasAndAllTakesTheCurrentDataBut
   std::int64_t current_bytes = 0;
   for (const auto& [path, bytes] : source_files_) current_bytes += static_cast<std::int64_t>(bytes.size());
   current_bytes += stat_path(data_dir() + "/manifest.json").size + stat_path(data_dir() + "/shuffle_seed.enc").size;
+  // Off a terminal --all needs --yes; a dry run counts what the real one frees.
+  EXPECT_EQ(qmsync({"cleanup", "--all", "--data-dir", data_dir()}).exit_code, 2);
+  const ProcessResult dry = qmsync({"cleanup", "--all", "--dry-run", "--data-dir", data_dir(), "--json"});
+  EXPECT_EQ(parse_json_text(dry.out)["bytes"], current_bytes) << dry.err;
+  expect_mirrors_source();
   const ProcessResult all = qmsync({"cleanup", "--all", "--yes", "--data-dir", data_dir(), "--json"});
   ASSERT_EQ(all.exit_code, 0) << all.err;
   EXPECT_EQ(parse_json_text(all.out)["bytes_freed"], current_bytes);
