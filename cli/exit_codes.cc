@@ -43,9 +43,41 @@ int exit_code_for(const std::exception& e) {
   return kExitOther;
 }
 
-std::string error_line(const std::exception& e) {
+std::string failure_type_name(const std::exception& e) {
   const auto* ours = dynamic_cast<const Error*>(&e);
-  std::string line = "error: " + (ours ? std::string(ours->type_name()) : demangled_type_name(e)) + ": " + e.what();
+  return ours ? std::string(ours->type_name()) : demangled_type_name(e);
+}
+
+std::string next_step(const std::exception& e, bool token_given) {
+  const std::string_view text = e.what();
+  const auto says = [&text](std::string_view part) { return text.find(part) != std::string_view::npos; };
+  if (is<AuthError>(e)) {
+    return token_given ? "the server refused the token: check --token or --token-file"
+                       : "no token was given: pass --token TEXT or --token-file PATH (or set QMSYNC_TOKEN_FILE)";
+  }
+  if (is<ConnectionError>(e) || is<URLError>(e)) {
+    if (says("certificate") || says("issuer")) {
+      return "the server's certificate is not trusted here: pass --ca-file PATH, the CA that signed it "
+             "(qmsync serve prints the one it made)";
+    }
+    if (says("refused") || says("Couldn't connect") || says("Could not connect") || says("resolve")) {
+      return "nothing answers at --server: check the URL and that the server is running";
+    }
+  }
+  if (is<EraError>(e)) {
+    // "... server era_id=N" from the sync pass that met a newer era.
+    constexpr std::string_view server_era = "server era_id=";
+    if (const std::size_t at = text.rfind(server_era); at != std::string_view::npos) {
+      const std::string era(text.substr(at + server_era.size()));
+      return "the server has moved to era " + era + ": run `qmsync transition " + era + "`";
+    }
+  }
+  return "";
+}
+
+std::string error_line(const std::exception& e, const std::string& next) {
+  std::string line = "error: " + failure_type_name(e) + ": " + e.what();
+  if (!next.empty()) line += " -- " + next;
   // The contract is one last line; a message with line breaks would split it.
   for (char& c : line) {
     if (c == '\n' || c == '\r') c = ' ';

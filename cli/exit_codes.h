@@ -1,5 +1,6 @@
 // How qmsync ends: one exit code per kind of failure, and the last line on
-// stderr, "error: <TypeName>: <message>".
+// stderr, "error: <TypeName>: <message>", with what to do next where that
+// can be told.
 #ifndef QUILLMARSH_SYNC_CLI_EXIT_CODES_H_
 #define QUILLMARSH_SYNC_CLI_EXIT_CODES_H_
 
@@ -24,8 +25,16 @@ inline constexpr int kExitOther = 12;
 
 int exit_code_for(const std::exception& failure);
 
-// "error: <TypeName>: <message>" on one line.
-std::string error_line(const std::exception& failure);
+// What a person can do about `failure`, in one sentence, or "" when qmsync
+// cannot tell. `token_given`: whether --token or --token-file was used.
+std::string next_step(const std::exception& failure, bool token_given);
+
+// "error: <TypeName>: <message>" on one line, then " -- <next step>" when
+// there is one.
+std::string error_line(const std::exception& failure, const std::string& next = "");
+
+// The failure's type name as error_line gives it.
+std::string failure_type_name(const std::exception& failure);
 
 }  // namespace quillmarsh::sync::cli
 

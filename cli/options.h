@@ -28,9 +28,14 @@ struct GlobalOptions {
   std::optional<std::string> ca_file;
   std::string log_level = "warning";
   bool json = false;
+  bool quiet = false;
+  bool verbose = false;
 };
 
 void add_global_options(CLI::App& app, GlobalOptions& options);
+
+// Whether a token was given at all, by option or environment.
+inline bool token_given(const GlobalOptions& options) { return options.token || options.token_file; }
 
 // Applies --log-level and --ca-file to the process. UsageError when the CA
 // file cannot be used.
@@ -43,7 +48,8 @@ std::function<std::string()> token_source(const GlobalOptions& options);
 
 // The data directory; UsageError when it is not given or is no directory.
 std::string required_data_dir(const GlobalOptions& options, const std::string& command);
-// The server URL; UsageError when it is not given.
+// The server URL; UsageError when it is not given, has no scheme, or would
+// send the token in clear to another machine.
 std::string required_server(const GlobalOptions& options, const std::string& command);
 
 }  // namespace quillmarsh::sync::cli

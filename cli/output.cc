@@ -1,7 +1,6 @@
 #include "cli/output.h"
 
 #include <cstdio>
-#include <iomanip>
 #include <iostream>
 #include <utility>
 #include <vector>
@@ -9,7 +8,6 @@
 #include "sync/support/repr.h"
 
 namespace quillmarsh::sync::cli {
-namespace {
 
 std::string bytes_text(std::int64_t n) {
   char text[64];
@@ -22,6 +20,8 @@ std::string bytes_text(std::int64_t n) {
   }
   return text;
 }
+
+namespace {
 
 // Aligned "name  value" lines, in the record's field order.
 void print_fields(const Json& object) {
@@ -63,8 +63,17 @@ Json verify_result_json(const VerifyResult& r) {
 
 void print_json(const Json& object) { std::cout << json_text(object) << std::endl; }
 
-void print_sync_result(const SyncResult& r, const std::string& verb, bool json) {
-  if (json) return print_json(sync_result_json(r));
+void print_sync_result(const SyncResult& r, const std::string& verb, const OutputStyle& style) {
+  Json fields = sync_result_json(r);
+  if (verb == "Repair") {
+    Json read = Json::object();
+    for (const char* key : {"era_id", "features_downloaded", "useful_signals_downloaded", "bytes_downloaded"}) {
+      read[key] = fields[key];
+    }
+    fields = std::move(read);
+  }
+  if (style.json) return print_json(fields);
+  if (style.quiet) return;
   std::vector<std::string> fetched;
   if (r.vocabulary_downloaded) fetched.push_back("the vocabulary");
   if (r.shuffle_seed_downloaded) fetched.push_back("the shuffle seed");
@@ -76,7 +85,14 @@ void print_sync_result(const SyncResult& r, const std::string& verb, bool json) 
     for (std::size_t i = 0; i < fetched.size(); ++i) std::cout << (i ? " and " : ", with ") << fetched[i];
     std::cout << ".\n";
   }
-  print_fields(sync_result_json(r));
+  if (!style.verbose) {
+    Json shown = Json::object();
+    for (const auto& [key, value] : fields.items()) {
+      if (key != "era_id" && value != 0 && value != false) shown[key] = value;
+    }
+    fields = std::move(shown);
+  }
+  print_fields(fields);
 }
 
 void print_verify_result(const VerifyResult& r, bool json) {
@@ -98,6 +114,9 @@ void print_status(const StatusReport& s, bool json) {
   j["file_count"] = s.file_count;
   j["needs_sync"] = s.needs_sync;
   j["status"] = s.status ? Json(*s.status) : Json(nullptr);
+  j["server_era_id"] = s.server_era_id;
+  j["server_version"] = s.server_version;
+  if (!s.advice.empty()) j["advice"] = s.advice;
   if (json) return print_json(j);
   if (s.era_id.is_null()) {
     std::cout << "No manifest in force yet: the data directory has not been synced.\n";
@@ -105,8 +124,13 @@ void print_status(const StatusReport& s, bool json) {
     std::cout << "Manifest in force: era " << text_of_json(s.era_id) << ", version " << text_of_json(s.version)
               << ", " << s.file_count << " files.\n";
   }
-  std::cout << (s.needs_sync ? "The server has something newer, or local files are incomplete: a sync is due.\n"
-                             : "Up to date with the server.\n");
+  // A sync cannot cross eras, so on another era only the transition is due.
+  if (!s.advice.empty()) {
+    std::cout << s.advice << "\n";
+  } else {
+    std::cout << (s.needs_sync ? "The server has something newer, or local files are incomplete: a sync is due.\n"
+                               : "Up to date with the server.\n");
+  }
   if (s.status) std::cout << "Status: " << *s.status << "\n";
 }
 
@@ -137,9 +161,7 @@ void print_cleanup_result(std::int64_t bytes_freed, bool all, bool json) {
     j["bytes_freed"] = bytes_freed;
     return print_json(j);
   }
-  std::cout << "Freed " << bytes_freed << " bytes (" << std::fixed << std::setprecision(1)
-            << static_cast<double>(bytes_freed) / 1048576.0 << " MiB) "
-            << (all ? "of old eras and the current data.\n" : "of old eras.\n");
+  std::cout << "Freed " << bytes_text(bytes_freed) << (all ? " of old eras and the current data.\n" : " of old eras.\n");
 }
 
 }  // namespace quillmarsh::sync::cli

@@ -11,11 +11,23 @@
 
 namespace quillmarsh::sync::cli {
 
+// How much a command prints: --json, -q, -v.
+struct OutputStyle {
+  bool json = false;
+  bool quiet = false;
+  bool verbose = false;
+};
+
+// "812 bytes", "39.1 KiB", "2.0 MiB".
+std::string bytes_text(std::int64_t n);
+
 Json sync_result_json(const SyncResult& result);
 Json verify_result_json(const VerifyResult& result);
 
-// `verb` heads the text: "Sync" or "Repair".
-void print_sync_result(const SyncResult& result, const std::string& verb, bool json);
+// `verb` heads the text: "Sync" or "Repair". A repair reads no era figures,
+// so it shows none. The text leaves out counters that are zero unless
+// verbose; quiet prints nothing.
+void print_sync_result(const SyncResult& result, const std::string& verb, const OutputStyle& style);
 void print_verify_result(const VerifyResult& result, bool json);
 
 // The manifest in force (absent before the first sync) and the service's
@@ -26,6 +38,9 @@ struct StatusReport {
   std::int64_t file_count = 0;
   bool needs_sync = false;
   std::optional<std::string> status;
+  Json server_era_id;  // from the server's version document
+  Json server_version;
+  std::string advice;  // what to run, when the server is on another era
 };
 void print_status(const StatusReport& report, bool json);
 

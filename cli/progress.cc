@@ -45,6 +45,14 @@ void TerminalProgress::draw(const DownloadProgress& p) {
   drawn_ = true;
 }
 
+void TerminalProgress::clear_line() {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!drawn_) return;
+  std::fputs("\r\033[K", out_);
+  std::fflush(out_);
+  drawn_ = false;
+}
+
 void TerminalProgress::finish() {
   std::lock_guard<std::mutex> lock(mu_);
   if (!drawn_) return;

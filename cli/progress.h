@@ -34,6 +34,9 @@ class TerminalProgress {
   void finish();
   // Files completed so far in the current batch.
   std::int64_t files_done();
+  // Wipes the line drawn, if any, so that a line written next to the same
+  // terminal starts clean; the next update draws it again.
+  void clear_line();
 
  private:
   void draw(const DownloadProgress& progress);

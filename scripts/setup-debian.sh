@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config git ca-certificates openssl
   libcurl4-openssl-dev nlohmann-json3-dev libsimdjson-dev libssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libcpp-httplib-dev libcli11-dev
+  libcpp-httplib-dev libcli11-dev help2man
   clang libclang-rt-14-dev
   pybind11-dev python3-dev python3-build python3-venv python3-setuptools python3-wheel
 )

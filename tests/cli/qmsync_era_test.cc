@@ -70,6 +70,11 @@ TEST_F(QmsyncEraTest, TransitionRefusesAnEraTheServerDoesNotServeAndThenMovesWhe
   EXPECT_EQ(live_files(), before);
 
   set_era_state(R"({"era": {"era_id": 2, "min_library_version": "0.0.1"}, "state": "active"})");
+  // Until the move, sync and status both point to it.
+  const ProcessResult behind = qmsync(client({"sync"}));
+  EXPECT_EQ(behind.exit_code, 5);
+  EXPECT_NE(behind.last_err_line().find("run `qmsync transition 2`"), std::string::npos) << behind.err;
+  EXPECT_NE(qmsync(client({"status"})).out.find("run `qmsync transition 2`"), std::string::npos);
   const ProcessResult moved = qmsync(client({"transition", "2", "--json"}));
   ASSERT_EQ(moved.exit_code, 0) << moved.err;
   // A person's transition asks nothing of host modules it does not have.
@@ -107,7 +112,12 @@ TEST_F(QmsyncEraTest, CleanupCountsTheBytesOfOldErasAndAllTakesTheCurrentDataBut
   std::int64_t current_bytes = 0;
   for (const auto& [path, bytes] : source_files_) current_bytes += static_cast<std::int64_t>(bytes.size());
   current_bytes += stat_path(data_dir() + "/manifest.json").size + stat_path(data_dir() + "/shuffle_seed.enc").size;
-  const ProcessResult all = qmsync({"cleanup", "--all", "--data-dir", data_dir(), "--json"});
+  // Off a terminal --all needs --yes; a dry run counts what the real one frees.
+  EXPECT_EQ(qmsync({"cleanup", "--all", "--data-dir", data_dir()}).exit_code, 2);
+  const ProcessResult dry = qmsync({"cleanup", "--all", "--dry-run", "--data-dir", data_dir(), "--json"});
+  EXPECT_EQ(parse_json_text(dry.out)["bytes"], current_bytes) << dry.err;
+  expect_mirrors_source();
+  const ProcessResult all = qmsync({"cleanup", "--all", "--yes", "--data-dir", data_dir(), "--json"});
   ASSERT_EQ(all.exit_code, 0) << all.err;
   EXPECT_EQ(parse_json_text(all.out)["bytes_freed"], current_bytes);
   EXPECT_FALSE(path_exists(data_dir() + "/features"));

@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "sync/collaborators/deployment.h"
 #include "sync/engine/file_primitives.h"
 #include "tests/cli/qmsync_fixture.h"
 #include "tests/support/wait_until.h"
@@ -15,7 +17,15 @@ namespace quillmarsh::sync::testing {
 namespace {
 
 TEST_F(QmsyncTest, FullMirrorThenAnIdleSecondSync) {
+  const ProcessResult version = qmsync({"--version"});
+  EXPECT_EQ(version.out, std::string("qmsync ") + library_version() + "\n");
   start_server();
+  // A dry run names what the sync below fetches, and writes nothing.
+  const ProcessResult dry = qmsync(client({"sync", "--dry-run", "--json"}));
+  ASSERT_EQ(dry.exit_code, 0) << dry.err;
+  EXPECT_EQ(parse_json_text(dry.out)["bytes"], 40000 + 3000 + 21);
+  EXPECT_EQ(parse_json_text(dry.out)["files"].size(), 4u);
+  EXPECT_TRUE(find_entries(data_dir(), [](std::string_view) { return true; }).empty());
   const std::vector<std::string> small_chunks = {"QUILLMARSH_SYNC_HTTP_CHUNK_BYTES=8192"};
   const ProcessResult first = qmsync(client({"sync", "--json"}), small_chunks);
   ASSERT_EQ(first.exit_code, 0) << first.err;
@@ -97,7 +107,8 @@ TEST_F(QmsyncTest, AWrongTokenExitsWithTheAuthCodeAndTheServerTakesARotatedToken
 
   const ProcessResult refused = qmsync(client({"sync"}, tmp_ / "old-token"));
   EXPECT_EQ(refused.exit_code, 8);
-  EXPECT_EQ(refused.last_err_line(), "error: AuthError: Authentication failed: HTTP 401");
+  EXPECT_EQ(refused.last_err_line(), "error: AuthError: Authentication failed: HTTP 401 -- "
+                                     "the server refused the token: check --token or --token-file");
   EXPECT_FALSE(path_exists(data_dir() + "/manifest.json"));
 
   const ProcessResult accepted = qmsync(client({"sync"}));
@@ -155,36 +166,62 @@ TEST_F(QmsyncTest, VerifyNamesCorruptAndMissingFilesAndRepairFixesThem) {
   expect_mirrors_source();
 }
 
-// Nothing that was never promised reads as success: a directory never synced
-// is not "valid", and paths the manifest does not list are not "repaired".
-TEST_F(QmsyncTest, VerifyOfANeverSyncedDirectoryAndRepairOfUnlistedPathsRefuse) {
+// Nothing that failed, or was never promised, reads as success: each case
+// exits with its failure's code and says what to do; under --json stdout
+// carries the failure too.
+TEST_F(QmsyncTest, NothingThatFailedReadsAsSuccess) {
   start_server();
-  make_dirs(data_dir());
-  const ProcessResult never = qmsync({"verify", "--data-dir", data_dir()});
-  EXPECT_EQ(never.exit_code, 1);
-  EXPECT_NE(never.out.find("Not verified: "), std::string::npos) << never.out;
-  EXPECT_EQ(parse_json_text(qmsync({"verify", "--json", "--data-dir", data_dir()}).out),
-            (Json{{"valid", false}, {"manifest_in_force", false}}));
-  const ProcessResult unsynced = qmsync(client({"repair", "docs/readme.txt"}));
-  EXPECT_EQ(unsynced.exit_code, 2);
-  EXPECT_NE(unsynced.err.find("run `qmsync sync` first"), std::string::npos) << unsynced.err;
-
   ASSERT_EQ(qmsync(client({"sync"})).exit_code, 0);
+  const std::string never_synced = tmp_ / "never-synced";
+  make_dirs(never_synced);
+  write_file(tmp_ / "old-token", "token-0");
+  // The client options with one changed, or left out when `value` is empty.
+  const auto with = [&](const std::vector<std::string>& args, const std::string& option, const std::string& value) {
+    std::vector<std::string> out = client(args);
+    const auto at = std::find(out.begin(), out.end(), option);
+    if (value.empty()) {
+      out.erase(at, at + 2);
+    } else {
+      at[1] = value;
+    }
+    return out;
+  };
   const struct {
-    std::vector<std::string> paths;
+    std::vector<std::string> args;
+    int exit_code;
     std::string says;
   } cases[] = {
-      {{"nope.bin"}, "'nope.bin'"},
-      {{"./docs/readme.txt"}, "'./docs/readme.txt' (did you mean 'docs/readme.txt'?)"},
-      {{data_dir() + "/docs/readme.txt"}, "(did you mean 'docs/readme.txt'?)"},
-      {{"docs/readme.txt", "../etc/passwd"}, "so not repaired: '../etc/passwd';"},
+      {with({"needs-sync"}, "--token-file", tmp_ / "old-token"), 8, "the server refused the token: check --token"},
+      {with({"status"}, "--token-file", tmp_ / "old-token"), 8, "the server refused the token: check --token"},
+      {with({"status"}, "--token-file", ""), 8, "no token was given: pass --token"},
+      {with({"needs-sync"}, "--server", "https://127.0.0.1:1"), 9, "nothing answers at --server"},
+      {with({"status"}, "--server", "https://127.0.0.1:1"), 9, "nothing answers at --server"},
+      {with({"needs-sync"}, "--ca-file", ""), 9, "not trusted here: pass --ca-file"},
+      {with({"status"}, "--ca-file", ""), 9, "not trusted here: pass --ca-file"},
+      {with({"sync"}, "--server", "http://example.com:8443"), 2, "unencrypted to another machine: use https://example.com:8443"},
+      {with({"sync"}, "--server", "127.0.0.1:8443"), 2, "has no scheme: use https://127.0.0.1:8443"},
+      {client({"transition", "-1"}), 2, "era -1 cannot exist"},
+      {with({"verify"}, "--data-dir", never_synced), 1, "Not verified: "},
+      {with({"repair", "docs/readme.txt"}, "--data-dir", never_synced), 2, "run `qmsync sync` first"},
+      {client({"repair", "nope.bin"}), 2, "'nope.bin';"},
+      {client({"repair", "./docs/readme.txt"}), 2, "'./docs/readme.txt' (did you mean 'docs/readme.txt'?)"},
+      {client({"repair", data_dir() + "/docs/readme.txt"}), 2, "(did you mean 'docs/readme.txt'?)"},
+      {client({"repair", "docs/readme.txt", "../etc/passwd"}), 2, "so not repaired: '../etc/passwd';"},
   };
   for (const auto& c : cases) {
-    std::vector<std::string> args = {"repair"};
-    args.insert(args.end(), c.paths.begin(), c.paths.end());
-    const ProcessResult refused = qmsync(client(args));
-    EXPECT_EQ(refused.exit_code, 2) << c.paths.front();
-    EXPECT_NE(refused.err.find(c.says), std::string::npos) << refused.err;
+    const ProcessResult r = qmsync(c.args);
+    EXPECT_EQ(r.exit_code, c.exit_code) << c.says;
+    EXPECT_NE((r.out + r.err).find(c.says), std::string::npos) << r.out << r.err;
+    if (c.exit_code == 1) continue;  // a finding, not a failure
+    EXPECT_EQ(r.out, "") << c.says;  // nothing half-done was announced
+    std::vector<std::string> json_args = c.args;
+    json_args.push_back("--json");
+    const Json error = parse_json_text(qmsync(json_args).out)["error"];
+    EXPECT_EQ(error["exit_code"], c.exit_code) << c.says;
+    EXPECT_NE(r.last_err_line().find("error: " + error["type"].get<std::string>() + ": " +
+                                     error["message"].get<std::string>()),
+              std::string::npos)
+        << r.last_err_line();
   }
   EXPECT_EQ(qmsync(client({"repair", "docs/readme.txt"})).exit_code, 0);
 }
