@@ -86,6 +86,16 @@ class FailureTest(ServedEraTest):
         # Imported at each use: the module back, the manager builds.
         self.assertEqual(SyncManager(self.data_dir, self.era.api_url, lambda: TOKEN).sync().era_id, 1)
 
+    def test_without_any_host_the_components_own_transport_policy_decides(self):
+        with mock.patch.dict(sys.modules, {"quillmarsh": None}):
+            with self.assertRaisesRegex(ValueError, "^Refusing to send a bearer token over 'http://example.com': "
+                                                    "use https, or http only to a loopback host$"):
+                SyncManager(self.data_dir, "http://example.com", lambda: TOKEN)
+            loopback = SyncManager(self.data_dir, self.era.api_url.replace("https:", "http:"), lambda: TOKEN)
+            self.assertTrue(loopback._server_url.startswith("http://127.0.0.1:"))
+            self.assertEqual(SyncManager(self.data_dir, self.era.api_url, lambda: TOKEN).sync().era_id, 1)
+        self.assertEqual(self.quillmarsh._transport_security.calls, [])
+
     def test_a_python_failure_crosses_the_component_unchanged(self):
         vault_down = ConnectionError("token vault unreachable")
 
