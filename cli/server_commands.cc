@@ -2,8 +2,10 @@
 // the command line's tests.
 #include <signal.h>
 
+#include <cerrno>
 #include <iostream>
 #include <memory>
+#include <string>
 
 #include "cli/commands.h"
 #include "cli/exit_codes.h"
@@ -81,8 +83,17 @@ int run_serve(const GlobalOptions& g, const ServeArgs& a) {
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  auto server = std::make_unique<server::ReferenceServer>(
-      server::ServeRequest{a.root, a.api_port, a.files_port, token_source(g), a.rate_limit_kib * 1024});
+  std::unique_ptr<server::ReferenceServer> server;
+  try {
+    server = std::make_unique<server::ReferenceServer>(
+        server::ServeRequest{a.root, a.api_port, a.files_port, token_source(g), a.rate_limit_kib * 1024});
+  } catch (const ValueError& e) {
+    throw UsageError(e.what());  // a root publish did not write
+  } catch (const OSError& e) {
+    if (e.error_number() != EADDRINUSE) throw;
+    throw UsageError(std::string(e.what()) +
+                     "; choose a free --api-port and --files-port, or leave them out for any free ones");
+  }
   if (g.json) {
     Json j = Json::object();
     j["api_url"] = server->api_url();

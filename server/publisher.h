@@ -37,7 +37,8 @@ struct PublishReport {
 };
 
 // Publishes one era. Fails with ValueError for a source the client could
-// not mirror (no vocabulary, a name the client keeps for itself), the
+// not mirror (no vocabulary, a name the client keeps for itself) or should
+// never get (tls/, a private key), the
 // validator's SyncError or EraError for a bad vocabulary, and OSError for
 // files that cannot be read or written. Nothing is served before the
 // manifest, which is written last.

@@ -25,7 +25,8 @@ class ReferenceServer {
  public:
   // Makes the TLS files under the root when missing, binds 127.0.0.1 and
   // serves before returning. Fails with ValueError for a root that is no
-  // directory, OSError when a port cannot be bound.
+  // directory or holds nothing published, OSError (EADDRINUSE) when a port
+  // cannot be bound.
   explicit ReferenceServer(ServeRequest request);
   // Stops both sites and waits for their threads.
   ~ReferenceServer();
