@@ -11,6 +11,8 @@
 
 #include "sync/errors.h"
 #include "sync/paths/manifest_paths.h"
+#include "sync/support/json_text.h"
+#include "sync/support/log.h"
 #include "sync/support/posix_file.h"
 #include "sync/support/real_path.h"
 #include "sync/support/repr.h"
@@ -31,6 +33,28 @@ struct ListeningSocket : httplib::Server {
 void reuse_address_only(socket_t sock) {
   int yes = 1;
   ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+}
+
+// One info line per answered request, so that a client's trouble (a wrong
+// token, a range behind the end) shows on the server's side too.
+void log_request(const char* role, const httplib::Request& req, const httplib::Response& res) {
+  const std::string range = req.get_header_value("Range");
+  const std::string length = res.get_header_value("Content-Length");
+  std::string why;
+  // The API says why it refused in the body's "detail".
+  if (res.status >= 400 && res.get_header_value("Content-Type") == "application/json") {
+    try {
+      const Json body = parse_json_text(res.body);
+      if (body.is_object() && body.contains("detail") && body["detail"].is_string()) {
+        why = " (" + body["detail"].get<std::string>() + ")";
+      }
+    } catch (const Error&) {
+      // Not a document of ours: nothing more to say.
+    }
+  }
+  log_info("reference server: %s %s %s%s: %d, %s bytes%s",
+           {role, req.method, req.path, range.empty() ? std::string() : " Range " + range, res.status,
+            length.empty() ? std::to_string(res.body.size()) : length, why});
 }
 
 // Whether `root` holds what publish writes: the era state, or an era with
@@ -61,6 +85,8 @@ class ReferenceServer::Site {
     server_.set_tcp_nodelay(true);
     // A client's download workers each keep a connection open.
     server_.new_task_queue = [] { return new httplib::ThreadPool(32); };
+    server_.set_logger(
+        [role](const httplib::Request& req, const httplib::Response& res) { log_request(role, req, res); });
     if (port == 0) {
       port_ = server_.bind_to_any_port("127.0.0.1");
     } else if (server_.bind_to_port("127.0.0.1", port)) {
