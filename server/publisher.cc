@@ -161,6 +161,9 @@ PublishReport publish_era(const PublishRequest& request) {
   if (path_exists(root.manifest_path(request.era_id))) {
     const Json before = parse_json_text(read_file(root.manifest_path(request.era_id)));
     if (before.is_object() && before.contains("files") && before["files"].is_object()) earlier = before["files"];
+    if (before.is_object() && before.contains("version") && before["version"].is_number_integer()) {
+      report.previous_version = before["version"].get<std::int64_t>();
+    }
   }
 
   Json files = Json::object();

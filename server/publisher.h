@@ -32,6 +32,9 @@ struct PublishReport {
   // Files the era already held with other content. Clients that hold them
   // keep their copies until the era ends.
   std::vector<std::string> changed_within_era;
+  // The version the era was published with before, if it was. A client
+  // that holds a version does not fetch that version's manifest again.
+  std::optional<std::int64_t> previous_version;
   bool seed_created = false;  // false: the era's seed was kept
   bool activated = false;
 };
