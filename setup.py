@@ -63,6 +63,7 @@ setup(
     version=project_version(),
     packages=["quillmarsh_sync"],
     package_dir={"quillmarsh_sync": "python/quillmarsh_sync"},
+    package_data={"quillmarsh_sync": ["__init__.pyi", "py.typed"]},
     ext_modules=[CMakeExtension("quillmarsh_sync._core")],
     cmdclass={"build_ext": CMakeBuild},
     options={

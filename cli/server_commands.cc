@@ -2,14 +2,20 @@
 // the command line's tests.
 #include <signal.h>
 
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 #include <memory>
+#include <string>
 
 #include "cli/commands.h"
 #include "cli/exit_codes.h"
 #include "cli/output.h"
 #include "server/publisher.h"
 #include "server/reference_server.h"
+#include "sync/support/real_path.h"
 #include "sync/support/repr.h"
 
 namespace quillmarsh::sync::cli {
@@ -34,6 +40,14 @@ int run_publish(const GlobalOptions& g, const PublishArgs& a) {
       throw UsageError(e.what());
     }
   }();
+  if (report.previous_version && *report.previous_version == a.version) {
+    std::cerr << "warning: era " << a.era << " version " << a.version
+              << " was published before; clients that hold it do not fetch it again, so changes reach "
+                 "no one who synced it: publish with a higher --version\n";
+  } else if (report.previous_version && *report.previous_version > a.version) {
+    std::cerr << "warning: era " << a.era << " goes back from version " << *report.previous_version << " to "
+              << a.version << "; publish with a --version above " << *report.previous_version << "\n";
+  }
   for (const std::string& path : report.changed_within_era) {
     std::cerr << "warning: " << path << " changed within era " << a.era
               << "; clients that hold it keep their copy until the era ends\n";
@@ -43,6 +57,7 @@ int run_publish(const GlobalOptions& g, const PublishArgs& a) {
     j["era_dir"] = report.era_dir;
     j["era_id"] = a.era;
     j["version"] = a.version;
+    j["previous_version"] = report.previous_version ? Json(*report.previous_version) : Json();
     j["file_count"] = report.file_count;
     j["total_bytes"] = report.total_bytes;
     j["universes"] = report.universes;
@@ -59,6 +74,25 @@ int run_publish(const GlobalOptions& g, const PublishArgs& a) {
   std::cout << ") checked, " << (report.seed_created ? "a new" : "the era's existing") << " shuffle seed.\n";
   if (report.activated) std::cout << "Era " << a.era << " is now the one served.\n";
   return kExitOk;
+}
+
+// `word` as one shell word: as it is when nothing in it is special to a
+// shell, else in single quotes.
+std::string shell_word(const std::string& word) {
+  const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](unsigned char c) {
+    return std::isalnum(c) || std::strchr("@%+=:,./_-", c) != nullptr;
+  });
+  if (plain) return word;
+  std::string quoted_word = "'";
+  for (const char c : word) quoted_word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted_word + "'";
+}
+
+// The token options a client needs: the same file, by its full path so that
+// the line works from any directory, or the same token.
+std::string token_words(const GlobalOptions& g) {
+  if (g.token_file) return "--token-file " + shell_word(resolve_path(expand_user(*g.token_file)));
+  return "--token " + shell_word(g.token.value_or(""));
 }
 
 struct ServeArgs {
@@ -81,21 +115,35 @@ int run_serve(const GlobalOptions& g, const ServeArgs& a) {
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  auto server = std::make_unique<server::ReferenceServer>(
-      server::ServeRequest{a.root, a.api_port, a.files_port, token_source(g), a.rate_limit_kib * 1024});
+  std::unique_ptr<server::ReferenceServer> server;
+  try {
+    server = std::make_unique<server::ReferenceServer>(
+        server::ServeRequest{a.root, a.api_port, a.files_port, token_source(g), a.rate_limit_kib * 1024});
+  } catch (const ValueError& e) {
+    throw UsageError(e.what());  // a root publish did not write
+  } catch (const OSError& e) {
+    if (e.error_number() != EADDRINUSE) throw;
+    throw UsageError(std::string(e.what()) +
+                     "; choose a free --api-port and --files-port, or leave them out for any free ones");
+  }
+  const std::string sync_command = "mkdir -p qmsync-data && qmsync sync --data-dir qmsync-data --server " +
+                                   server->api_url() + " --ca-file " + shell_word(server->tls().ca_file) + " " +
+                                   token_words(g);
   if (g.json) {
     Json j = Json::object();
     j["api_url"] = server->api_url();
     j["files_url"] = server->files_url();
     j["ca_file"] = server->tls().ca_file;
     j["root"] = server->root().root;
+    j["sync_command"] = sync_command;
     print_json(j);
   } else {
     if (server->tls().created) std::cout << "qmsync serve: made a CA and a server certificate under " << server->root().tls_dir() << "\n";
     std::cout << "qmsync serve: API server    " << server->api_url() << "\n"
               << "qmsync serve: object store  " << server->files_url() << "\n"
               << "qmsync serve: CA file       " << server->tls().ca_file << "\n"
-              << "qmsync serve: serving " << server->root().root << " until SIGINT or SIGTERM" << std::endl;
+              << "qmsync serve: serving " << server->root().root << " until SIGINT or SIGTERM\n"
+              << "qmsync serve: to mirror it, from another terminal:\n  " << sync_command << std::endl;
   }
   int signal_number = 0;
   sigwait(&stop_signals, &signal_number);

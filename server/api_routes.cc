@@ -1,6 +1,8 @@
 // The API site. Everything is read from the root for each request, so a
 // publish or a state change is served at once.
 #include <mutex>
+#include <optional>
+#include <string>
 #include <tuple>
 #include <utility>
 
@@ -41,7 +43,7 @@ class Api {
   httplib::Server::Handler guarded(Answer answer) const {
     return [this, answer](const httplib::Request& req, httplib::Response& res) {
       try {
-        if (!authorised(req)) return answer_detail(res, 401, "missing or wrong bearer token");
+        if (const std::optional<std::string> refused = refusal(req)) return answer_detail(res, 401, *refused);
         answer(res);
       } catch (const std::exception& e) {
         log_warning("reference server: %s %s failed: %s", {req.method, req.path, describe_failure(e)});
@@ -104,10 +106,17 @@ class Api {
   }
 
  private:
-  // An empty expected token (a token file emptied meanwhile) admits no one.
-  bool authorised(const httplib::Request& req) const {
+  // Why a request is refused, in words for the server's log; absent when
+  // it is let in. An empty expected token (a token file emptied meanwhile)
+  // admits no one.
+  std::optional<std::string> refusal(const httplib::Request& req) const {
     const std::string expected = token_();
-    return !expected.empty() && req.get_header_value("Authorization") == "Bearer " + expected;
+    if (expected.empty()) return "the server's token is empty";
+    const std::string presented = req.get_header_value("Authorization");
+    if (!req.has_header("Authorization")) return "no Authorization header";
+    if (presented == "Bearer " || presented == "Bearer") return "empty bearer token";
+    if (presented != "Bearer " + expected) return "wrong bearer token";
+    return std::nullopt;
   }
 
   // Absent, with a 404 answered, when no era is served or it has no manifest.

@@ -3,6 +3,7 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <string_view>
 
 #include "server/server_root.h"
 #include "sync/artefacts/shuffle_seed.h"
@@ -41,6 +42,9 @@ void check_publishable(const std::string& rel) {
   if (reserved_top_level_name(rel.substr(0, rel.find('/')))) {
     throw ValueError("cannot publish " + quoted(rel) + ": the name is kept for the client's own state");
   }
+  if (rel.starts_with("tls/")) {
+    throw ValueError("cannot publish " + quoted(rel) + ": tls/ is where the reference server keeps its keys");
+  }
   for (std::size_t start = 0; start <= rel.size();) {
     const std::size_t end = std::min(rel.find('/', start), rel.size());
     if (std::string_view(rel).substr(start, end - start).ends_with(".tmp")) {
@@ -48,6 +52,20 @@ void check_publishable(const std::string& rel) {
     }
     start = end + 1;
   }
+}
+
+// Whether a file holds a PEM private key (PKCS#8, RSA, EC, OpenSSH, ...)
+// within its first few kilobytes, where tools put it.
+bool holds_private_key(const std::string& path) {
+  const std::string head = read_file_range(path, 0, 8192);
+  for (std::size_t begin = head.find("-----BEGIN "); begin != std::string::npos;
+       begin = head.find("-----BEGIN ", begin + 1)) {
+    const std::size_t line_end = std::min(head.find('\n', begin), head.size());
+    if (std::string_view(head).substr(begin, line_end - begin).find("PRIVATE KEY-----") != std::string_view::npos) {
+      return true;
+    }
+  }
+  return false;
 }
 
 struct Copied {
@@ -117,6 +135,10 @@ PublishReport publish_era(const PublishRequest& request) {
     if (!stat_path(found).is_regular) continue;
     std::string rel = found.substr(source.size() + 1);
     check_publishable(rel);
+    // Every client would fetch it: a key is never published.
+    if (holds_private_key(found)) {
+      throw ValueError("cannot publish " + quoted(std::string_view(rel)) + ": it holds a private key");
+    }
     paths.push_back(std::move(rel));
   }
   std::sort(paths.begin(), paths.end());
@@ -139,6 +161,9 @@ PublishReport publish_era(const PublishRequest& request) {
   if (path_exists(root.manifest_path(request.era_id))) {
     const Json before = parse_json_text(read_file(root.manifest_path(request.era_id)));
     if (before.is_object() && before.contains("files") && before["files"].is_object()) earlier = before["files"];
+    if (before.is_object() && before.contains("version") && before["version"].is_number_integer()) {
+      report.previous_version = before["version"].get<std::int64_t>();
+    }
   }
 
   Json files = Json::object();

@@ -32,12 +32,16 @@ struct PublishReport {
   // Files the era already held with other content. Clients that hold them
   // keep their copies until the era ends.
   std::vector<std::string> changed_within_era;
+  // The version the era was published with before, if it was. A client
+  // that holds a version does not fetch that version's manifest again.
+  std::optional<std::int64_t> previous_version;
   bool seed_created = false;  // false: the era's seed was kept
   bool activated = false;
 };
 
 // Publishes one era. Fails with ValueError for a source the client could
-// not mirror (no vocabulary, a name the client keeps for itself), the
+// not mirror (no vocabulary, a name the client keeps for itself) or should
+// never get (tls/, a private key), the
 // validator's SyncError or EraError for a bad vocabulary, and OSError for
 // files that cannot be read or written. Nothing is served before the
 // manifest, which is written last.

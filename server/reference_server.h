@@ -24,8 +24,9 @@ struct ServeRequest {
 class ReferenceServer {
  public:
   // Makes the TLS files under the root when missing, binds 127.0.0.1 and
-  // serves before returning. Fails with ValueError for a root that is no
-  // directory, OSError when a port cannot be bound.
+  // serves before returning; logs each request at info. Fails with
+  // ValueError for a root that is no directory or holds nothing published,
+  // OSError (EADDRINUSE) when a port cannot be bound.
   explicit ReferenceServer(ServeRequest request);
   // Stops both sites and waits for their threads.
   ~ReferenceServer();

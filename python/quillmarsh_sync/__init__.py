@@ -8,6 +8,8 @@ that a server publishes for the current era.
 Importing this package routes the component's log records to the logger
 "quillmarsh.sync" and reaches the host's sibling modules (quillmarsh.auth,
 quillmarsh.deployment, ...) by importing them when they are needed.
+Without the host package (no `quillmarsh` to import), a manager still
+builds: a bearer token goes over https, or http to a loopback host only.
 AuthError and LibraryUpdateRequired are the host's classes when its modules
 load, else stand-ins of this package.
 """

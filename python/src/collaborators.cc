@@ -45,10 +45,38 @@ bool truthy(py::handle value) {
   return r != 0;
 }
 
+// Whether the process has no host library at all: a script that uses the
+// binding on its own. A host whose package fails to load is still a host.
+// Needs the GIL.
+bool outside_the_host() {
+  try {
+    py::module_::import("quillmarsh");
+    return false;
+  } catch (py::error_already_set& e) {
+    const bool no_package = e.matches(PyExc_ModuleNotFoundError) &&
+                            py::getattr(e.value(), "name", py::none()).equal(py::str("quillmarsh"));
+    if (!no_package) throw;
+    return true;
+  }
+}
+
+// The host's policy decides inside the host; on its own the binding sends a
+// token where qmsync would, under the component's own policy.
 class PythonTransportSecurity : public TransportSecurity {
  public:
   void validate_bearer_transport_url(const std::string& url) override {
-    with_python([&] { host("quillmarsh._transport_security", "validate_bearer_transport_url")(url); });
+    const bool own_policy = with_python([&] {
+      if (outside_the_host()) return true;
+      host("quillmarsh._transport_security", "validate_bearer_transport_url")(url);
+      return false;
+    });
+    if (own_policy) DefaultTransportSecurity().validate_bearer_transport_url(url);
+  }
+
+  static void load() {
+    with_python([] {
+      if (!outside_the_host()) py::module_::import("quillmarsh._transport_security");
+    });
   }
 };
 
@@ -177,7 +205,8 @@ void install(CollaboratorSlot<Module>& slot, std::shared_ptr<Module> adapter) {
 }  // namespace
 
 void install_collaborator_adapters() {
-  install<TransportSecurity>(transport_security_slot(), std::make_shared<PythonTransportSecurity>());
+  transport_security_slot().set(std::make_shared<PythonTransportSecurity>());
+  transport_security_slot().set_loader(&PythonTransportSecurity::load);
   install<Auth>(auth_slot(), std::make_shared<PythonAuth>());
   install<Deployment>(deployment_slot(), std::make_shared<PythonDeployment>());
   install<SearchTracking>(search_tracking_slot(), std::make_shared<PythonSearchTracking>());

@@ -10,7 +10,8 @@ namespace quillmarsh::sync::python {
 // quillmarsh.search_tracking, quillmarsh.identity,
 // quillmarsh.agent_onboarding) at each use, so that a host without one
 // fails there with ImportError, as an empty slot does, and one that gains
-// it later is called.
+// it later is called. A process without the host package at all checks
+// URLs with the component's own transport policy instead.
 void install_collaborator_adapters();
 
 }  // namespace quillmarsh::sync::python

@@ -2,9 +2,12 @@
 
 #include <pybind11/stl.h>
 
+#include <algorithm>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -73,10 +76,39 @@ void unregister_era_callback(SyncManager& self, py::handle callback) {
   self.unregister_era_callback(found);
 }
 
-void set_progress_observer(SyncManager& self, py::handle observer) {
+// Lets through at most one call per `min_interval_s`, and always a batch's
+// last (every selected file done), so that an observer that redraws a
+// display does not fight the download threads for the GIL.
+class ProgressThrottle {
+ public:
+  explicit ProgressThrottle(double min_interval_s)
+      // Any wait beyond a day is "never" short of the last call.
+      : interval_(std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(std::min(min_interval_s, 86400.0)))) {}
+
+  bool pass(const DownloadProgress& progress) {
+    const Clock::time_point now = Clock::now();
+    std::lock_guard<std::mutex> lock(mu_);
+    const bool last = progress.files_done == progress.files_selected;
+    if (!last && told_ && now - *told_ < interval_) return false;
+    told_ = now;
+    return true;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  const Clock::duration interval_;
+  std::mutex mu_;
+  std::optional<Clock::time_point> told_;
+};
+
+void set_progress_observer(SyncManager& self, py::handle observer, double min_interval_s) {
+  if (!(min_interval_s >= 0)) throw py::value_error("min_interval_s must not be negative");
   ProgressObserver fn;
   if (!observer.is_none()) {
-    fn = [observer = PyRef(observer)](const DownloadProgress& progress) {
+    fn = [observer = PyRef(observer),
+          throttle = std::make_shared<ProgressThrottle>(min_interval_s)](const DownloadProgress& progress) {
+      if (!throttle->pass(progress)) return;
       GilFromAnyThread gil;
       if (!gil.held()) return;
       try {
@@ -237,8 +269,9 @@ void bind_manager(py::module_& m) {
           },
           "new_era_id"_a, "kill_searches_fn"_a = py::none(), "restart_searches_fn"_a = py::none(),
           "Move the data directory to era new_era_id while searches are stopped.")
-      .def("set_progress_observer", &set_progress_observer, "observer"_a,
-           "observer(DownloadProgress) is told as each download batch advances; None removes it.")
+      .def("set_progress_observer", &set_progress_observer, "observer"_a, "min_interval_s"_a = 0.25,
+           "observer(DownloadProgress) is told, with the GIL held, as each download batch advances: at most "
+           "once per min_interval_s, and always when the batch's last file is done. None removes it.")
       .def_property_readonly("_data_dir", [](const SyncManager& self) { return self._data_dir; })
       .def_property_readonly("_server_url", [](const SyncManager& self) { return self._server_url; })
       .def_property_readonly("_poll_interval", [](const SyncManager& self) { return self._poll_interval; })

@@ -2,8 +2,11 @@
 both ways across the binding."""
 
 import errno
+import importlib.util
 import os
+import subprocess
 import sys
+import tempfile
 import unittest
 from unittest import mock
 
@@ -86,6 +89,16 @@ class FailureTest(ServedEraTest):
         # Imported at each use: the module back, the manager builds.
         self.assertEqual(SyncManager(self.data_dir, self.era.api_url, lambda: TOKEN).sync().era_id, 1)
 
+    def test_without_any_host_the_components_own_transport_policy_decides(self):
+        with mock.patch.dict(sys.modules, {"quillmarsh": None}):
+            with self.assertRaisesRegex(ValueError, "^Refusing to send a bearer token over 'http://example.com': "
+                                                    "use https, or http only to a loopback host$"):
+                SyncManager(self.data_dir, "http://example.com", lambda: TOKEN)
+            loopback = SyncManager(self.data_dir, self.era.api_url.replace("https:", "http:"), lambda: TOKEN)
+            self.assertTrue(loopback._server_url.startswith("http://127.0.0.1:"))
+            self.assertEqual(SyncManager(self.data_dir, self.era.api_url, lambda: TOKEN).sync().era_id, 1)
+        self.assertEqual(self.quillmarsh._transport_security.calls, [])
+
     def test_a_python_failure_crosses_the_component_unchanged(self):
         vault_down = ConnectionError("token vault unreachable")
 
@@ -109,6 +122,51 @@ class FailureTest(ServedEraTest):
         with self.assertRaises(SyncError) as raised:
             manager.sync()
         self.assertIsInstance(raised.exception, EraError)
+
+
+# Every line of USAGE_MISTAKES after the import is a mistake a type checker must see.
+TYPED_USAGE = """
+from typing import List, Optional
+import quillmarsh_sync as qs
+
+def run(manager: qs.SyncManager) -> List[str]:
+    manager.set_progress_observer(lambda p: print(p.files_done, p.bytes_selected), min_interval_s=1.0)
+    manager.register_era_callback(lambda event_type, era_id: print(event_type.upper(), era_id + 1))
+    result: qs.SyncResult = manager.sync()
+    manifest: Optional[qs.Manifest] = manager.get_manifest()
+    try:
+        manager.repair(manager.verify().corrupted_files)
+    except qs.StateError:
+        pass
+    return manager.request_for_sync() + [str(result.era_id), str(manifest)]
+
+run(qs.SyncManager.get_or_create("/data", "https://example.com", lambda: "token"))
+"""
+USAGE_MISTAKES = """import quillmarsh_sync as qs
+qs.SyncManager("/data", "https://example.com", lambda: 1)
+qs.SyncManager("/data", "https://example.com", lambda: "token").sync().era_id.upper()
+qs.SyncManager("/data", "https://example.com", lambda: "token").verify().missing_files + "x"
+"""
+
+
+@unittest.skipUnless(importlib.util.find_spec("mypy"), "mypy is not installed")
+class TypingTest(unittest.TestCase):
+    def test_a_type_checker_sees_the_api_and_its_misuse(self):
+        package = os.path.dirname(quillmarsh_sync.__file__)
+        self.assertTrue(os.path.exists(os.path.join(package, "py.typed")))
+        with tempfile.TemporaryDirectory() as tmp:
+            def mypy(text):
+                with open(os.path.join(tmp, "usage.py"), "w") as f:
+                    f.write(text)
+                return subprocess.run(
+                    [sys.executable, "-m", "mypy", "--strict", "--cache-dir", os.path.join(tmp, "cache"), "usage.py"],
+                    cwd=tmp, capture_output=True, text=True, env={**os.environ, "MYPYPATH": os.path.dirname(package)})
+
+            checked = mypy(TYPED_USAGE)
+            self.assertEqual(checked.returncode, 0, checked.stdout)
+            checked = mypy(USAGE_MISTAKES)
+            errors = {line.split(":")[1] for line in checked.stdout.splitlines() if ": error:" in line}
+            self.assertEqual(errors, {"2", "3", "4"}, checked.stdout)
 
 
 if __name__ == "__main__":

@@ -43,18 +43,27 @@ class SyncTest(ServedEraTest):
         self.assertFalse(manager.needs_sync())
         self.assertEqual(manager.sync().bytes_downloaded, 0)
 
-    def test_the_progress_observer_is_told_of_each_file(self):
+    def test_the_progress_observer_is_throttled_but_told_of_the_last_file(self):
         manager = self.manager()
         seen = []
-        manager.set_progress_observer(seen.append)
+        # Nothing between the start and the last file passes an hour's throttle.
+        manager.set_progress_observer(seen.append, min_interval_s=3600)
         result = manager.sync()
-        batch = [p for p in seen if p.files_selected == seen[-1].files_selected]
-        self.assertGreater(seen[-1].files_selected, 0)
-        self.assertEqual([p.files_done for p in batch], list(range(seen[-1].files_selected + 1)))
+        self.assertGreater(seen[-1].files_selected, 2)
+        self.assertEqual([p.files_done for p in seen], [0, seen[-1].files_selected])
         self.assertEqual(seen[-1].bytes_done, seen[-1].bytes_selected)
         self.assertLessEqual(seen[-1].bytes_done, result.bytes_downloaded)
 
-        # A failing observer changes nothing about the pass.
+        # Unthrottled, each file is told (and bytes between files, if slow).
+        for path in ("docs/readme.txt", "features/futures/rolls.bin"):
+            os.remove(os.path.join(self.data_dir, path))
+        seen.clear()
+        manager.set_progress_observer(seen.append, min_interval_s=0)
+        manager.sync()
+        self.assertEqual(list(dict.fromkeys(p.files_done for p in seen if p.files_selected == 2)), [0, 1, 2])
+        with self.assertRaises(ValueError):
+            manager.set_progress_observer(seen.append, min_interval_s=-1)
+
         # A failing observer changes nothing about the pass, and Python hears
         # of the failure as of any ignored one.
         os.remove(os.path.join(self.data_dir, "docs/readme.txt"))
