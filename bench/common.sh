@@ -31,3 +31,24 @@ median_of() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 
 listing() {  # dir -> "path size" of every published file below it, sorted
   (cd "$1" && find features -type f -printf '%p %s\n' | LC_ALL=C sort)
 }
+
+# `qmsync serve` of a published root in the background, its pid added to
+# pids, once it has said where it listens. Uses the caller's qmsync, python,
+# tmp (holding "token") and die.
+start_serve() {  # root -> sets api_url, serve_files_url (its object store), ca_file
+  local out="$tmp/serve.json"
+  "$qmsync" serve --root "$1" --token-file "$tmp/token" --json >"$out" 2>"$tmp/serve.err" &
+  pids+=($!)
+  local i
+  for ((i = 0; i < 200; i++)); do
+    if [ -s "$out" ] && [ -s "$1/tls/ca.pem" ] && [ -s "$1/tls/server.pem" ] && [ -s "$1/tls/server-key.pem" ]; then
+      break
+    fi
+    kill -0 "${pids[-1]}" 2>/dev/null || die "qmsync serve ended: $(cat "$tmp/serve.err")"
+    sleep 0.05
+  done
+  [ -s "$out" ] || die "qmsync serve printed nothing"
+  api_url=$("$python" -c 'import json, sys; print(json.load(open(sys.argv[1]))["api_url"])' "$out")
+  serve_files_url=$("$python" -c 'import json, sys; print(json.load(open(sys.argv[1]))["files_url"])' "$out")
+  ca_file=$("$python" -c 'import json, sys; print(json.load(open(sys.argv[1]))["ca_file"])' "$out")
+}

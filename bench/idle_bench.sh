@@ -147,24 +147,6 @@ EOF
 
 # --- the server --------------------------------------------------------------
 
-start_serve() {  # root -> sets api_url, files_url, ca_file
-  local out="$tmp/serve.json"
-  "$qmsync" serve --root "$1" --token-file "$tmp/token" --json >"$out" 2>"$tmp/serve.err" &
-  pids+=($!)
-  local i
-  for ((i = 0; i < 200; i++)); do
-    if [ -s "$out" ] && [ -s "$1/tls/ca.pem" ] && [ -s "$1/tls/server.pem" ] && [ -s "$1/tls/server-key.pem" ]; then
-      break
-    fi
-    kill -0 "${pids[-1]}" 2>/dev/null || die "qmsync serve ended: $(cat "$tmp/serve.err")"
-    sleep 0.05
-  done
-  [ -s "$out" ] || die "qmsync serve printed nothing"
-  api_url=$("$python" -c 'import json, sys; print(json.load(open(sys.argv[1]))["api_url"])' "$out")
-  files_url=$("$python" -c 'import json, sys; print(json.load(open(sys.argv[1]))["files_url"])' "$out")
-  ca_file=$("$python" -c 'import json, sys; print(json.load(open(sys.argv[1]))["ca_file"])' "$out")
-}
-
 # --- timing ------------------------------------------------------------------
 
 # The prefix for one step's qmsync or bench_construct, {name} filled in.
@@ -281,6 +263,7 @@ bytes=$(awk '{ s += $2 } END { print s }' "$tmp/expected.list")
 [ "$(wc -l <"$tmp/expected.sha256")" = "$count" ] || die "the manifest does not list the files published"
 
 start_serve "$root"
+files_url=$serve_files_url
 era_url="$files_url/era_1"
 # The object store must hand back a file byte for byte before anything is timed.
 probe=$(awk 'NR == 1 { print $1 }' "$tmp/expected.list")

@@ -137,23 +137,6 @@ EOF
 
 # --- servers -----------------------------------------------------------------
 
-start_serve() {  # root -> sets api_url, ca_file
-  local out="$tmp/serve.json"
-  "$qmsync" serve --root "$1" --token-file "$tmp/token" --json >"$out" 2>"$tmp/serve.err" &
-  pids+=($!)
-  local i
-  for ((i = 0; i < 200; i++)); do
-    if [ -s "$out" ] && [ -s "$1/tls/ca.pem" ] && [ -s "$1/tls/server.pem" ] && [ -s "$1/tls/server-key.pem" ]; then
-      break
-    fi
-    kill -0 "${pids[-1]}" 2>/dev/null || die "qmsync serve ended: $(cat "$tmp/serve.err")"
-    sleep 0.05
-  done
-  [ -s "$out" ] || die "qmsync serve printed nothing"
-  api_url=$("$python" -c 'import json, sys; print(json.load(open(sys.argv[1]))["api_url"])' "$out")
-  ca_file=$("$python" -c 'import json, sys; print(json.load(open(sys.argv[1]))["ca_file"])' "$out")
-}
-
 # The server block of the README's nginx example, on loopback and with
 # autoindex (rclone lists directories), plus what a benchmark needs around
 # it: no daemon, logs and temp files in the scratch directory, and a log line

@@ -386,36 +386,14 @@ int run_transition(const GlobalOptions& g, std::int64_t era) {
   return kExitOk;
 }
 
-// What cleanup_old_eras removes, by its rules: era directories other than
-// the current era's, and with `all` the current data too (state files,
-// whose names start with a dot, stay).
-std::vector<std::string> cleanup_targets(const SyncManager& m, bool all) {
-  std::optional<std::int64_t> current_era;
-  if (const std::shared_ptr<Manifest> manifest = m.get_manifest(); manifest && !all) {
-    try {
-      current_era = integer_of(manifest->era_id);
-    } catch (const std::exception&) {
-    }
-  }
-  std::vector<std::string> targets;
-  for (const std::string& name : list_directory(m._data_dir)) {
-    const std::string path = join_path(m._data_dir, name);
-    const std::optional<std::int64_t> era = _parse_era_directory_id(name);
-    const bool old_era = era && era != current_era && is_directory(path);
-    const bool current_data = all && !name.starts_with(".") &&
-                              (is_directory(path) || name == "manifest.json" || name == "shuffle_seed.enc");
-    if (old_era || current_data) targets.push_back(path);
-  }
-  return targets;
-}
-
 int run_cleanup(const GlobalOptions& g, bool all, bool dry_run, bool yes) {
   auto manager = open_manager(g, "cleanup", false);
-  const std::vector<std::string> targets = cleanup_targets(*manager, all);
+  std::vector<std::string> targets;
   std::int64_t bytes = 0;
-  for (const std::string& path : targets) {
-    bytes += is_directory(path) ? tree_file_bytes(path) : stat_path(path).size;
-    log_info("%s %s", {dry_run ? "Would delete" : "Deleting", path});
+  for (const SyncManager::CleanupTarget& target : manager->_cleanup_targets(!all)) {
+    bytes += target.tree ? tree_file_bytes(target.path) : stat_path(target.path).size;
+    log_info("%s %s", {dry_run ? "Would delete" : "Deleting", target.path});
+    targets.push_back(target.path);
   }
   if (dry_run) {
     if (g.json) {

@@ -301,6 +301,13 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
 
   // --- Old-era cleanup ----------------------------------------------------
 
+  // What cleanup_old_eras(keep_current) would delete now, in the order it
+  // deletes: whole trees, and without keep_current the two state files.
+  struct CleanupTarget {
+    std::string path;
+    bool tree;
+  };
+  std::vector<CleanupTarget> _cleanup_targets(bool keep_current) const;
   // Runs cleanup_old_eras on a background thread unless one is running.
   void _schedule_cleanup_old_eras(bool keep_current = true);
   // Body of the cleanup thread: logs what it freed or why it failed.

@@ -44,11 +44,13 @@ Json SyncManager::_select_files_to_download(const Manifest& server_manifest, Syn
   for (const ManifestEntry& entry : server_manifest.entries()) {
     // Vocabularies come through their own download, never this list.
     if (entry.vocabulary || entry.elsewhere) continue;
-    const std::string local_path = paths.local_path(entry.path);
-    const bool on_disk = path_exists(local_path);
+    // The look-up of the name is the file's stat as well, where it answers.
+    const ManifestPathResolver::Resolved resolved = paths.resolve(entry.path);
+    const std::string& local_path = resolved.path;
+    const bool on_disk = resolved.answered ? resolved.stat.has_value() : path_exists(local_path);
 
     if (const ManifestEntry* in_force = tracked ? tracked->find(entry.path) : nullptr; in_force && on_disk && !entry.module) {
-      if (_local_file_matches_entry(*in_force, local_path, true)) continue;
+      if (_local_file_matches_entry(*in_force, local_path, true, resolved.stat)) continue;
       log_warning("Manifest-tracked local file failed integrity check; re-downloading: %s", {entry.path});
     }
     if (on_disk) {

@@ -114,11 +114,13 @@ ManifestPathResolver::Resolved ManifestPathResolver::resolve(std::string_view fi
       open_handle_ = DirectoryHandle(open_dir_);
     }
     out.stat = open_handle_.is_open() ? open_handle_.lstat_at(std::string(name), out.path) : lstat_path(out.path);
+    out.answered = true;
   } catch (const OSError&) {
     out.stat.reset();  // left to the walk, which takes such a name as it stands
   }
   if (out.stat && out.stat->is_link) {
     out.stat.reset();
+    out.answered = false;
     out.path = resolve_path_below(*dir, name);
   }
   if (!is_within(*base_, out.path)) refuse("Manifest file path escapes data directory", file_path);

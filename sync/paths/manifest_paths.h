@@ -52,6 +52,10 @@ class ManifestPathResolver {
     // What stat(2) of `path` gives, when the look-up of the name found a
     // file or directory that is no link: one system call serves both.
     std::optional<FileStat> stat;
+    // Whether the look-up answered for `path` itself: with `stat` absent,
+    // nothing is there. False for a link, or a look-up that failed, which
+    // leave the question to whoever follows the path.
+    bool answered = false;
   };
   Resolved resolve(std::string_view file_path);
 

@@ -1,5 +1,7 @@
 // Deleting the directories of past eras, on the caller's thread or on one
 // background thread per manager.
+#include <set>
+
 #include "sync/paths/manifest_paths.h"
 #include "sync/support/background_thread.h"
 #include "sync/support/integer.h"
@@ -19,8 +21,7 @@ std::int64_t remove_counted_tree(const std::string& path) {
 
 }  // namespace
 
-std::int64_t SyncManager::cleanup_old_eras(bool keep_current) {
-  std::int64_t bytes_freed = 0;
+std::vector<SyncManager::CleanupTarget> SyncManager::_cleanup_targets(bool keep_current) const {
   std::optional<std::int64_t> current_era_id;
   if (keep_current) {
     if (const std::shared_ptr<Manifest> manifest = _manifest.load()) {
@@ -35,29 +36,42 @@ std::int64_t SyncManager::cleanup_old_eras(bool keep_current) {
 
   // Selection looks through a link (a linked era directory is still one);
   // deletion never does, so only the link itself goes.
-  std::vector<std::string> era_dirs;
+  std::vector<CleanupTarget> targets;
+  std::set<std::string> era_dirs;
   for (const std::string& name : list_directory(_data_dir)) {
     const std::optional<std::int64_t> era_id = _parse_era_directory_id(name);
     if (!era_id) continue;
     // "era2" and "era_02" name the same era; none of them goes.
     if (current_era_id && *era_id == *current_era_id) continue;
     const std::string path = join_path(_data_dir, name);
-    if (is_directory(path)) era_dirs.push_back(path);
+    if (is_directory(path)) {
+      targets.push_back({path, true});
+      era_dirs.insert(name);
+    }
   }
-  for (const std::string& path : era_dirs) bytes_freed += remove_counted_tree(path);
-
   if (!keep_current) {
     for (const char* name : {"manifest.json", "shuffle_seed.enc"}) {
       const std::string path = join_path(_data_dir, name);
-      if (!path_exists(path)) continue;
-      const std::int64_t size = stat_path(path).size;
-      remove_file(path);
-      bytes_freed += size;
+      if (path_exists(path)) targets.push_back({path, false});
     }
     for (const std::string& name : list_directory(_data_dir)) {
-      if (name.starts_with(".")) continue;
+      if (name.starts_with(".") || era_dirs.contains(name)) continue;
       const std::string path = join_path(_data_dir, name);
-      if (is_directory(path)) bytes_freed += remove_counted_tree(path);
+      if (is_directory(path)) targets.push_back({path, true});
+    }
+  }
+  return targets;
+}
+
+std::int64_t SyncManager::cleanup_old_eras(bool keep_current) {
+  std::int64_t bytes_freed = 0;
+  for (const CleanupTarget& target : _cleanup_targets(keep_current)) {
+    if (target.tree) {
+      bytes_freed += remove_counted_tree(target.path);
+    } else {
+      const std::int64_t size = stat_path(target.path).size;
+      remove_file(target.path);
+      bytes_freed += size;
     }
   }
   return bytes_freed;
