@@ -115,7 +115,10 @@ std::string required_data_dir(const GlobalOptions& options, const std::string& c
   }
   const std::string dir = expand_user(*options.data_dir);
   if (!is_directory(dir)) {
-    throw UsageError("data directory " + quoted(*options.data_dir) + " does not exist or is not a directory");
+    // Not made here: a mistyped path would quietly become a second mirror.
+    if (path_exists(dir)) throw UsageError("data directory " + quoted(*options.data_dir) + " is not a directory");
+    throw UsageError("data directory " + quoted(*options.data_dir) + " does not exist; create it first (mkdir -p " +
+                     quoted(*options.data_dir) + ") or check --data-dir");
   }
   return dir;
 }
