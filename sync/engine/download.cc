@@ -95,9 +95,10 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
     // Reading it through leaves the position at its end.
     UpdatableFile fh(tmp_path, UpdatableFile::create);
     {
-      std::vector<char> piece(kRehashPieceBytes);
-      while (const std::size_t got = fh.read(piece.data(), piece.size())) {
-        h->update(std::string_view(piece.data(), got));
+      // Not zeroed: nearly always the first read finds the file empty.
+      const std::unique_ptr<char[]> piece(new char[kRehashPieceBytes]);
+      while (const std::size_t got = fh.read(piece.get(), kRehashPieceBytes)) {
+        h->update(std::string_view(piece.get(), got));
         total_written += static_cast<std::int64_t>(got);
       }
     }
@@ -114,7 +115,10 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
       pending.clear();
     };
     auto fetch = [&](std::int64_t start, std::int64_t end, bool take_206, bool take_200) {
-      pending.reserve(kWriteBatchBytes);
+      // A small file needs no more room than it has bytes.
+      const std::int64_t expected_left = expected_size - total_written;
+      pending.reserve(expected_left > 0 ? std::min<std::size_t>(kWriteBatchBytes, static_cast<std::size_t>(expected_left))
+                                        : kWriteBatchBytes);
       BodySink sink;
       sink.accepts = [&](int status) {
         if (status == 206) return take_206;

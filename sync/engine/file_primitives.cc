@@ -15,9 +15,20 @@ struct Sha256Hasher::Context {
   EVP_MD_CTX* md = nullptr;
 };
 
+namespace {
+
+// Fetched once: naming the algorithm at every file would look it up again,
+// under libcrypto's locks, for each of a hundred thousand small files.
+const EVP_MD* sha256_algorithm() {
+  static EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return fetched != nullptr ? fetched : EVP_sha256();
+}
+
+}  // namespace
+
 Sha256Hasher::Sha256Hasher() : ctx_(std::make_unique<Context>()) {
   ctx_->md = EVP_MD_CTX_new();
-  if (ctx_->md == nullptr || EVP_DigestInit_ex(ctx_->md, EVP_sha256(), nullptr) != 1) {
+  if (ctx_->md == nullptr || EVP_DigestInit_ex(ctx_->md, sha256_algorithm(), nullptr) != 1) {
     EVP_MD_CTX_free(ctx_->md);
     throw RuntimeError("SHA-256 is not available from libcrypto");
   }
