@@ -1,11 +1,10 @@
-// The two sites of the reference server as routes on httplib servers: the
-// API (bearer token required) and the object store (public, with ranges).
+// The reference server's API site as routes on an httplib server (bearer
+// token required); the object store's are in object_store.h.
 #ifndef QUILLMARSH_SYNC_SERVER_ROUTES_H_
 #define QUILLMARSH_SYNC_SERVER_ROUTES_H_
 
 #include <httplib.h>
 
-#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -21,13 +20,6 @@ using ExpectedToken = std::function<std::string()>;
 // for the era the root's state names. A manifest published without a
 // base_url is served with "{files_url}/era_N" as its base.
 void add_api_routes(httplib::Server& server, const ServerRoot& root, ExpectedToken token, std::string files_url);
-
-// GET and HEAD of /era_N/{path} from the root's files of era N, any era,
-// with single byte ranges.
-// GET /era_N/{path}, whole or one byte range. A positive
-// `bytes_per_second` paces each response to that rate, to stand in for a
-// slow link.
-void add_object_store_routes(httplib::Server& server, const ServerRoot& root, std::int64_t bytes_per_second = 0);
 
 }  // namespace quillmarsh::sync::server
 
