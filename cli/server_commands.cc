@@ -206,7 +206,7 @@ void add_server_commands(CLI::App& app, const GlobalOptions& g, std::vector<Comm
       ->option_text("KIB");
   serve
       ->add_option("--fault", serve_args->faults,
-                   "misbehave on object store requests for PATH (a trailing * covers a prefix), to try a client "
+                   "misbehave on requests for PATH on the API or the object store (a trailing * covers a prefix), to try a client "
                    "against a faulty server; SPEC is a comma-separated list of: status=N, body=TEXT (the rest), "
                    "cut=BYTES (drop the connection after them), wrong-bytes, delay=SECONDS (before the head), "
                    "stall=BYTES@SECONDS, ignore-range (200 for a ranged request), half-range, empty-206, "

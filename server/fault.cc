@@ -95,7 +95,7 @@ void FaultTable::clear() {
   faults_.clear();
 }
 
-Fault FaultTable::take(const std::string& path) {
+std::optional<Fault> FaultTable::take(const std::string& path) {
   std::lock_guard<std::mutex> lock(mu_);
   auto it = faults_.find(path);
   if (it == faults_.end()) {
@@ -108,10 +108,10 @@ Fault FaultTable::take(const std::string& path) {
       }
     }
   }
-  if (it == faults_.end()) return {};
+  if (it == faults_.end()) return std::nullopt;
   if (it->second.skip > 0) {
     --it->second.skip;  // served normally; the fault waits its turn
-    return {};
+    return std::nullopt;
   }
   Fault f = it->second;
   if (it->second.times > 0 && --it->second.times == 0) faults_.erase(it);

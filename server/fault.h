@@ -71,9 +71,9 @@ class FaultTable {
   void set(const std::string& path, Fault f);
   void clear(const std::string& path);
   void clear();
-  // The fault that applies to this request for `path` (no fault at all when
-  // none does), counting it against the fault's skip and times.
-  Fault take(const std::string& path);
+  // The fault that applies to this request for `path`, if any, counting it
+  // against the fault's skip and times.
+  std::optional<Fault> take(const std::string& path);
 
  private:
   std::mutex mu_;

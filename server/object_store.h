@@ -73,6 +73,11 @@ struct ObjectRoutes {
 // other methods are refused with 405 unless a fault answers them.
 void add_object_routes(httplib::Server& server, ObjectRoutes routes);
 
+// `handler` meeting `routes.faults` as the object store does (no range
+// faults: its answers are whole); a request no fault applies to reaches it
+// untouched. `routes.store` is not used.
+httplib::Server::Handler with_faults(httplib::Server::Handler handler, ObjectRoutes routes);
+
 }  // namespace quillmarsh::sync::server
 
 #endif  // QUILLMARSH_SYNC_SERVER_OBJECT_STORE_H_

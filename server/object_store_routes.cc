@@ -28,6 +28,11 @@ std::size_t piece_size(std::size_t asked, std::int64_t bytes_per_second) {
   return piece;
 }
 
+bool sleep_unless_stopped(double seconds) {
+  if (seconds > 0) std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  return true;
+}
+
 struct Answer {
   int status = 200;
   ByteRange span;  // what of the object the body holds; length 0: no body
@@ -78,11 +83,17 @@ void send(const ObjectRoutes& routes, httplib::Response& res, Answer a, std::opt
       });
 }
 
+// Bytes held in full as an object, for a fault's body or an API answer.
+StoredObject held(std::string bytes) {
+  const auto size = static_cast<std::int64_t>(bytes.size());
+  return {size, [bytes = std::move(bytes)](std::int64_t o, std::size_t n) { return bytes.substr(static_cast<std::size_t>(o), n); }, {}};
+}
+
 void serve(const ObjectRoutes& routes, const httplib::Request& req, httplib::Response& res) {
   // Ranges are answered here; left set, httplib would slice the body again.
   const_cast<httplib::Request&>(req).ranges.clear();
   if (routes.on_request) routes.on_request(req);
-  const Fault f = routes.faults->take(req.path);
+  const Fault f = routes.faults->take(req.path).value_or(Fault{});
   if (!routes.pause(f.delay_before_head_s)) {
     res.status = 503;
     return;
@@ -98,9 +109,7 @@ void serve(const ObjectRoutes& routes, const httplib::Request& req, httplib::Res
     return send(routes, res, {302, {}, std::move(a.headers)}, {}, f);
   }
   if (f.status) {
-    if (f.body) object = StoredObject{static_cast<std::int64_t>(f.body->size()), [body = *f.body](std::int64_t o, std::size_t n) {
-                                        return body.substr(static_cast<std::size_t>(o), n);
-                                      }, {}};
+    if (f.body) object = held(*f.body);
     return send(routes, res, {*f.status, {RangeKind::span, 0, object ? object->size : 0}, std::move(a.headers)},
                 object, f);
   }
@@ -132,6 +141,33 @@ void serve(const ObjectRoutes& routes, const httplib::Request& req, httplib::Res
 }
 
 }  // namespace
+
+httplib::Server::Handler with_faults(httplib::Server::Handler handler, ObjectRoutes routes) {
+  if (!routes.pause) routes.pause = sleep_unless_stopped;
+  return [handler = std::move(handler), routes = std::move(routes)](const httplib::Request& req,
+                                                                    httplib::Response& res) {
+    const std::optional<Fault> f = routes.faults->take(req.path);
+    if (!f) return handler(req, res);
+    if (!routes.pause(f->delay_before_head_s)) {
+      res.status = 503;
+      return;
+    }
+    Headers headers;
+    if (f->redirect_to) {
+      headers["Location"] = *f->redirect_to;
+      return send(routes, res, {302, {}, std::move(headers)}, {}, *f);
+    }
+    handler(req, res);
+    for (const auto& [name, value] : res.headers) headers[name] = value;
+    for (const auto& [name, value] : f->headers) headers[name] = value;
+    std::string body = f->body.value_or(res.body);
+    const auto size = static_cast<std::int64_t>(body.size());
+    res.headers.clear();
+    res.body.clear();
+    send(routes, res, {f->status.value_or(res.status), {RangeKind::span, 0, size}, std::move(headers)},
+         held(std::move(body)), *f);
+  };
+}
 
 std::optional<StoredObject> DirectoryStore::find(const std::string& path) const {
   try {
@@ -175,12 +211,7 @@ std::optional<StoredObject> MemoryStore::find(const std::string& path) const {
 }
 
 void add_object_routes(httplib::Server& server, ObjectRoutes routes) {
-  if (!routes.pause) {
-    routes.pause = [](double s) {
-      if (s > 0) std::this_thread::sleep_for(std::chrono::duration<double>(s));
-      return true;
-    };
-  }
+  if (!routes.pause) routes.pause = sleep_unless_stopped;
   auto handler = [routes = std::move(routes)](const httplib::Request& req, httplib::Response& res) {
     serve(routes, req, res);
   };

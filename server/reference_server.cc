@@ -64,12 +64,15 @@ ReferenceServer::ReferenceServer(ServeRequest request) {
   api_ = std::make_unique<Site>(tls_, request.api_port, "API server");
   files_->http().set_logger([](const httplib::Request& req, const httplib::Response& res) { log_request("object store", req, res); });
   api_->http().set_logger([](const httplib::Request& req, const httplib::Response& res) { log_request("API server", req, res); });
-  ObjectRoutes files{std::make_shared<DirectoryStore>(root_)};
-  files.bytes_per_second = request.files_bytes_per_second;
-  for (auto& [path, fault] : request.files_faults) files.faults->set(path, std::move(fault));
-  files.pause = [site = files_.get()](double s) { return site->pause(s); };
+  // One table for both sites: their paths never meet.
+  auto faults = std::make_shared<FaultTable>();
+  for (auto& [path, fault] : request.faults) faults->set(path, std::move(fault));
+  ObjectRoutes files{std::make_shared<DirectoryStore>(root_), faults, request.files_bytes_per_second,
+                     [site = files_.get()](double s) { return site->pause(s); }};
   add_object_routes(files_->http(), std::move(files));
-  add_api_routes(api_->http(), root_, std::move(request.token), files_->url());
+  const ObjectRoutes api_faults{nullptr, faults, 0, [site = api_.get()](double s) { return site->pause(s); }};
+  add_api_routes(api_->http(), root_, std::move(request.token), files_->url(),
+                 [&api_faults](httplib::Server::Handler handler) { return with_faults(std::move(handler), api_faults); });
   files_->start();
   api_->start();
 }

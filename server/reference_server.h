@@ -22,8 +22,9 @@ struct ServeRequest {
   int files_port = 0;  // 0: any free port
   ExpectedToken token;
   std::int64_t files_bytes_per_second = 0;  // 0: the object store sends as fast as it can
-  // Object store paths (a trailing '*' covers a prefix) and how to mishandle them.
-  std::vector<std::pair<std::string, Fault>> files_faults = {};
+  // Paths on either site (a trailing '*' covers a prefix) and how to
+  // mishandle requests for them.
+  std::vector<std::pair<std::string, Fault>> faults = {};
 };
 
 class Site;

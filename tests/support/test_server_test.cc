@@ -158,7 +158,7 @@ TEST(FaultSpec, ReadsWhatServeTakesAndRefusesTheRest) {
   }
 }
 
-TEST(FaultSpec, PrefixKeyCoversAPublishedEraOnTheReferenceServer) {
+TEST(FaultSpec, ReferenceServerMisbehavesOnBothSites) {
   TempDir tmp;
   make_dirs(tmp / "source/features/u");
   write_file(tmp / "source/features/u/vocabulary.json", vocabulary_text(1, "u"));
@@ -166,7 +166,9 @@ TEST(FaultSpec, PrefixKeyCoversAPublishedEraOnTheReferenceServer) {
   server::publish_era({tmp / "source", tmp / "root", 1, 1, std::nullopt, true});
   server::ReferenceServer server({tmp / "root", 0, 0, [] { return std::string("t"); }, 0,
                                   {{"/era_1/features/*", {.cut_after_bytes = 3, .times = 1}},
-                                   {"/era_1/features/u/vocabulary.json", {.status = 500}}}});
+                                   {"/era_1/features/u/vocabulary.json", {.status = 500}},
+                                   {"/data/manifest", {.status = 503, .times = 1, .skip = 1}},
+                                   {"/data/shuffle", {.cut_after_bytes = 10}}}});
   set_extra_ca_file(server.tls().ca_file);
   const std::string digits = server.files_url() + "/era_1/features/u/digits.txt";
   const OpenedResponse cut = open_http_request({digits, {}}, 10);
@@ -175,6 +177,16 @@ TEST(FaultSpec, PrefixKeyCoversAPublishedEraOnTheReferenceServer) {
   EXPECT_EQ(open_http_request({digits, {}}, 10).body, "0123456789");
   // An exact path wins over a prefix.
   EXPECT_EQ(open_http_request({server.files_url() + "/era_1/features/u/vocabulary.json", {}}, 10).status, 500);
+
+  // The API's answers meet the same faults, the token still checked.
+  const HttpRequest manifest{server.api_url() + "/data/manifest", {{"Authorization", "Bearer t"}}};
+  std::vector<int> statuses;
+  for (int i = 0; i < 3; ++i) statuses.push_back(open_http_request(manifest, 10).status);
+  EXPECT_EQ(statuses, (std::vector<int>{200, 503, 200}));
+  const OpenedResponse seed = open_http_request({server.api_url() + "/data/shuffle", {{"Authorization", "Bearer t"}}}, 10);
+  EXPECT_TRUE(seed.partial);
+  EXPECT_EQ(seed.body.size(), 10u);
+  EXPECT_EQ(open_http_request({server.api_url() + "/data/shuffle", {}}, 10).status, 401);
   set_extra_ca_file(std::nullopt);
 }
 
