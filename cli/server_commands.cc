@@ -206,8 +206,8 @@ void add_server_commands(CLI::App& app, const GlobalOptions& g, std::vector<Comm
       ->option_text("KIB");
   serve
       ->add_option("--fault", serve_args->faults,
-                   "misbehave on requests for PATH on the API or the object store (a trailing * covers a prefix), to try a client "
-                   "against a faulty server; SPEC is a comma-separated list of: status=N, body=TEXT (the rest), "
+                   "misbehave on requests for PATH on the API or the object store (a trailing * covers a prefix), to "
+                   "try a client against a faulty server; SPEC is a comma-separated list of: status=N, body=TEXT (the rest), "
                    "cut=BYTES (drop the connection after them), wrong-bytes, delay=SECONDS (before the head), "
                    "stall=BYTES@SECONDS, ignore-range (200 for a ranged request), half-range, empty-206, "
                    "redirect=URL (the rest), times=N (then serve normally), skip=N (serve N first); repeatable. "

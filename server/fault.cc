@@ -52,7 +52,9 @@ Fault parse_fault(std::string_view spec) {
       f.delay_before_head_s = number_of<double>(key, value);
     } else if (key == "stall") {
       const std::size_t at = value.find('@');
-      if (at == std::string_view::npos) throw ValueError("fault stall needs BYTES@SECONDS, not '" + std::string(value) + "'");
+      if (at == std::string_view::npos) {
+        throw ValueError("fault stall needs BYTES@SECONDS, not '" + std::string(value) + "'");
+      }
       f.stall_after_bytes = number_of<std::size_t>(key, value.substr(0, at));
       f.stall_s = number_of<double>(key, value.substr(at + 1));
     } else if (key == "ignore-range") {

@@ -86,7 +86,11 @@ void send(const ObjectRoutes& routes, httplib::Response& res, Answer a, std::opt
 // Bytes held in full as an object, for a fault's body or an API answer.
 StoredObject held(std::string bytes) {
   const auto size = static_cast<std::int64_t>(bytes.size());
-  return {size, [bytes = std::move(bytes)](std::int64_t o, std::size_t n) { return bytes.substr(static_cast<std::size_t>(o), n); }, {}};
+  return {size,
+          [bytes = std::move(bytes)](std::int64_t o, std::size_t n) {
+            return bytes.substr(static_cast<std::size_t>(o), n);
+          },
+          {}};
 }
 
 void serve(const ObjectRoutes& routes, const httplib::Request& req, httplib::Response& res) {
@@ -179,9 +183,10 @@ std::optional<StoredObject> DirectoryStore::find(const std::string& path) const 
     const std::int64_t era_id = integer_of_text(path.substr(5, slash - 5));
     const std::string local = _manifest_local_path(root_.files_dir(era_id), path.substr(slash + 1));
     if (!path_exists(local) || !stat_path(local).is_regular) return std::nullopt;
-    return StoredObject{stat_path(local).size,
-                        [local](std::int64_t offset, std::size_t length) { return read_file_range(local, offset, length); },
-                        {}};
+    return StoredObject{
+        stat_path(local).size,
+        [local](std::int64_t offset, std::size_t length) { return read_file_range(local, offset, length); },
+        {}};
   } catch (const Error&) {
     return std::nullopt;
   }

@@ -62,8 +62,10 @@ ReferenceServer::ReferenceServer(ServeRequest request) {
   tls_ = ensure_tls_files(root_.tls_dir());
   files_ = std::make_unique<Site>(tls_, request.files_port, "object store");
   api_ = std::make_unique<Site>(tls_, request.api_port, "API server");
-  files_->http().set_logger([](const httplib::Request& req, const httplib::Response& res) { log_request("object store", req, res); });
-  api_->http().set_logger([](const httplib::Request& req, const httplib::Response& res) { log_request("API server", req, res); });
+  files_->http().set_logger(
+      [](const httplib::Request& req, const httplib::Response& res) { log_request("object store", req, res); });
+  api_->http().set_logger(
+      [](const httplib::Request& req, const httplib::Response& res) { log_request("API server", req, res); });
   // One table for both sites: their paths never meet.
   auto faults = std::make_shared<FaultTable>();
   for (auto& [path, fault] : request.faults) faults->set(path, std::move(fault));
@@ -71,8 +73,9 @@ ReferenceServer::ReferenceServer(ServeRequest request) {
                      [site = files_.get()](double s) { return site->pause(s); }};
   add_object_routes(files_->http(), std::move(files));
   const ObjectRoutes api_faults{nullptr, faults, 0, [site = api_.get()](double s) { return site->pause(s); }};
-  add_api_routes(api_->http(), root_, std::move(request.token), files_->url(),
-                 [&api_faults](httplib::Server::Handler handler) { return with_faults(std::move(handler), api_faults); });
+  add_api_routes(
+      api_->http(), root_, std::move(request.token), files_->url(),
+      [&api_faults](httplib::Server::Handler handler) { return with_faults(std::move(handler), api_faults); });
   files_->start();
   api_->start();
 }

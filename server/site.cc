@@ -140,7 +140,9 @@ Site::~Site() {
   }
 }
 
-std::string Site::url() const { return (https_ ? "https" : "http") + std::string("://127.0.0.1:") + std::to_string(port_); }
+std::string Site::url() const {
+  return (https_ ? "https" : "http") + std::string("://127.0.0.1:") + std::to_string(port_);
+}
 
 void Site::start() {
   auto done = std::make_shared<std::atomic<bool>>(false);

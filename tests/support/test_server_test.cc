@@ -183,7 +183,8 @@ TEST(FaultSpec, ReferenceServerMisbehavesOnBothSites) {
   std::vector<int> statuses;
   for (int i = 0; i < 3; ++i) statuses.push_back(open_http_request(manifest, 10).status);
   EXPECT_EQ(statuses, (std::vector<int>{200, 503, 200}));
-  const OpenedResponse seed = open_http_request({server.api_url() + "/data/shuffle", {{"Authorization", "Bearer t"}}}, 10);
+  const OpenedResponse seed =
+      open_http_request({server.api_url() + "/data/shuffle", {{"Authorization", "Bearer t"}}}, 10);
   EXPECT_TRUE(seed.partial);
   EXPECT_EQ(seed.body.size(), 10u);
   EXPECT_EQ(open_http_request({server.api_url() + "/data/shuffle", {}}, 10).status, 401);
