@@ -9,6 +9,9 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "cli/commands.h"
 #include "cli/exit_codes.h"
@@ -100,7 +103,25 @@ struct ServeArgs {
   int api_port = 0;
   int files_port = 0;
   std::int64_t rate_limit_kib = 0;
+  std::vector<std::string> faults;  // PATH:SPEC
 };
+
+// --fault PATH:SPEC as the object store takes it.
+std::vector<std::pair<std::string, server::Fault>> parse_faults(const std::vector<std::string>& texts) {
+  std::vector<std::pair<std::string, server::Fault>> faults;
+  for (const std::string& text : texts) {
+    const std::size_t colon = text.find(':');
+    if (colon == std::string::npos || colon == 0 || text[0] != '/') {
+      throw UsageError("--fault " + quoted(text) + " needs PATH:SPEC, such as /era_1/data/a.bin:cut=1000,times=1");
+    }
+    try {
+      faults.emplace_back(text.substr(0, colon), server::parse_fault(std::string_view(text).substr(colon + 1)));
+    } catch (const ValueError& e) {
+      throw UsageError("--fault " + quoted(text) + ": " + e.what());
+    }
+  }
+  return faults;
+}
 
 int run_serve(const GlobalOptions& g, const ServeArgs& a) {
   if (!g.token && !g.token_file) {
@@ -117,8 +138,10 @@ int run_serve(const GlobalOptions& g, const ServeArgs& a) {
 
   std::unique_ptr<server::ReferenceServer> server;
   try {
+    // Bad faults are refused before anything binds.
     server = std::make_unique<server::ReferenceServer>(
-        server::ServeRequest{a.root, a.api_port, a.files_port, token_source(g), a.rate_limit_kib * 1024});
+        server::ServeRequest{a.root, a.api_port, a.files_port, token_source(g), a.rate_limit_kib * 1024,
+                             parse_faults(a.faults)});
   } catch (const ValueError& e) {
     throw UsageError(e.what());  // a root publish did not write
   } catch (const OSError& e) {
@@ -181,6 +204,15 @@ void add_server_commands(CLI::App& app, const GlobalOptions& g, std::vector<Comm
                     "send each object at most this many KiB/s, to try a slow link (default: no limit)")
       ->check(CLI::Range(std::int64_t{1}, std::int64_t{1} << 40))
       ->option_text("KIB");
+  serve
+      ->add_option("--fault", serve_args->faults,
+                   "misbehave on requests for PATH on the API or the object store (a trailing * covers a prefix), to "
+                   "try a client against a faulty server; SPEC is a comma-separated list of: status=N, body=TEXT (the rest), "
+                   "cut=BYTES (drop the connection after them), wrong-bytes, delay=SECONDS (before the head), "
+                   "stall=BYTES@SECONDS, ignore-range (200 for a ranged request), half-range, empty-206, "
+                   "redirect=URL (the rest), times=N (then serve normally), skip=N (serve N first); repeatable. "
+                   "Example: --fault '/era_1/*:cut=1000,times=2'")
+      ->option_text("PATH:SPEC");
   commands.push_back({serve, [&g, serve_args] { return run_serve(g, *serve_args); }});
 }
 

@@ -150,11 +150,13 @@ class Api {
 
 }  // namespace
 
-void add_api_routes(httplib::Server& server, const ServerRoot& root, ExpectedToken token, std::string files_url) {
+void add_api_routes(httplib::Server& server, const ServerRoot& root, ExpectedToken token, std::string files_url,
+                    const RouteWrapper& wrap) {
   // Every handler holds the Api through its answer, which keeps it alive.
   auto api = std::make_shared<const Api>(root, std::move(token), std::move(files_url));
-  auto route = [&server, api](const char* path, void (Api::*answer)(httplib::Response&) const) {
-    server.Get(path, api->guarded([api, answer](httplib::Response& res) { ((*api).*answer)(res); }));
+  auto route = [&server, &wrap, api](const char* path, void (Api::*answer)(httplib::Response&) const) {
+    httplib::Server::Handler handler = api->guarded([api, answer](httplib::Response& res) { ((*api).*answer)(res); });
+    server.Get(path, wrap ? wrap(std::move(handler)) : std::move(handler));
   };
   route("/era/current", &Api::era_current);
   route("/data/manifest", &Api::manifest);

@@ -1,5 +1,5 @@
-// The single byte range of an HTTP Range header, as both loopback servers
-// answer it.
+// The single byte range of an HTTP Range header, as the object store site
+// answers it.
 #ifndef QUILLMARSH_SYNC_SERVER_BYTE_RANGE_H_
 #define QUILLMARSH_SYNC_SERVER_BYTE_RANGE_H_
 

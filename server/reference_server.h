@@ -7,8 +7,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "server/certificates.h"
+#include "server/fault.h"
 #include "server/routes.h"
 
 namespace quillmarsh::sync::server {
@@ -19,7 +22,12 @@ struct ServeRequest {
   int files_port = 0;  // 0: any free port
   ExpectedToken token;
   std::int64_t files_bytes_per_second = 0;  // 0: the object store sends as fast as it can
+  // Paths on either site (a trailing '*' covers a prefix) and how to
+  // mishandle requests for them.
+  std::vector<std::pair<std::string, Fault>> faults = {};
 };
+
+class Site;
 
 class ReferenceServer {
  public:
@@ -39,7 +47,6 @@ class ReferenceServer {
   const ServerRoot& root() const;
 
  private:
-  class Site;
   ServerRoot root_;
   TlsFiles tls_;
   std::unique_ptr<Site> files_;

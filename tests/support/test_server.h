@@ -1,6 +1,6 @@
-// A loopback HTTPS (or HTTP) server for network tests: serves byte strings
-// put into it, honours single byte ranges itself, records every request and
-// misbehaves on demand through per-path faults.
+// A loopback HTTPS (or HTTP) server for network tests: the reference
+// server's object store site over bytes held in memory, at any path, with
+// its per-path faults, recording every request.
 //
 //   TestServer server;
 //   server.put("/a.bin", "hello world");
@@ -12,57 +12,18 @@
 #define QUILLMARSH_SYNC_TESTS_SUPPORT_TEST_SERVER_H_
 
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "server/fault.h"
+
 namespace quillmarsh::sync::testing {
 
-// Orders header names without regard to ASCII case, as HTTP compares them.
-struct HeaderNameLess {
-  bool operator()(const std::string& a, const std::string& b) const;
-};
-using Headers = std::map<std::string, std::string, HeaderNameLess>;
-
-// How to mishandle requests for one path. Fields combine: the delay comes
-// first, then a redirect or a forced status, otherwise normal serving with
-// the range and body faults applied. Body faults (cut, wrong bytes, stall)
-// also shape a forced status's body.
-struct Fault {
-  // Answer with this status; the body is `body` if set, else the file's bytes.
-  std::optional<int> status{};
-  std::optional<std::string> body{};
-  // Announce the full Content-Length, send only this many body bytes, then
-  // drop the connection.
-  std::optional<std::size_t> cut_after_bytes{};
-  // Right length, every byte XOR 0xFF.
-  bool wrong_bytes = false;
-  // Sleep before sending the response head.
-  double delay_before_head_s = 0;
-  // After this many body bytes, sleep stall_s, then send the rest.
-  std::optional<std::size_t> stall_after_bytes{};
-  double stall_s = 0;
-  // A ranged request gets 200 and the whole file.
-  bool ignore_range = false;
-  // A ranged request gets 206 with only the first half (at least one byte)
-  // of the asked span; Content-Range tells the truth about what is sent.
-  bool half_range = false;
-  // 206 with the Content-Range of the asked span (the whole file if none)
-  // but an empty body.
-  bool empty_206 = false;
-  // 302 with Location: this (a path on this server or a full URL).
-  std::optional<std::string> redirect_to{};
-  // Apply to the next N requests for the path (any method, whether or not
-  // the fault changes anything for them), then serve normally. -1: always.
-  int times = -1;
-  // Serve the next N requests for the path normally before the fault
-  // applies (and before `times` starts counting): "fail the third chunk".
-  int skip = 0;
-  // Extra response headers; they override the file's headers of that name.
-  Headers headers{};
-};
+using server::Fault;
+using server::HeaderNameLess;
+using server::Headers;
 
 struct RecordedRequest {
   std::string method;

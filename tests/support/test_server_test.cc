@@ -1,6 +1,6 @@
-// The test server's ranges and the faults other suites inject through it:
-// were one of them to serve something else, a library test could pass for
-// the wrong reason.
+// The object store's ranges and the faults other suites (and `qmsync serve
+// --fault`) inject through it: were one of them to serve something else, a
+// library test could pass for the wrong reason.
 #include "tests/support/test_server.h"
 
 #include <gtest/gtest.h>
@@ -10,8 +10,13 @@
 #include <string>
 #include <thread>
 
+#include "server/publisher.h"
+#include "server/reference_server.h"
 #include "sync/engine/curl_session.h"
+#include "sync/errors.h"
+#include "sync/support/posix_file.h"
 #include "tests/support/sample_data.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/wait_until.h"
 
 namespace quillmarsh::sync::testing {
@@ -132,6 +137,58 @@ TEST_F(TestServerTest, RecordsEachRequestAsSent) {
   EXPECT_EQ(server_.request_count("/dir/a b.bin"), 1u);
   server_.clear_requests();
   EXPECT_TRUE(server_.requests().empty());
+}
+
+TEST(FaultSpec, ReadsWhatServeTakesAndRefusesTheRest) {
+  const server::Fault f =
+      server::parse_fault("status=503,cut=10,wrong-bytes,delay=0.5,stall=7@2.5,ignore-range,half-range,empty-206,"
+                          "times=2,skip=1,body=a,b");
+  EXPECT_EQ(f.status, 503);
+  EXPECT_EQ(f.cut_after_bytes, 10u);
+  EXPECT_TRUE(f.wrong_bytes && f.ignore_range && f.half_range && f.empty_206);
+  EXPECT_EQ(f.delay_before_head_s, 0.5);
+  EXPECT_EQ(f.stall_after_bytes, 7u);
+  EXPECT_EQ(f.stall_s, 2.5);
+  EXPECT_EQ(f.times, 2);
+  EXPECT_EQ(f.skip, 1);
+  EXPECT_EQ(f.body, "a,b");  // the rest, commas and all
+  EXPECT_EQ(server::parse_fault("redirect=https://h/x?a=1,b=2").redirect_to, "https://h/x?a=1,b=2");
+  for (const char* bad : {"cut", "cut=-1", "cut=1k", "stall=5", "delay=soon", "times=", "teapot"}) {
+    EXPECT_THROW(server::parse_fault(bad), ValueError) << bad;
+  }
+}
+
+TEST(FaultSpec, ReferenceServerMisbehavesOnBothSites) {
+  TempDir tmp;
+  make_dirs(tmp / "source/features/u");
+  write_file(tmp / "source/features/u/vocabulary.json", vocabulary_text(1, "u"));
+  write_file(tmp / "source/features/u/digits.txt", "0123456789");
+  server::publish_era({tmp / "source", tmp / "root", 1, 1, std::nullopt, true});
+  server::ReferenceServer server({tmp / "root", 0, 0, [] { return std::string("t"); }, 0,
+                                  {{"/era_1/features/*", {.cut_after_bytes = 3, .times = 1}},
+                                   {"/era_1/features/u/vocabulary.json", {.status = 500}},
+                                   {"/data/manifest", {.status = 503, .times = 1, .skip = 1}},
+                                   {"/data/shuffle", {.cut_after_bytes = 10}}}});
+  set_extra_ca_file(server.tls().ca_file);
+  const std::string digits = server.files_url() + "/era_1/features/u/digits.txt";
+  const OpenedResponse cut = open_http_request({digits, {}}, 10);
+  EXPECT_TRUE(cut.partial);
+  EXPECT_EQ(cut.body, "012");
+  EXPECT_EQ(open_http_request({digits, {}}, 10).body, "0123456789");
+  // An exact path wins over a prefix.
+  EXPECT_EQ(open_http_request({server.files_url() + "/era_1/features/u/vocabulary.json", {}}, 10).status, 500);
+
+  // The API's answers meet the same faults, the token still checked.
+  const HttpRequest manifest{server.api_url() + "/data/manifest", {{"Authorization", "Bearer t"}}};
+  std::vector<int> statuses;
+  for (int i = 0; i < 3; ++i) statuses.push_back(open_http_request(manifest, 10).status);
+  EXPECT_EQ(statuses, (std::vector<int>{200, 503, 200}));
+  const OpenedResponse seed =
+      open_http_request({server.api_url() + "/data/shuffle", {{"Authorization", "Bearer t"}}}, 10);
+  EXPECT_TRUE(seed.partial);
+  EXPECT_EQ(seed.body.size(), 10u);
+  EXPECT_EQ(open_http_request({server.api_url() + "/data/shuffle", {}}, 10).status, 401);
+  set_extra_ca_file(std::nullopt);
 }
 
 TEST(TestServerLifecycle, DestructorEndsResponsesHeldByDelaysAndStalls) {
