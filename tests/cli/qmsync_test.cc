@@ -59,7 +59,7 @@ TEST_F(QmsyncTest, AnInterruptedSyncSaysWhatItKeptAndTheNextOneFinishes) {
   start_server({"--rate-limit", "8"});
   std::vector<std::string> argv = client({"sync"});
   argv.insert(argv.begin(), QMSYNC_BINARY);
-  BackgroundProcess sync(argv, tmp_ / "interrupted.err");
+  Child sync(argv, tmp_ / "interrupted.out", tmp_ / "interrupted.err");
   const bool downloading = wait_until([&] {
     return !find_entries(data_dir(), [](std::string_view name) { return name.ends_with(".tmp"); }).empty();
   });
