@@ -52,9 +52,6 @@ class QmsyncTest : public ::testing::Test {
 
   std::string source_dir() const { return tmp_ / "source"; }
   std::string root_dir() const { return tmp_ / "root"; }
-  // The data directory's parent holds nothing else, so anything written
-  // outside the data directory shows up there.
-  std::string work_dir() const { return tmp_ / "work"; }
   std::string data_dir() const { return tmp_ / "work/data"; }
   std::string token_path() const { return tmp_ / "token"; }
 
