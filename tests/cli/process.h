@@ -1,5 +1,8 @@
-// Running qmsync as a process, as a user would: to its end with its output
-// captured, or in the background with its first lines read as they come.
+// Child processes of the tests (qmsync run as a user runs it, the crash
+// harness's victims): run to their end with their output captured, left
+// running with their stdout read line by line, or killed at any moment.
+// Every wait has a deadline, so that a child that hangs fails its test
+// instead of holding it until ctest gives up on the whole executable.
 #ifndef QUILLMARSH_SYNC_TESTS_CLI_PROCESS_H_
 #define QUILLMARSH_SYNC_TESTS_CLI_PROCESS_H_
 
@@ -10,12 +13,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <stdexcept>
 #include <chrono>
+#include <cstring>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "sync/support/posix_file.h"
@@ -23,6 +27,9 @@
 extern char** environ;
 
 namespace quillmarsh::sync::testing {
+
+// Long enough for any one qmsync run the tests make, short of ctest's limit.
+inline constexpr double kProcessTimeoutS = 60;
 
 struct ProcessResult {
   int exit_code = -1;
@@ -49,133 +56,137 @@ inline std::vector<std::string> child_environment(const std::vector<std::string>
   return env;
 }
 
-inline std::vector<char*> c_strings(std::vector<std::string>& items) {
-  std::vector<char*> out;
-  for (std::string& item : items) out.push_back(item.data());
-  out.push_back(nullptr);
-  return out;
-}
-
 inline int exit_code_of(int status) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Sends `signal_number` to `pid` and waits for it: the exit code, or 128 +
-// the signal that ended it.
-inline int signal_and_reap(pid_t pid, int signal_number) {
-  ::kill(pid, signal_number);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return exit_code_of(status);
-}
-
-inline pid_t spawn(std::vector<std::string> argv, std::vector<std::string> env,
-                   posix_spawn_file_actions_t* actions) {
-  std::vector<char*> c_argv = c_strings(argv);
-  std::vector<char*> c_env = c_strings(env);
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, c_argv[0], actions, nullptr, c_argv.data(), c_env.data());
-  if (rc != 0) throw std::runtime_error("posix_spawn " + argv[0] + ": " + std::strerror(rc));
-  return pid;
-}
-
-// Runs `argv` to its end; stdout and stderr go through files in `scratch_dir`.
-inline ProcessResult run_process(const std::vector<std::string>& argv, const std::string& scratch_dir,
-                                 const std::vector<std::string>& extra_env = {}) {
-  const std::string out_path = scratch_dir + "/stdout.txt";
-  const std::string err_path = scratch_dir + "/stderr.txt";
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  pid_t pid = -1;
-  try {
-    pid = spawn(argv, child_environment(extra_env), &actions);
-  } catch (...) {
-    posix_spawn_file_actions_destroy(&actions);
-    throw;
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) throw std::runtime_error("waitpid failed");
-  }
-  return {exit_code_of(status), read_file(out_path), read_file(err_path)};
-}
-
-// A process left running, its stdout on a pipe read line by line and its
-// stderr in a file. Stopped with SIGTERM when it goes.
-class BackgroundProcess {
+// One child, stdin from /dev/null. Killed with SIGKILL if it still runs when
+// this goes.
+class Child {
  public:
-  BackgroundProcess(const std::vector<std::string>& argv, const std::string& err_path,
-                    const std::vector<std::string>& env = {}) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
+  // stdout goes to `out_path`, or to a pipe that read_line_for reads when it
+  // is empty; stderr to `err_path`, or where stdout goes when it is empty.
+  Child(std::vector<std::string> argv, const std::string& out_path, const std::string& err_path,
+        const std::vector<std::string>& env = {}) {
+    int fds[2] = {-1, -1};
+    if (out_path.empty() && pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    try {
-      pid_ = spawn(argv, child_environment(env), &actions);
-    } catch (...) {
-      posix_spawn_file_actions_destroy(&actions);
-      ::close(fds[0]);
-      ::close(fds[1]);
-      throw;
+    if (out_path.empty()) {
+      posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+    } else {
+      posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     }
+    if (err_path.empty()) {
+      posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    } else {
+      posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    }
+    std::vector<std::string> env_items = child_environment(env);
+    const auto c_strings = [](std::vector<std::string>& items) {
+      std::vector<char*> out;
+      for (std::string& item : items) out.push_back(item.data());
+      out.push_back(nullptr);
+      return out;
+    };
+    std::vector<char*> c_argv = c_strings(argv);
+    std::vector<char*> c_env = c_strings(env_items);
+    const int rc = posix_spawn(&pid_, c_argv[0], &actions, nullptr, c_argv.data(), c_env.data());
     posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
+    if (fds[1] >= 0) ::close(fds[1]);
     out_fd_ = fds[0];
+    if (rc != 0) {
+      pid_ = -1;
+      if (out_fd_ >= 0) ::close(out_fd_);
+      throw std::runtime_error("posix_spawn " + argv[0] + ": " + std::strerror(rc));
+    }
   }
-  ~BackgroundProcess() {
-    if (pid_ > 0) stop();
+  ~Child() {
+    if (pid_ > 0) kill_now();
     if (out_fd_ >= 0) ::close(out_fd_);
   }
-  BackgroundProcess(const BackgroundProcess&) = delete;
-  BackgroundProcess& operator=(const BackgroundProcess&) = delete;
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
 
-  // The next line of stdout, without its newline; what there is at its end.
-  std::string read_line() {
-    std::string line;
-    char c;
-    while (::read(out_fd_, &c, 1) == 1 && c != '\n') line += c;
-    return line;
-  }
-
-  // As read_line, but gives up after `timeout_s` seconds in all, returning
-  // absent, so that a process that never says something fails a test
-  // instead of hanging it.
+  // The next line of stdout, without its newline; absent when none comes
+  // within `timeout_s` in all, or stdout ends first.
   std::optional<std::string> read_line_for(double timeout_s) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout_s);
     std::string line;
     while (true) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
       if (left.count() <= 0) return std::nullopt;
       pollfd pfd{out_fd_, POLLIN, 0};
       if (::poll(&pfd, 1, static_cast<int>(left.count())) <= 0) continue;
       char c;
-      if (::read(out_fd_, &c, 1) != 1) return line.empty() ? std::nullopt : std::optional<std::string>(line);
+      if (::read(out_fd_, &c, 1) != 1) return std::nullopt;
       if (c == '\n') return line;
       line += c;
     }
   }
 
-  // Sends SIGTERM and returns the exit code.
-  int stop() { return stop_with(SIGTERM); }
-  // Sends `signal_number`; the exit code, or 128 + the signal that ended it.
-  int stop_with(int signal_number) {
-    const int code = signal_and_reap(pid_, signal_number);
+  // The exit code (128 + the signal that ended it) once it ends within
+  // `timeout_s`; absent while it runs.
+  std::optional<int> wait_for(double timeout_s) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout_s);
+    while (true) {
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return exit_code_of(status);
+      }
+      if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+      std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+  }
+
+  // Sends `signal_number` and waits up to `timeout_s` for the end; a child
+  // that outlives that is killed, and its code is then 128 + SIGKILL.
+  int stop_with(int signal_number, double timeout_s = 30) {
+    ::kill(pid_, signal_number);
+    if (const auto code = wait_for(timeout_s)) return *code;
+    return kill_now();
+  }
+  int kill_now() {
+    ::kill(pid_, SIGKILL);
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
     pid_ = -1;
-    return code;
+    return exit_code_of(status);
   }
 
  private:
   pid_t pid_ = -1;
   int out_fd_ = -1;
 };
+
+// Runs `argv` to its end, killed after `timeout_s`; the exit code (128 +
+// SIGKILL when killed). stdout and stderr both go to `log_path`.
+inline int run_child(const std::vector<std::string>& argv, const std::string& log_path, double timeout_s,
+                     const std::vector<std::string>& env = {}) {
+  Child child(argv, log_path, "", env);
+  if (const auto code = child.wait_for(timeout_s)) return *code;
+  return child.kill_now();
+}
+
+// Runs `argv` to its end with stdout and stderr captured through files in
+// `scratch_dir`. One that runs past `timeout_s` is killed and says so on stderr.
+inline ProcessResult run_process(const std::vector<std::string>& argv, const std::string& scratch_dir,
+                                 const std::vector<std::string>& extra_env = {},
+                                 double timeout_s = kProcessTimeoutS) {
+  const std::string out_path = scratch_dir + "/stdout.txt";
+  const std::string err_path = scratch_dir + "/stderr.txt";
+  Child child(argv, out_path, err_path, extra_env);
+  std::optional<int> code = child.wait_for(timeout_s);
+  const bool hung = !code;
+  if (hung) code = child.kill_now();
+  ProcessResult result{*code, read_file(out_path), read_file(err_path)};
+  if (hung) result.err += "\n[killed: still running after " + std::to_string(timeout_s) + " s]\n";
+  return result;
+}
 
 }  // namespace quillmarsh::sync::testing
 

@@ -3,7 +3,9 @@
 // trials' business.
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <signal.h>
+
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -38,28 +40,16 @@ class QmsyncEraTest : public QmsyncTest {
     write_source();
     publish(1, 2);
   }
-
-  std::map<std::string, std::string> live_files() const {
-    std::map<std::string, std::string> files;
-    for (const char* path : {"features/equities/prices.bin", "features/futures/rolls.bin",
-                                    "docs/readme.txt", "manifest.json", "shuffle_seed.enc"}) {
-      files[path] = read_file(data_dir() + "/" + std::string(path));
-    }
-    return files;
-  }
 };
 
 TEST_F(QmsyncEraTest, TransitionRefusesAnEraTheServerDoesNotServeAndThenMovesWhenItDoes) {
   publish_era_2();
-  const auto before = live_files();
-
+  // What a refusal leaves on disk is the transition suite's business.
   const ProcessResult refused = qmsync(client({"transition", "2"}));
   EXPECT_EQ(refused.exit_code, 5) << refused.err;
   EXPECT_NE(refused.err.find("error: EraError: Active era_id=1 does not match requested transition era_id=2"),
             std::string::npos)
       << refused.err;
-  EXPECT_EQ(live_files(), before);
-  EXPECT_FALSE(path_exists(data_dir() + "/.transition_lock"));
 
   set_era_state(R"({"era": {"era_id": 2, "min_library_version": "999.0"}, "state": "active"})");
   const ProcessResult too_old = qmsync(client({"transition", "2"}));
@@ -67,7 +57,6 @@ TEST_F(QmsyncEraTest, TransitionRefusesAnEraTheServerDoesNotServeAndThenMovesWhe
   EXPECT_NE(too_old.err.find("error: LibraryUpdateRequired: quillmarsh >= 999.0 required for era 2."),
             std::string::npos)
       << too_old.err;
-  EXPECT_EQ(live_files(), before);
 
   set_era_state(R"({"era": {"era_id": 2, "min_library_version": "0.0.1"}, "state": "active"})");
   // Until the move, sync and status both point to it.
@@ -79,57 +68,35 @@ TEST_F(QmsyncEraTest, TransitionRefusesAnEraTheServerDoesNotServeAndThenMovesWhe
   ASSERT_EQ(moved.exit_code, 0) << moved.err;
   // A person's transition asks nothing of host modules it does not have.
   EXPECT_EQ(moved.err, "");
-  const Json result = parse_json_text(moved.out);
-  EXPECT_EQ(result["era_id"], 2);
+  EXPECT_EQ(parse_json_text(moved.out)["era_id"], 2);
   expect_mirrors_source();
-  EXPECT_FALSE(path_exists(data_dir() + "/features/futures/rolls.bin"));
-  EXPECT_EQ(read_file(data_dir() + "/shuffle_seed.enc"), read_file(root_dir() + "/era_2/shuffle_seed.enc"));
-  // The server's manifest as it was served, which adds the object store's URL.
-  Json served = parse_json_text(read_file(data_dir() + "/manifest.json"));
-  EXPECT_TRUE(served["base_url"].is_string());
-  served.erase("base_url");
-  EXPECT_EQ(json_text(served), read_file(root_dir() + "/era_2/manifest.json"));
-
-  const ProcessResult verify = qmsync({"verify", "--data-dir", data_dir()});
-  EXPECT_EQ(verify.exit_code, 0) << verify.out;
-  const ProcessResult idle = qmsync(client({"sync", "--json"}));
-  ASSERT_EQ(idle.exit_code, 0) << idle.err;
-  EXPECT_EQ(parse_json_text(idle.out)["bytes_downloaded"], 0);
 }
 
-TEST_F(QmsyncEraTest, CleanupCountsTheBytesOfOldErasAndAllTakesTheCurrentDataButKeepsState) {
+// What cleanup removes and keeps is the service suite's; here, what the
+// command asks and prints.
+TEST_F(QmsyncEraTest, CleanupPrintsTheBytesFreedAndAllWantsYesOffATerminal) {
   const std::string old_era = data_dir() + "/era_0";
-  make_dirs(old_era + "/deep");
-  write_file(old_era + "/a.bin", std::string(1000, 'a'));
-  write_file(old_era + "/deep/b.bin", std::string(234, 'b'));
-
+  make_dirs(old_era);
+  write_file(old_era + "/a.bin", std::string(1234, 'a'));
   const ProcessResult cleanup = qmsync({"cleanup", "--data-dir", data_dir(), "--json"});
   ASSERT_EQ(cleanup.exit_code, 0) << cleanup.err;
   EXPECT_EQ(parse_json_text(cleanup.out)["bytes_freed"], 1234);
-  EXPECT_FALSE(path_exists(old_era));
-  expect_mirrors_source();
 
-  std::int64_t current_bytes = 0;
-  for (const auto& [path, bytes] : source_files_) current_bytes += static_cast<std::int64_t>(bytes.size());
-  current_bytes += stat_path(data_dir() + "/manifest.json").size + stat_path(data_dir() + "/shuffle_seed.enc").size;
-  // Off a terminal --all needs --yes; a dry run counts what the real one frees.
   EXPECT_EQ(qmsync({"cleanup", "--all", "--data-dir", data_dir()}).exit_code, 2);
+  expect_mirrors_source();
+  // A dry run counts what the real one frees.
   const ProcessResult dry = qmsync({"cleanup", "--all", "--dry-run", "--data-dir", data_dir(), "--json"});
-  EXPECT_EQ(parse_json_text(dry.out)["bytes"], current_bytes) << dry.err;
   expect_mirrors_source();
   const ProcessResult all = qmsync({"cleanup", "--all", "--yes", "--data-dir", data_dir(), "--json"});
   ASSERT_EQ(all.exit_code, 0) << all.err;
-  EXPECT_EQ(parse_json_text(all.out)["bytes_freed"], current_bytes);
+  EXPECT_EQ(parse_json_text(all.out)["bytes_freed"], parse_json_text(dry.out)["bytes"]) << dry.out;
   EXPECT_FALSE(path_exists(data_dir() + "/features"));
-  EXPECT_FALSE(path_exists(data_dir() + "/manifest.json"));
-  EXPECT_TRUE(path_exists(data_dir() + "/shuffle_seed.enc.meta.json"));
-  EXPECT_TRUE(path_exists(data_dir() + "/.sync_hash_cache.json"));
 }
 
-TEST_F(QmsyncEraTest, WatchFollowsANewVersionAndThenAnEraChangeAndStopsCleanlyOnSigterm) {
+TEST_F(QmsyncEraTest, WatchFollowsAnEraChangeAndStopsCleanlyOnSigterm) {
   std::vector<std::string> argv = client({"watch", "--poll-interval", "1", "--json"});
   argv.insert(argv.begin(), QMSYNC_BINARY);
-  BackgroundProcess watch(argv, tmp_ / "watch.err");
+  Child watch(argv, "", tmp_ / "watch.err");
   // Waits until event lines of each (kind, text in its message) have come,
   // in any order: the era monitor's lines and the main loop's race.
   const auto wait_for_all = [&](std::vector<std::pair<std::string, std::string>> wanted) {
@@ -146,22 +113,13 @@ TEST_F(QmsyncEraTest, WatchFollowsANewVersionAndThenAnEraChangeAndStopsCleanlyOn
   const auto wait_for = [&](const std::string& kind, const std::string& text) { return wait_for_all({{kind, text}}); };
   ASSERT_TRUE(wait_for("start", "era 1, version 1")) << read_file(tmp_ / "watch.err");
 
-  source_files_["docs/added.txt"] = "A file of version 2.\n";
-  write_source();
-  publish(2);
-  ASSERT_TRUE(wait_for("manifest", "era 1, version 2")) << read_file(tmp_ / "watch.err");
-  expect_mirrors_source();
-
   publish_era_2();
   set_era_state(R"({"era_id": 2, "state": "active"})");
   ASSERT_TRUE(wait_for_all({{"era_changed", "from era 1 to era 2"}, {"manifest", "era 2, version 1"}}))
       << read_file(tmp_ / "watch.err");
   expect_mirrors_source();
-  EXPECT_FALSE(path_exists(data_dir() + "/features/futures/rolls.bin"));
 
-  const auto stop_started = std::chrono::steady_clock::now();
-  EXPECT_EQ(watch.stop(), 0) << read_file(tmp_ / "watch.err");
-  EXPECT_LT(std::chrono::steady_clock::now() - stop_started, std::chrono::seconds(10));
+  EXPECT_EQ(watch.stop_with(SIGTERM), 0) << read_file(tmp_ / "watch.err");
   for (const char* leftover : {".sync_flock", ".transition_lock", ".transition_era2.tmp"}) {
     EXPECT_FALSE(path_exists(data_dir() + "/" + leftover)) << leftover;
   }

@@ -8,6 +8,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,9 +52,6 @@ class QmsyncTest : public ::testing::Test {
 
   std::string source_dir() const { return tmp_ / "source"; }
   std::string root_dir() const { return tmp_ / "root"; }
-  // The data directory's parent holds nothing else, so anything written
-  // outside the data directory shows up there.
-  std::string work_dir() const { return tmp_ / "work"; }
   std::string data_dir() const { return tmp_ / "work/data"; }
   std::string token_path() const { return tmp_ / "token"; }
 
@@ -84,10 +82,10 @@ class QmsyncTest : public ::testing::Test {
     publish(1);
     std::vector<std::string> argv = {QMSYNC_BINARY, "serve", "--root", root_dir(), "--token-file", token_path(), "--json"};
     argv.insert(argv.end(), serve_options.begin(), serve_options.end());
-    server_ = std::make_unique<BackgroundProcess>(argv, tmp_ / "serve.err");
-    const std::string line = server_->read_line();
-    ASSERT_FALSE(line.empty()) << read_file(tmp_ / "serve.err");
-    const Json started = parse_json_text(line);
+    server_ = std::make_unique<Child>(argv, "", tmp_ / "serve.err");
+    const std::optional<std::string> line = server_->read_line_for(kProcessTimeoutS);
+    ASSERT_TRUE(line) << read_file(tmp_ / "serve.err");
+    const Json started = parse_json_text(*line);
     api_url_ = started["api_url"].get<std::string>();
     ca_file_ = started["ca_file"].get<std::string>();
   }
@@ -102,7 +100,7 @@ class QmsyncTest : public ::testing::Test {
 
   TempDir tmp_;
   std::map<std::string, std::string> source_files_;
-  std::unique_ptr<BackgroundProcess> server_;
+  std::unique_ptr<Child> server_;
   std::string api_url_;
   std::string ca_file_;
 };

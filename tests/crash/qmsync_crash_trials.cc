@@ -25,7 +25,7 @@
 
 #include "sync/engine/file_primitives.h"
 #include "sync/support/posix_file.h"
-#include "tests/crash/child.h"
+#include "tests/cli/process.h"
 #include "tests/crash/disk_state.h"
 #include "tests/crash/served_world.h"
 #include "tests/support/temp_dir.h"
@@ -212,7 +212,7 @@ int main(int argc, char** argv) {
     } else {
       spoil_responses(world, target, likely_fetched, rng);
       kill_after_s = std::uniform_real_distribution<double>(0, reach_s[static_cast<int>(kind)])(rng);
-      Child child(qmsync(command), tmp / "killed.log", env);
+      Child child(qmsync(command), tmp / "killed.log", "", env);
       ended = child.wait_for(kill_after_s);
       if (!ended) child.kill_now();
       reach_s[static_cast<int>(kind)] *= ended ? 0.9 : 1.03;

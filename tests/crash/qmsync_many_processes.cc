@@ -24,7 +24,7 @@
 
 #include "cli/exit_codes.h"
 #include "sync/support/posix_file.h"
-#include "tests/crash/child.h"
+#include "tests/cli/process.h"
 #include "tests/crash/disk_state.h"
 #include "tests/crash/served_world.h"
 #include "tests/support/temp_dir.h"

@@ -59,7 +59,7 @@ class ServedEra:
     """A server root under `tmp` with era 1 published from `files`, served
     until stop()."""
 
-    def __init__(self, tmp, files, serve_options=()):
+    def __init__(self, tmp, files):
         self.tmp = tmp
         self.files = dict(files)
         self.source_dir = os.path.join(tmp, "source")
@@ -70,8 +70,7 @@ class ServedEra:
         self.publish(era=1, version=1)
         self._err = open(os.path.join(tmp, "serve.err"), "w")
         self._server = subprocess.Popen(
-            [QMSYNC, "serve", "--root", self.root_dir, "--token-file", self.token_path, "--json",
-             *serve_options],
+            [QMSYNC, "serve", "--root", self.root_dir, "--token-file", self.token_path, "--json"],
             stdout=subprocess.PIPE, stderr=self._err, text=True)
         line = self._server.stdout.readline()
         if not line:
@@ -119,14 +118,12 @@ class ServedEra:
 class ServedEraTest(unittest.TestCase):
     """One served era per test class; a fresh data directory per test."""
 
-    serve_options = ()  # more options of `qmsync serve`, such as a rate limit
-
     @classmethod
     def setUpClass(cls):
         import quillmarsh
         import quillmarsh_sync
         cls.tmp = tempfile.mkdtemp(prefix="qmsync-py-")
-        cls.era = ServedEra(cls.tmp, era_one_files(), cls.serve_options)
+        cls.era = ServedEra(cls.tmp, era_one_files())
         quillmarsh_sync.set_extra_ca_file(cls.era.ca_file)
         cls.quillmarsh = quillmarsh
 
