@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcpp-httplib-dev libcli11-dev help2man
   clang libclang-rt-14-dev
-  pybind11-dev python3-dev python3-build python3-venv python3-setuptools python3-wheel
+  pybind11-dev python3-dev python3-build python3-venv python3-setuptools python3-wheel mypy
 )
 
 missing=()

@@ -1,58 +1,27 @@
-# Types of quillmarsh_sync for editors and type checkers; the classes live in
-# _errors.py, _records.py and the compiled _core.
+# Types of quillmarsh_sync for editors and type checkers. The failures and
+# the records are typed where they are defined (_errors.py, _records.py);
+# this adds the compiled _core's classes.
 
 import os
-from dataclasses import dataclass
 from typing import Any, Callable, Dict, List, Optional, Sequence, Union
+
+from ._errors import (
+    AuthError as AuthError,
+    DiskSpaceError as DiskSpaceError,
+    EraError as EraError,
+    IntegrityError as IntegrityError,
+    LibraryUpdateRequired as LibraryUpdateRequired,
+    ManifestError as ManifestError,
+    StateError as StateError,
+    SyncError as SyncError,
+)
+from ._records import DownloadProgress as DownloadProgress, SyncResult as SyncResult, VerifyResult as VerifyResult
 
 __version__: str
 
 _Path = Union[str, "os.PathLike[str]"]
 # A JSON value as the manifest held it: dict, list, str, int, float, bool or None.
 _Json = Any
-
-class SyncError(Exception): ...
-class DiskSpaceError(SyncError): ...
-class IntegrityError(SyncError): ...
-class EraError(SyncError): ...
-class ManifestError(SyncError): ...
-
-# Misuse of the manager's state; deliberately no SyncError.
-class StateError(Exception): ...
-
-# The host's classes when its modules load (quillmarsh.auth,
-# quillmarsh.deployment), else the package's own.
-class AuthError(Exception): ...
-class LibraryUpdateRequired(Exception): ...
-
-@dataclass
-class SyncResult:
-    features_downloaded: int = 0
-    useful_signals_downloaded: int = 0
-    bytes_downloaded: int = 0
-    era_id: int = 0
-    t_signal_is: int = 0
-    t_strategy_is: int = 0
-    n_instruments: int = 0
-    n_features: int = 0
-    n_useful_signals: int = 0
-    n_found_strategies: int = 0
-    pnl_column_count: int = 0
-    vocabulary_downloaded: bool = False
-    shuffle_seed_downloaded: bool = False
-
-@dataclass
-class VerifyResult:
-    valid: bool = True
-    corrupted_files: List[str] = ...
-    missing_files: List[str] = ...
-
-@dataclass
-class DownloadProgress:
-    files_done: int = 0
-    files_selected: int = 0
-    bytes_done: int = 0
-    bytes_selected: int = 0
 
 class Manifest:
     def __init__(self, data: Dict[str, _Json]) -> None: ...
