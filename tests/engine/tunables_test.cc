@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
+#include <functional>
 #include <limits>
 
 #include "sync/support/log.h"
@@ -12,68 +12,59 @@
 namespace quillmarsh::sync {
 namespace {
 
-using testing::ScopedEnv;
+std::string shown(double v) { return std::to_string(v); }
+std::string shown(std::int64_t v) { return std::to_string(v); }
+std::string shown(std::optional<double> v) { return v ? shown(*v) : "absent"; }
 
-class Tunables : public ::testing::Test {
- protected:
-  void SetUp() override {
-    for (const char* name : {"QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "QUILLMARSH_SYNC_HTTP_TIMEOUT",
-                             "QUILLMARSH_SYNC_HTTP_RETRIES", "QUILLMARSH_SYNC_HTTP_CHUNK_BYTES",
-                             "QUILLMARSH_SYNC_MAX_CONCURRENCY", "QUILLMARSH_SYNC_PARALLEL_TIMEOUT_SECONDS"}) {
-      env_.unset(name);
+// The other suites set these variables to shape their runs; here, how each
+// reader takes a value it cannot use: clamped silently, or the default with
+// a warning.
+TEST(Tunables, EachReaderClampsSilentlyOrFallsBackLoudly) {
+  const std::string kMax = std::to_string(std::numeric_limits<std::int64_t>::max());
+  const std::function<std::string()> timeout = [] { return shown(_sync_http_timeout_seconds()); };
+  const std::function<std::string()> retries = [] { return shown(_sync_http_retries()); };
+  const std::function<std::string()> chunk = [] { return shown(_sync_http_chunk_bytes()); };
+  const std::function<std::string()> workers = [] { return shown(_sync_max_concurrency()); };
+  const std::function<std::string()> batch = [] { return shown(_sync_parallel_timeout_seconds(10, 8)); };
+  struct Case {
+    std::vector<std::pair<const char*, const char*>> env;
+    const std::function<std::string()>& read;
+    std::string expected;
+    bool warns;
+  };
+  const Case cases[] = {
+      {{{"HTTP_TIMEOUT", "5"}}, timeout, shown(5.0), false},
+      // Set but empty: the default, and the old name shadowed.
+      {{{"HTTP_TIMEOUT", "5"}, {"HTTP_TIMEOUT_SECONDS", ""}}, timeout, shown(30.0), false},
+      {{{"HTTP_TIMEOUT", "soon"}}, timeout, shown(30.0), true},
+      {{{"HTTP_TIMEOUT_SECONDS", "  "}}, timeout, shown(30.0), true},  // blanks are not empty
+      {{{"HTTP_TIMEOUT_SECONDS", "-1"}}, timeout, shown(30.0), true},
+      {{{"HTTP_TIMEOUT_SECONDS", "nan"}}, timeout, "nan", false},  // only the batch timeout refuses NaN
+      {{{"HTTP_RETRIES", "-3"}}, retries, "0", false},
+      {{{"MAX_CONCURRENCY", "0"}}, workers, "1", false},
+      {{{"HTTP_CHUNK_BYTES", " 4096 "}}, chunk, "4096", false},
+      {{{"PARALLEL_TIMEOUT_SECONDS", ""}}, batch, "absent", false},  // absent, not a computed bound
+      // No upper bound: digits beyond 64 bits saturate, and below the clamp still applies.
+      {{{"HTTP_RETRIES", "123456789012345678901234567890"}}, retries, kMax, false},
+      {{{"HTTP_CHUNK_BYTES", "99999999999999999999"}}, chunk, kMax, false},
+      {{{"HTTP_RETRIES", "-99999999999999999999"}}, retries, "0", false},
+      {{{"MAX_CONCURRENCY", "-99999999999999999999"}}, workers, "1", false},
+      {{{"HTTP_CHUNK_BYTES", "0"}}, chunk, "8388608", true},
+      {{{"HTTP_RETRIES", "2.0"}}, retries, "2", true},
+      {{{"MAX_CONCURRENCY", "many"}}, workers, "8", true},
+      {{{"PARALLEL_TIMEOUT_SECONDS", "nan"}}, batch, "absent", true},
+  };
+  for (const Case& c : cases) {
+    testing::ScopedEnv env;
+    for (const char* name : {"HTTP_TIMEOUT_SECONDS", "HTTP_TIMEOUT", "HTTP_RETRIES", "HTTP_CHUNK_BYTES",
+                             "MAX_CONCURRENCY", "PARALLEL_TIMEOUT_SECONDS"}) {
+      env.unset(std::string("QUILLMARSH_SYNC_") + name);
     }
+    for (const auto& [name, value] : c.env) env.set(std::string("QUILLMARSH_SYNC_") + name, value);
+    LogCapture log;
+    EXPECT_EQ(c.read(), c.expected) << c.env.back().first << "=" << c.env.back().second;
+    EXPECT_EQ(log.count_at(LogLevel::warning), c.warns ? 1u : 0u) << c.env.back().first << "=" << c.env.back().second;
   }
-  ScopedEnv env_;
-  LogCapture log_;
-};
-
-// The other suites set these variables to shape their runs; the defaults
-// themselves are plain constants.
-TEST_F(Tunables, TheTimeoutPrefersTheNewNameByPresenceAndWarnsUnderItsName) {
-  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT", "5");
-  EXPECT_EQ(_sync_http_timeout_seconds(), 5.0);
-  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "");  // set but empty: the default, the old name shadowed
-  EXPECT_EQ(_sync_http_timeout_seconds(), 30.0);
-  EXPECT_TRUE(log_.records().empty());
-  env_.unset("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS").set("QUILLMARSH_SYNC_HTTP_TIMEOUT", "soon");
-  EXPECT_EQ(_sync_http_timeout_seconds(), 30.0);
-  EXPECT_EQ(log_.count(LogLevel::warning, "Invalid QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS='soon'; using 30.0s"), 1u);
-  for (const char* value : {"  ", "-1"}) {  // blanks are not empty
-    env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", value);
-    EXPECT_EQ(_sync_http_timeout_seconds(), 30.0) << value;
-  }
-  EXPECT_EQ(log_.count_at(LogLevel::warning), 3u);
-  // Only the batch timeout refuses NaN.
-  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "nan");
-  EXPECT_TRUE(std::isnan(_sync_http_timeout_seconds()));
-}
-
-TEST_F(Tunables, IntegerReadersClampSilentlyAndUnusableValuesFallBackLoudly) {
-  env_.set("QUILLMARSH_SYNC_HTTP_RETRIES", "-3").set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "0");
-  env_.set("QUILLMARSH_SYNC_HTTP_CHUNK_BYTES", " 4096 ").set("QUILLMARSH_SYNC_PARALLEL_TIMEOUT_SECONDS", "");
-  EXPECT_EQ(_sync_http_retries(), 0);
-  EXPECT_EQ(_sync_max_concurrency(), 1);
-  EXPECT_EQ(_sync_http_chunk_bytes(), 4096);
-  EXPECT_EQ(_sync_parallel_timeout_seconds(10, 8), std::nullopt);  // absent, not a computed bound
-  // No upper bound: digits beyond 64 bits saturate, and below the clamp still applies.
-  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-  env_.set("QUILLMARSH_SYNC_HTTP_RETRIES", "123456789012345678901234567890");
-  env_.set("QUILLMARSH_SYNC_HTTP_CHUNK_BYTES", "99999999999999999999");
-  EXPECT_EQ(_sync_http_retries(), kMax);
-  EXPECT_EQ(_sync_http_chunk_bytes(), kMax);
-  env_.set("QUILLMARSH_SYNC_HTTP_RETRIES", "-99999999999999999999");
-  env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "-99999999999999999999");
-  EXPECT_EQ(_sync_http_retries(), 0);
-  EXPECT_EQ(_sync_max_concurrency(), 1);
-  EXPECT_TRUE(log_.records().empty());
-
-  env_.set("QUILLMARSH_SYNC_HTTP_CHUNK_BYTES", "0").set("QUILLMARSH_SYNC_HTTP_RETRIES", "2.0");
-  env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "many").set("QUILLMARSH_SYNC_PARALLEL_TIMEOUT_SECONDS", "nan");
-  EXPECT_EQ(_sync_http_chunk_bytes(), 8388608);
-  EXPECT_EQ(_sync_http_retries(), 2);
-  EXPECT_EQ(_sync_max_concurrency(), 8);
-  EXPECT_EQ(_sync_parallel_timeout_seconds(1, 1), std::nullopt);
-  EXPECT_EQ(log_.count_at(LogLevel::warning), 4u);
 }
 
 }  // namespace

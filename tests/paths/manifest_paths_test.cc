@@ -131,27 +131,27 @@ TEST(ManifestPathsUrl, RefusesBadBaseUrlsAfterThePath) {
 }
 
 TEST(ManifestPathsGroupKey, KeysFilesUnderTheirRootsEpochAndNothingElse) {
-  EXPECT_EQ(_agent_signal_group_key("useful_signals/a/b/signal_os/deep/er.bin", "useful_signals"),
-            "useful_signals/a/b");
-  EXPECT_EQ(_agent_signal_group_key(Json("found_signals/x/y/signal_is/f"), "found_signals/"), "found_signals/x/y");
-  EXPECT_EQ(_agent_signal_group_key("found_strategies/x/y/strategy_is/f", "found_strategies/"),
-            "found_strategies/x/y");
-  const std::pair<const char*, const char*> cases[] = {
-      {"useful_signals/a/b/signal_is/f.bin", "useful_signals/"},  // another root's epoch
-      {"useful_signals/a/b/signal_os", "useful_signals/"},        // four segments
-      {"found_signals/a/b/signal_is/f", "useful_signals/"},       // prefix not matched
-      {"other/a/b/signal_os/f", "other/"},                        // root not in the table
-      {"useful_signalsX/a/b/signal_os/f", "useful_signals"},
+  struct Case {
+    Json path;
+    const char* prefix;
+    std::optional<std::string> key;
   };
-  for (const auto& [path, prefix] : cases) {
-    EXPECT_EQ(_agent_signal_group_key(path, prefix), std::nullopt) << path << " " << prefix;
-  }
-  EXPECT_EQ(_agent_signal_group_key(Json(7), "useful_signals/"), std::nullopt);
+  const Case cases[] = {
+      {"useful_signals/a/b/signal_os/deep/er.bin", "useful_signals", "useful_signals/a/b"},
+      {"found_signals/x/y/signal_is/f", "found_signals/", "found_signals/x/y"},
+      {"found_strategies/x/y/strategy_is/f", "found_strategies/", "found_strategies/x/y"},
+      {"useful_signals/a/b/signal_is/f.bin", "useful_signals/", std::nullopt},  // another root's epoch
+      {"useful_signals/a/b/signal_os", "useful_signals/", std::nullopt},        // four segments
+      {"found_signals/a/b/signal_is/f", "useful_signals/", std::nullopt},       // prefix not matched
+      {"other/a/b/signal_os/f", "other/", std::nullopt},                        // root not in the table
+      {"useful_signalsX/a/b/signal_os/f", "useful_signals", std::nullopt},
+      {7, "useful_signals/", std::nullopt},
+  };
+  for (const Case& c : cases) EXPECT_EQ(_agent_signal_group_key(c.path, c.prefix), c.key) << c.path << " " << c.prefix;
 }
 
-TEST(ManifestPathsEraId, ParsesBothPrefixes) {
-  EXPECT_EQ(_parse_era_directory_id("era_12"), 12);
-  EXPECT_EQ(_parse_era_directory_id("era007"), 7);
+// The common names are the clean-up suite's; the edges are here.
+TEST(ManifestPathsEraId, ParsesUpToTheLargestIdAndNothingOdd) {
   EXPECT_EQ(_parse_era_directory_id("era_9223372036854775807"), std::numeric_limits<std::int64_t>::max());
   for (const char* name : {"era_", "era_-1", "era__1", "era_ 1", "Era_1", "era_9223372036854775808"}) {
     EXPECT_EQ(_parse_era_directory_id(name), std::nullopt) << name;
