@@ -39,7 +39,7 @@ TEST(NamedUniverse, CleansOrRefuses) {
   }
 }
 
-TEST(VocabularyPath, GivesTheUniverseOfExactlyThreeSegmentsAndAManifestsPathsSorted) {
+TEST(VocabularyPath, GivesTheUniverseOfExactlyThreeSegments) {
   const std::pair<const char*, std::optional<std::string>> cases[] = {
       {"features\\x\\vocabulary.json/", "x"},
       {"features/ x /vocabulary.json", "x"},
@@ -54,17 +54,6 @@ TEST(VocabularyPath, GivesTheUniverseOfExactlyThreeSegmentsAndAManifestsPathsSor
   EXPECT_EQ(outcome([] { _vocabulary_named_universe_from_path("features/  /vocabulary.json"); }),
             "SyncError: named_universe is required");
 
-  // A manifest's vocabulary paths come sorted and spelled as listed.
-  Json files = Json::object();
-  for (const char* p : {"features/zeta/vocabulary.json", "features/a.arrow", "features/alpha/vocabulary.json",
-                        "./features/beta/vocabulary.json", "features/x/y/vocabulary.json"}) {
-    files[p] = Json::object();
-  }
-  const Manifest manifest(Json{{"era_id", 1}, {"files", files}});
-  EXPECT_EQ(_vocabulary_manifest_paths(manifest),
-            (std::vector<std::string>{"./features/beta/vocabulary.json", "features/alpha/vocabulary.json",
-                                      "features/zeta/vocabulary.json"}));
-  EXPECT_THROW(_vocabulary_manifest_paths(Manifest(Json{{"files", nullptr}})), TypeError);
 }
 
 // A valid vocabulary of era 7 for universe "x", changed by `edit`.
