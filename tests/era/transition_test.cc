@@ -264,6 +264,7 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
   const Json m2 = publish_era_data(2, era2_files());
   const Files before = live_files();
   const std::shared_ptr<Manifest> manifest_before = manager_->get_manifest();
+  const auto vocabulary_before = manager_->_vocabulary.load();
 
   const std::string lib = "LibraryUpdateRequired: quillmarsh >= 2.0 required for era 2";
   const std::string era_error = "EraError: ";
@@ -314,6 +315,7 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
     EXPECT_EQ(outcome([&] { transition(2); }), c.failure);
     EXPECT_EQ(live_files(), before);
     EXPECT_EQ(manager_->get_manifest(), manifest_before);
+    EXPECT_EQ(manager_->_vocabulary.load(), vocabulary_before);  // staged, never loaded
     EXPECT_EQ(events_.events(), Events{"kill"});  // searches stay killed
     expect_no_run_leftovers(*manager_, 2);
   }

@@ -1,12 +1,10 @@
 // Old-era cleanup: which directories go and what they count, the links it
-// must never follow, and the one background thread with its log lines.
+// must never follow, and the failure of its background run.
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
-#include <semaphore>
 #include <string>
 
 #include "sync/support/json_text.h"
@@ -15,7 +13,6 @@
 #include "sync/sync_manager.h"
 #include "tests/support/outcome.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/wait_until.h"
 
 namespace quillmarsh::sync {
 namespace {
@@ -158,66 +155,6 @@ TEST_F(Cleanup, LinksAndTheCurrentDataGoButLinkTargetsAndHiddenStateStay) {
   EXPECT_EQ(read_file(outside("file.bin")), std::string(33, 'q'));
   EXPECT_EQ(stat_path(outside("seed")).size, 60);
   EXPECT_EQ(stat_path(outside("manifest")).size, 12);
-}
-
-// A log sink that holds the first thread logging "Old era cleanup completed"
-// until opened, so that the test knows a cleanup thread is alive. Every
-// record goes on to the sink it replaced.
-class GatedLog {
- public:
-  GatedLog() {
-    s_->next = set_log_sink([s = s_](const LogRecord& record) {
-      if (record.message.starts_with("Old era cleanup completed") && !s->held.exchange(true)) s->gate.acquire();
-      s->next(record);
-    });
-  }
-  ~GatedLog() {
-    open();
-    set_log_sink(s_->next);
-  }
-  bool held() const { return s_->held.load(); }
-  void open() {
-    if (!s_->opened.exchange(true)) s_->gate.release();
-  }
-
- private:
-  struct State {
-    std::atomic<bool> held{false};
-    std::atomic<bool> opened{false};
-    std::binary_semaphore gate{0};
-    LogSink next;
-  };
-  std::shared_ptr<State> s_ = std::make_shared<State>();
-};
-
-TEST_F(Cleanup, ScheduleRunsOneThreadAtATime) {
-  GatedLog gate;
-  put(data("era_1/a.bin"), 11);
-  auto m = manager();
-  m->_schedule_cleanup_old_eras(true);
-  const std::shared_ptr<BackgroundThread> first = m->_cleanup_thread;
-  ASSERT_NE(first, nullptr);
-  ASSERT_TRUE(testing::wait_until([&] { return gate.held(); }));
-  // The running thread keeps its manager alive.
-  EXPECT_GE(m.use_count(), 2);
-
-  // While it runs, a second schedule is a no-op, its keep_current included.
-  put(data("era_3/b.bin"), 5);
-  m->_schedule_cleanup_old_eras(false);
-  EXPECT_EQ(m->_cleanup_thread, first);
-  gate.open();
-  ASSERT_TRUE(first->join_for(30.0));
-  EXPECT_TRUE(present("era_3/b.bin"));
-
-  // Once it has ended, the next schedule starts a new one; a run that frees
-  // nothing says nothing.
-  run_in_background(*m);
-  EXPECT_NE(m->_cleanup_thread, first);
-  EXPECT_FALSE(present("era_3"));
-  run_in_background(*m);
-  EXPECT_EQ(log_.records().size(), 2u);
-  EXPECT_EQ(log_.count(LogLevel::info, "Old era cleanup completed: freed 11 bytes"), 1u);
-  EXPECT_EQ(log_.count(LogLevel::info, "Old era cleanup completed: freed 5 bytes"), 1u);
 }
 
 TEST_F(Cleanup, ADataDirectoryThatCannotBeListedFailsAsItselfAndIsLoggedOnce) {

@@ -88,14 +88,12 @@ TEST_F(PollLoop, NeedsSyncIsFalseOnlyOnPositiveAgreement) {
   check({{"version", 3}}, false);
   check({{"version", 3}, {"manifest_sha256", digest}}, false);
   check({{"version", 3}, {"manifest_sha256", wrong}}, true);
-  check({{"version", 3}, {"manifest_sha256", ""}, {"sha256", digest}}, false);
   check({{"version", 3}, {"manifest_sha256", ""}, {"sha256", wrong}}, true);
   check({{"version", 3}, {"manifest_sha", wrong}}, true);
   check({{"version", 3}, {"manifest_sha256", digest}, {"sha256", wrong}}, false);  // the first one decides
   // A digest of another kind is given as well, and cannot agree; zero and
   // false are not given.
   check({{"version", 3}, {"manifest_sha256", 12}, {"sha256", digest}}, true);
-  check({{"version", 3}, {"manifest_sha256", Json::array({digest})}}, true);
   check({{"version", 3}, {"manifest_sha256", 0}, {"manifest_sha", false}, {"sha256", digest}}, false);
   check({{"version", 4}, {"manifest_sha256", digest}}, true);
   check(Json::object(), true);  // a missing version reads as 0
