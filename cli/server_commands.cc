@@ -103,16 +103,16 @@ struct ServeArgs {
   int api_port = 0;
   int files_port = 0;
   std::int64_t rate_limit_kib = 0;
-  std::vector<std::string> faults;  // PATH:SPEC
+  std::vector<std::string> faults;  // PATH:FAULTS
 };
 
-// --fault PATH:SPEC as the object store takes it.
+// --fault PATH:FAULTS as the object store takes it.
 std::vector<std::pair<std::string, server::Fault>> parse_faults(const std::vector<std::string>& texts) {
   std::vector<std::pair<std::string, server::Fault>> faults;
   for (const std::string& text : texts) {
     const std::size_t colon = text.find(':');
     if (colon == std::string::npos || colon == 0 || text[0] != '/') {
-      throw UsageError("--fault " + quoted(text) + " needs PATH:SPEC, such as /era_1/data/a.bin:cut=1000,times=1");
+      throw UsageError("--fault " + quoted(text) + " needs PATH:FAULTS, such as /era_1/data/a.bin:cut=1000,times=1");
     }
     try {
       faults.emplace_back(text.substr(0, colon), server::parse_fault(std::string_view(text).substr(colon + 1)));
@@ -207,12 +207,12 @@ void add_server_commands(CLI::App& app, const GlobalOptions& g, std::vector<Comm
   serve
       ->add_option("--fault", serve_args->faults,
                    "misbehave on requests for PATH on the API or the object store (a trailing * covers a prefix), to "
-                   "try a client against a faulty server; SPEC is a comma-separated list of: status=N, body=TEXT (the rest), "
+                   "try a client against a faulty server; FAULTS is a comma-separated list of: status=N, body=TEXT (the rest), "
                    "cut=BYTES (drop the connection after them), wrong-bytes, delay=SECONDS (before the head), "
                    "stall=BYTES@SECONDS, ignore-range (200 for a ranged request), half-range, empty-206, "
                    "redirect=URL (the rest), times=N (then serve normally), skip=N (serve N first); repeatable. "
                    "Example: --fault '/era_1/*:cut=1000,times=2'")
-      ->option_text("PATH:SPEC");
+      ->option_text("PATH:FAULTS");
   commands.push_back({serve, [&g, serve_args] { return run_serve(g, *serve_args); }});
 }
 

@@ -28,15 +28,15 @@ bool HeaderNameLess::operator()(const std::string& a, const std::string& b) cons
   });
 }
 
-Fault parse_fault(std::string_view spec) {
+Fault parse_fault(std::string_view text) {
   Fault f;
-  while (!spec.empty()) {
+  while (!text.empty()) {
     // body= and redirect= take the rest, commas included.
-    std::string_view item = spec;
+    std::string_view item = text;
     const bool rest = item.starts_with("body=") || item.starts_with("redirect=");
     const std::size_t comma = rest ? std::string_view::npos : item.find(',');
     item = item.substr(0, comma);
-    spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+    text = comma == std::string_view::npos ? std::string_view() : text.substr(comma + 1);
     const std::size_t eq = item.find('=');
     const std::string_view key = item.substr(0, eq);
     const std::string_view value = eq == std::string_view::npos ? std::string_view() : item.substr(eq + 1);

@@ -57,11 +57,11 @@ struct Fault {
   Headers headers{};
 };
 
-// "KEY[=VALUE],..." as `qmsync serve --fault PATH:SPEC` takes it: status=N,
+// "KEY[=VALUE],..." as `qmsync serve --fault PATH:FAULTS` takes it: status=N,
 // body=TEXT, cut=BYTES, wrong-bytes, delay=SECONDS, stall=BYTES@SECONDS,
 // ignore-range, half-range, empty-206, redirect=URL, times=N, skip=N. Fails
 // with ValueError naming what it does not take.
-Fault parse_fault(std::string_view spec);
+Fault parse_fault(std::string_view text);
 
 // The faults of a site by path; a key ending in '*' covers every path that
 // starts with what comes before it. Safe from any thread.
