@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include <strings.h>
 
@@ -82,6 +83,7 @@ class TrustStore {
   explicit TrustStore(std::shared_ptr<const ExtraCa> extra_ca)
       : extra_ca_(std::move(extra_ca)), id_(next_id_.fetch_add(1) + 1) {}
   ~TrustStore() {
+    if (ahead_.joinable()) ahead_.join();
     if (bundle_ != nullptr) sk_X509_pop_free(bundle_, X509_free);
   }
   TrustStore(const TrustStore&) = delete;
@@ -100,6 +102,22 @@ class TrustStore {
     return copy.store;
   }
 
+  // Parses the system's bundle on a thread of its own, at most once: that
+  // takes tens of milliseconds, which a first request made a little later
+  // then does not wait for.
+  void parse_ahead() {
+    std::lock_guard<std::mutex> lock(ahead_mu_);
+    if (ahead_.joinable()) return;
+    ahead_ = std::thread([this] {
+      // A fresh handle names the bundle every request's handle names after
+      // its reset.
+      CURL* easy = curl_easy_init();
+      if (easy == nullptr) return;
+      parse_bundle(easy);
+      curl_easy_cleanup(easy);
+    });
+  }
+
  private:
   struct ThreadCopy {
     std::uint64_t id = 0;
@@ -111,9 +129,8 @@ class TrustStore {
     ~ThreadCopy() { reset(nullptr); }
   };
 
-  X509_STORE* build(CURL* easy) const {
-    char* ca_path = nullptr;
-    curl_easy_getinfo(easy, CURLINFO_CAPATH, &ca_path);
+  // The bundle `easy` names, parsed once.
+  void parse_bundle(CURL* easy) const {
     std::call_once(parsed_, [&] {
       char* ca_file = nullptr;
       curl_easy_getinfo(easy, CURLINFO_CAINFO, &ca_file);
@@ -125,6 +142,12 @@ class TrustStore {
       X509_STORE_free(scratch);
       ERR_clear_error();
     });
+  }
+
+  X509_STORE* build(CURL* easy) const {
+    char* ca_path = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_CAPATH, &ca_path);
+    parse_bundle(easy);
     X509_STORE* store = X509_STORE_new();
     if (store == nullptr) return nullptr;
     for (int i = 0; bundle_ != nullptr && i < sk_X509_num(bundle_); ++i) X509_STORE_add_cert(store, sk_X509_value(bundle_, i));
@@ -144,6 +167,8 @@ class TrustStore {
   const std::uint64_t id_;
   mutable std::once_flag parsed_;
   mutable STACK_OF(X509)* bundle_ = nullptr;  // the system's bundle, parsed
+  std::mutex ahead_mu_;
+  std::thread ahead_;
 
 };
 
@@ -439,6 +464,8 @@ OpenedResponse open_http_request(const HttpRequest& request, double timeout_s) {
   }
   return std::move(ex.response);
 }
+
+void prepare_trust() { current_trust().store->parse_ahead(); }
 
 void set_extra_ca_file(const std::optional<std::string>& pem_path) {
   std::shared_ptr<ExtraCa> loaded;
