@@ -4,7 +4,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <thread>
 
 #include "sync/errors.h"
@@ -65,10 +64,6 @@ class ParallelDownload : public testing::SyncFixture {
     while (pool_threads_alive()) std::this_thread::yield();
   }
 
-  std::vector<std::string> waits() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return waits_;
-  }
 
   std::shared_ptr<SyncManager> manager_;
   std::atomic<bool> hold_{false};
@@ -77,18 +72,13 @@ class ParallelDownload : public testing::SyncFixture {
 
  private:
   void on_wait() {
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      waits_.push_back(thread_name());
-    }
+    waits_.add(thread_name());
     // Bounded, so that a batch that wrongly waits for its workers fails
     // rather than hangs.
     if (hold_ && !release_.wait(10.0)) gave_up_ = true;
   }
 
   SleepFunction fixture_sleep_;
-  std::mutex mu_;
-  std::vector<std::string> waits_;
 };
 
 TEST_F(ParallelDownload, AFailedFileIsRaisedAfterTheOthersAreSummed) {
@@ -112,8 +102,8 @@ TEST_F(ParallelDownload, AFailedFileIsRaisedAfterTheOthersAreSummed) {
   EXPECT_EQ(read_file(path("c.bin")), std::string(2500, 'c'));
   EXPECT_FALSE(path_exists(path("b.bin")));
   // The retries ran on the pool's workers.
-  ASSERT_EQ(waits().size(), 2u);
-  for (const std::string& name : waits()) EXPECT_TRUE(name.starts_with("qm-sync_")) << name;
+  ASSERT_EQ(waits_.events().size(), 2u);
+  for (const std::string& name : waits_.events()) EXPECT_TRUE(name.starts_with("qm-sync_")) << name;
 }
 
 TEST_F(ParallelDownload, ATimedOutBatchNamesWhatIsPendingAndLeavesRunningDownloads) {
@@ -169,8 +159,8 @@ TEST_F(ParallelDownload, OneWorkerMeansAPlainLoopOnTheCallingThread) {
   files["b.bin"] = entry("b.bin", "bbb");
   EXPECT_THROW(manager_->_download_files_parallel(files, result), IntegrityError);
   EXPECT_EQ(store_.request_count("/bucket/b.bin"), 0u);  // not tried after the failure
-  ASSERT_EQ(waits().size(), 2u);
-  for (const std::string& name : waits()) EXPECT_EQ(name, thread_name());
+  ASSERT_EQ(waits_.events().size(), 2u);
+  for (const std::string& name : waits_.events()) EXPECT_EQ(name, thread_name());
 }
 
 }  // namespace

@@ -60,13 +60,8 @@ Json entry_of(const std::string& bytes) { return Json{{"size_bytes", bytes.size(
 // An entry in the cache's own form for the file as it stands.
 Json cache_entry(const std::string& local_path, const std::string& sha) {
   const FileStat st = stat_path(local_path);
-  Json e = Json::object();
-  e["ctime_ns"] = st.ctime_ns;
-  e["inode"] = static_cast<std::int64_t>(st.inode);
-  e["mtime_ns"] = st.mtime_ns;
-  e["sha256"] = sha;
-  e["size_bytes"] = st.size;
-  return e;
+  return Json{{"ctime_ns", st.ctime_ns}, {"inode", static_cast<std::int64_t>(st.inode)}, {"mtime_ns", st.mtime_ns},
+              {"sha256", sha}, {"size_bytes", st.size}};
 }
 
 void set_mtime_ns(const std::string& p, std::int64_t ns) {
@@ -75,21 +70,9 @@ void set_mtime_ns(const std::string& p, std::int64_t ns) {
 }
 
 // The cache is local: a manager over a fresh directory whose API is never asked.
-class HashCache : public ::testing::Test {
+class HashCache : public testing::DataDirFixture {
  protected:
-  std::shared_ptr<SyncManager> make_manager() {
-    return SyncManager::create(dir_.path(), "https://127.0.0.1:9", [] { return std::string("t"); }, 600.0);
-  }
-  std::string path(const std::string& relative) const { return dir_ / relative; }
-  std::string put_local(const std::string& relative, const std::string& bytes) {
-    make_dirs(dir_name(path(relative)));
-    write_file(path(relative), bytes);
-    return path(relative);
-  }
   std::string cache_file() { return path(".sync_hash_cache.json"); }
-
-  testing::TempDir dir_;
-  LogCapture log_;
 };
 
 TEST_F(HashCache, PersistsSortedOneLineTextThatARestartedManagerTrusts) {
