@@ -59,16 +59,19 @@ TEST_F(SyncPass, TheProbeIsAHintThatSparesRequestsAndAnotherErasManifestChangesN
   publish(with_artefacts(manifest(1, 3, files)));
   auto manager = make_manager();
   manager->sync();
+  // Unchanged: one request, nothing fetched, and the files judged by the
+  // digest cache alone: bytes remembered as good are not read.
+  write_file(path("features/a.bin"), "bad bytes!");
+  manager->_remember_local_sha("features/a.bin", path("features/a.bin"), _sha256("good bytes"));
   api_.clear_requests();
   store_.clear_requests();
-
-  // Unchanged: one request, nothing fetched.
   EXPECT_EQ(manager->sync(), (SyncResult{.era_id = 1, .n_features = 1}));
   EXPECT_EQ(api_.requests().size(), 1u);
   EXPECT_EQ(api_.request_count("/data/manifest/version"), 1u);
   EXPECT_TRUE(store_.requests().empty());
+  EXPECT_EQ(read_file(path("features/a.bin")), "bad bytes!");
   // A damaged file is a repair.
-  write_file(path("features/a.bin"), "bad bytes!");
+  write_file(path("features/a.bin"), "bad bytes");
   manager->sync();
   EXPECT_EQ(read_file(path("features/a.bin")), "good bytes");
   EXPECT_EQ(logged_starting("Manifest-tracked local file failed integrity check; re-downloading: "), 1u);

@@ -22,8 +22,6 @@
 namespace quillmarsh::sync {
 namespace {
 
-using testing::SyncFixture;
-
 // Counts the opens of the files it watches.
 class OpenWatch {
  public:
@@ -261,22 +259,6 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
   EXPECT_TRUE(m->_local_entry_passes(decoded, paths));
   EXPECT_EQ(module_watch.opens(), 2);
   EXPECT_EQ(m->_hash_cache.find("modules/m.so"), nullptr);
-}
-
-// A restarted manager's trust in the file is PersistsSorted's case; here, that
-// a whole pass asks the cache at all.
-using HashCachePass = SyncFixture;
-
-TEST_F(HashCachePass, APassOverUnchangedFilesReadsNoneOfThem) {
-  Json files = Json::object();
-  files["features/a/x.arrow"] = store_file("features/a/x.arrow", "feature bytes", "feature");
-  files["named_universes/u.json"] = store_file("named_universes/u.json", "{}");
-  publish(with_artefacts(manifest(4, 9, files)));
-  auto first = make_manager();
-  first->sync();
-  OpenWatch watch({path("features/a/x.arrow"), path("named_universes/u.json")});
-  first->sync();
-  EXPECT_EQ(watch.opens(), 0);
 }
 
 }  // namespace
