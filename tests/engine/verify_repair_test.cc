@@ -62,10 +62,8 @@ TEST_F(VerifyRepair, VerifyListsMissingAndCorruptedFilesHashingAfresh) {
   put_local("features/f.bin", "ffff");
   files["features/g.bin"] = Json{{"size_bytes", "4"}, {"sha256", _sha256("gggg")}};  // size as text
   put_local("features/g.bin", "gggg");
-  Json other = Json{{"size_bytes", 1}, {"kind", "vault_module"}, {"platform", "plan9_mips"}};
-  files["modules/other.so"] = other;
-  Json here = Json{{"size_bytes", 1}, {"kind", "backtester_module"}, {"platform", CURRENT_PLATFORM}};
-  files["modules/here.so"] = here;
+  files["modules/other.so"] = Json{{"size_bytes", 1}, {"kind", "vault_module"}, {"platform", "plan9_mips"}};
+  files["modules/here.so"] = Json{{"size_bytes", 1}, {"kind", "backtester_module"}, {"platform", CURRENT_PLATFORM}};
   // No platform: needed everywhere.
   files["modules/any.so"] = Json{{"size_bytes", 1}, {"kind", "vault_module"}, {"platform", ""}};
   auto m = manager_over(files);
