@@ -64,7 +64,6 @@ class ParallelDownload : public testing::SyncFixture {
     while (pool_threads_alive()) std::this_thread::yield();
   }
 
-
   std::shared_ptr<SyncManager> manager_;
   std::atomic<bool> hold_{false};
   Event release_;
@@ -109,15 +108,12 @@ TEST_F(ParallelDownload, AFailedFileIsRaisedAfterTheOthersAreSummed) {
 TEST_F(ParallelDownload, ATimedOutBatchNamesWhatIsPendingAndLeavesRunningDownloads) {
   env_.set("QUILLMARSH_SYNC_PARALLEL_TIMEOUT_SECONDS", "0.2");
   // Every file fails its first attempt, and its retry wait is held.
-  auto batch = [this](const std::vector<std::string>& names) {
+  auto run = [this](const std::vector<std::string>& names) {
     Json files = Json::object();
     for (const std::string& name : names) {
       files[name] = entry(name, std::string(100, name[0]));
       store_.fault("/bucket/" + name, {.empty_206 = true, .times = 1});
     }
-    return files;
-  };
-  auto run = [this](const Json& files) {
     hold_ = true;
     release_.clear();
     SyncResult result;
@@ -133,8 +129,7 @@ TEST_F(ParallelDownload, ATimedOutBatchNamesWhatIsPendingAndLeavesRunningDownloa
   };
 
   env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "2");
-  const Json four = batch({"a.bin", "b.bin", "c.bin", "d.bin"});
-  EXPECT_EQ(run(four),
+  EXPECT_EQ(run({"a.bin", "b.bin", "c.bin", "d.bin"}),
             "SyncError: Timed out after 0.2s in parallel download with 4 file(s) pending: a.bin, b.bin, c.bin, ...");
   // What was running finished by itself; what was queued never began.
   for (const std::string name : {"a.bin", "b.bin"}) {
@@ -144,7 +139,7 @@ TEST_F(ParallelDownload, ATimedOutBatchNamesWhatIsPendingAndLeavesRunningDownloa
   EXPECT_EQ(store_.request_count("/bucket/d.bin"), 0u);
 
   env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "3");
-  EXPECT_EQ(run(batch({"x.bin", "y.bin", "z.bin"})),
+  EXPECT_EQ(run({"x.bin", "y.bin", "z.bin"}),
             "SyncError: Timed out after 0.2s in parallel download with 3 file(s) pending: x.bin, y.bin, z.bin");
 }
 

@@ -126,8 +126,9 @@ TEST_F(Transport, ARedirectIsFollowedWithItsRange) {
 
 // Through a proxy the tunnel's "200 Connection established" comes first and
 // is not the server's answer: a head that is late behind it is still a late
-// head. Either way a slow head is retried.
-TEST_F(Transport, ASlowHeadIsRetriedDirectOrThroughAProxyAndASlowBodyIsNot) {
+// head. Either way a slow head is retried; that a slow body is not shows in
+// the Download suite's stall cases.
+TEST_F(Transport, ASlowHeadIsRetriedDirectOrThroughAProxy) {
   env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", kShortTimeout);
   server_.fault("/slow", Fault{.delay_before_head_s = kLongerThanTimeout});
   const std::string url = server_.url("/slow");
@@ -150,10 +151,7 @@ TEST_F(Transport, ASlowHeadIsRetriedDirectOrThroughAProxyAndASlowBodyIsNot) {
   EXPECT_EQ(_http_get_public(server_.url("/file.bin")).body, content_);
   EXPECT_EQ(waits_.events().size(), 5u);
 
-  // A body that stalls fails at once.
-  server_.fault("/file.bin", Fault{.stall_after_bytes = 100, .stall_s = kLongerThanTimeout});
-  EXPECT_THROW(_http_get_public(server_.url("/file.bin")), TimeoutError);
-  EXPECT_EQ(server_.request_count("/file.bin"), 3u);
+  EXPECT_EQ(server_.request_count("/file.bin"), 2u);
 
   // No retries asked for is still one attempt, and no wait.
   env_.set("QUILLMARSH_SYNC_HTTP_RETRIES", "-3");
