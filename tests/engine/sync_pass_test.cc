@@ -50,14 +50,38 @@ TEST_F(SyncPass, FirstPassMirrorsTheEraAndWritesTheExactManifestText) {
   }
 }
 
-// One era through several versions. A version bump that adds a file is the
-// command line's new-version case, a probe naming another era the Python
-// suite's era-mismatch case.
-TEST_F(SyncPass, TheProbeIsAHintThatSparesRequestsAndAnotherErasManifestChangesNothing) {
+// One manager through manifests it cannot have or that do not fit, then
+// one era through several versions, then another era. A refused token and a
+// version bump that adds a file are the command line's cases, a probe naming
+// another era the Python suite's era-mismatch case.
+TEST_F(SyncPass, ServerAnswersDecideWhatAPassFetchesAndWhatItRefuses) {
+  // Each ends the pass with its own failure before anything is written, and
+  // the flock is released on the way out.
+  auto manager = make_manager();
+  publish(manifest(1, 1));
+  api_.put("/data/manifest", "{not json");
+  EXPECT_TRUE(outcome([&] { manager->sync(); }).starts_with("ManifestError: Invalid manifest JSON: "));
+  // Bytes that are not UTF-8 fail as a decoding failure, not as bad JSON.
+  api_.put("/data/manifest", "{\"era_id\": \"\xff\"}");
+  EXPECT_THROW(manager->sync(), ValueError);
+  // JSON that is no object fails at the first filter.
+  api_.put("/data/manifest", "[1, 2]");
+  EXPECT_THROW(manager->sync(), TypeError);
+
+  Json huge = Json::object();
+  huge["features/huge.bin"] = store_file("features/huge.bin", "x");
+  huge["features/huge.bin"]["size_bytes"] = std::int64_t{1} << 60;  // an exabyte
+  publish(manifest(1, 1, huge));
+  EXPECT_TRUE(outcome([&] { manager->sync(); })
+                  .starts_with("DiskSpaceError: Insufficient disk space: need 1152921504606846976 bytes, have "));
+  EXPECT_TRUE(store_.requests().empty());
+  EXPECT_FALSE(path_exists(path("manifest.json")));
+  EXPECT_FALSE(path_exists(path(".sync_flock")));
+
+  // An era through several versions.
   Json files = Json::object();
   files["features/a.bin"] = store_file("features/a.bin", "good bytes", "feature");
   publish(with_artefacts(manifest(1, 3, files)));
-  auto manager = make_manager();
   manager->sync();
   // Unchanged: one request, nothing fetched, and the files judged by the
   // digest cache alone: bytes remembered as good are not read.
@@ -101,32 +125,6 @@ TEST_F(SyncPass, TheProbeIsAHintThatSparesRequestsAndAnotherErasManifestChangesN
   EXPECT_EQ(outcome([&] { manager->sync(); }), "EraError: Era mismatch: local era_id=1, server era_id=3");
   EXPECT_EQ(manifest_on_disk(), json_text(older));
   EXPECT_EQ(manager->get_manifest(), manifest_before);
-}
-
-// Each ends the pass with its own failure before anything is written, and
-// the flock is released on the way out. A refused token is the command
-// line's auth case.
-TEST_F(SyncPass, AManifestThatCannotBeHadOrDoesNotFitEndsThePassWithItsOwnFailure) {
-  auto manager = make_manager();
-  publish(manifest(1, 1));
-  api_.put("/data/manifest", "{not json");
-  EXPECT_TRUE(outcome([&] { manager->sync(); }).starts_with("ManifestError: Invalid manifest JSON: "));
-  // Bytes that are not UTF-8 fail as a decoding failure, not as bad JSON.
-  api_.put("/data/manifest", "{\"era_id\": \"\xff\"}");
-  EXPECT_THROW(manager->sync(), ValueError);
-  // JSON that is no object fails at the first filter.
-  api_.put("/data/manifest", "[1, 2]");
-  EXPECT_THROW(manager->sync(), TypeError);
-
-  Json files = Json::object();
-  files["features/huge.bin"] = store_file("features/huge.bin", "x");
-  files["features/huge.bin"]["size_bytes"] = std::int64_t{1} << 60;  // an exabyte
-  publish(manifest(1, 1, files));
-  EXPECT_TRUE(outcome([&] { manager->sync(); })
-                  .starts_with("DiskSpaceError: Insufficient disk space: need 1152921504606846976 bytes, have "));
-  EXPECT_TRUE(store_.requests().empty());
-  EXPECT_FALSE(path_exists(path("manifest.json")));
-  EXPECT_FALSE(path_exists(path(".sync_flock")));
 }
 
 }  // namespace
