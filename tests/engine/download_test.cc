@@ -85,130 +85,115 @@ TEST_F(Download, RequestsFollowTheChunkBoundariesOnOneConnectionWithoutTheToken)
 }
 
 // Each case misbehaves somewhere in a file, or finds bytes staged by an
-// earlier run; the download goes on from the bytes staged, rebuilding their
-// digest rather than fetching them again, and ends with the whole file. A
-// body that stalls past the timeout ends the call (a silent body is not
-// retried), with what came before the stall staged for the next call.
-TEST_F(Download, EveryRecoverableFaultResumesWhereTheBytesStopped) {
+// earlier run. What can be recovered from is: the download goes on from the
+// bytes staged, rebuilding their digest rather than fetching them again,
+// and ends with the whole file. A body that stalls past the timeout ends the
+// call (a silent body is not retried), with what came before the stall
+// staged for the next call. Anything else ends as IntegrityError after all
+// attempts, naming its last cause; waits double up to one second and the
+// last attempt never waits. Wrong bytes empty the staging file before each
+// new attempt but stay for inspection at the end.
+TEST_F(Download, EachFaultIsResumedFromTheStagedBytesOrEndsAsIntegrityError) {
   env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "1.0");
-  struct Case {
-    const char* name;
-    std::size_t size;
-    Fault fault;
-    std::string staged;  // left by an earlier run
-    std::vector<std::string> ranges;
-    std::vector<const char*> waits = {};
-    bool stalls = false;
-  };
-  const Case cases[] = {
-      {"whole answer cut in the third chunk", 5000, {.cut_after_bytes = 2500, .ignore_range = true, .times = 1}, "",
-       {"bytes=0-999", "bytes=2500-3499", "bytes=3500-4499", "bytes=4500-4999"}, {"0.25"}},
-      {"ranged answer cut short", 5000, {.cut_after_bytes = 300, .times = 1}, "",
-       {"bytes=0-999", "bytes=300-1299", "bytes=1300-2299", "bytes=2300-3299", "bytes=3300-4299", "bytes=4300-4999"}},
-      {"third request fails", 5000, {.status = 503, .times = 1, .skip = 2}, "",
-       {"bytes=0-999", "bytes=1000-1999", "bytes=2000-2999", "bytes=2000-2999", "bytes=3000-3999", "bytes=4000-4999"},
-       {"0.25"}},
-      {"empty range", 5000, {.empty_206 = true, .times = 1}, "",
-       {"bytes=0-999", "bytes=0-999", "bytes=1000-1999", "bytes=2000-2999", "bytes=3000-3999", "bytes=4000-4999"},
-       {"0.25"}},
-      {"whole answer mid-file", 5000, {.ignore_range = true, .times = 1}, numbered_bytes(5000).substr(0, 2000),
-       {"bytes=2000-2999", "bytes=2000-2999", "bytes=3000-3999", "bytes=4000-4999"}, {"0.25"}},
-      // From the start a whole answer is as good as the ranges.
-      {"whole answer from the start", 5000, {.ignore_range = true}, "", {"bytes=0-999"}},
-      // Each asks a full chunk from where the last answer ended.
-      {"half ranges", 1001, {.half_range = true}, "",
-       {"bytes=0-999", "bytes=500-1000", "bytes=750-1000", "bytes=875-1000", "bytes=938-1000", "bytes=969-1000",
-        "bytes=985-1000", "bytes=993-1000", "bytes=997-1000", "bytes=999-1000", "bytes=1000-1000"}},
-      // Left whole by a process killed just before its rename: no request.
-      {"staged whole", 900, {.times = 0}, numbered_bytes(900), {}},
-      // Longer than the file, or the right length with wrong bytes: emptied,
-      // then fetched afresh, where a range after the end would get 416 forever.
-      {"staged longer", 800, {.times = 0}, std::string(950, 'x'), {""}, {"0.25"}},
-      {"staged spoiled", 700, {.times = 0}, flipped(numbered_bytes(700)), {""}, {"0.25"}},
-      {"stall inside a chunk", 5000, {.stall_after_bytes = 700, .stall_s = 2.5, .times = 1}, "",
-       {"bytes=0-999", "bytes=700-1699", "bytes=1700-2699", "bytes=2700-3699", "bytes=3700-4699", "bytes=4700-4999"},
-       {}, true},
-      {"stall inside a whole answer", 900, {.stall_after_bytes = 700, .stall_s = 2.5, .times = 1}, "",
-       {"", "bytes=700-"}, {}, true},
-  };
-  int n = 0;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string name = "resume/" + std::to_string(n++) + ".bin", content = numbered_bytes(c.size);
-    publish(name, content, "", c.fault);
-    if (!c.staged.empty()) put_local(name + ".tmp", c.staged);
-    waits_.clear();
-    SyncResult result;
-    if (c.stalls) {
-      EXPECT_THROW(download(name, result), TimeoutError);
-      EXPECT_EQ(read_file(path(name + ".tmp")), content.substr(0, 700));
-    }
-    download(name, result);
-    EXPECT_EQ(ranges(name), c.ranges);
-    EXPECT_EQ(waits_.events(), waits(c.waits));
-    EXPECT_TRUE(read_file(path(name)) == content);
-    EXPECT_FALSE(path_exists(path(name + ".tmp")));
-    if (!c.stalls) {
-      EXPECT_EQ(result.bytes_downloaded, c.size);  // a resumed part counts too
-    }
-  }
-}
-
-// Every failure ends as IntegrityError after all attempts; waits double up
-// to one second and the last attempt never waits. Wrong bytes empty the
-// staging file before each new attempt but stay for inspection at the end.
-TEST_F(Download, EveryFailureEndsAsIntegrityErrorNamingItsLastCause) {
   const std::string wrong = numbered_bytes(3000), shorter = numbered_bytes(900);
-  const std::vector<std::string> one_pass{"bytes=0-999", "bytes=1000-1999", "bytes=2000-2999"};
+  const std::vector<std::string> pass{"bytes=0-999", "bytes=1000-1999", "bytes=2000-2999"};
   struct Case {
     std::string path;
     std::size_t size;
-    Fault fault;
-    int retries;
-    std::string message;
-    std::vector<std::string> ranges;
-    std::vector<const char*> waits;
-    std::optional<std::string> staged = {};  // left in the staging file
+    Fault fault = {.times = 0};
+    std::string staged = "";  // left by an earlier run
+    int retries = 3;
+    std::vector<std::string> ranges = {};
+    std::vector<const char*> waits = {};
+    bool stalls = false;
+    std::string failure = "";  // after "IntegrityError: "
+    std::optional<std::string> left = {};  // in the staging file after a failure
   };
   const Case cases[] = {
-      {"gone.bin", 10, {.status = 404}, 5,
-       "Download failed for gone.bin after 5 attempts: Download failed for gone.bin: HTTP 404",
-       {"", "", "", "", ""}, {"0.25", "0.50", "1.00", "1.00"}},
+      {.path = "cut-whole.bin", .size = 5000, .fault = {.cut_after_bytes = 2500, .ignore_range = true, .times = 1},
+       .ranges = {"bytes=0-999", "bytes=2500-3499", "bytes=3500-4499", "bytes=4500-4999"}, .waits = {"0.25"}},
+      {.path = "cut-range.bin", .size = 5000, .fault = {.cut_after_bytes = 300, .times = 1},
+       .ranges = {"bytes=0-999", "bytes=300-1299", "bytes=1300-2299", "bytes=2300-3299", "bytes=3300-4299",
+                  "bytes=4300-4999"}},
+      {.path = "third-fails.bin", .size = 5000, .fault = {.status = 503, .times = 1, .skip = 2},
+       .ranges = {"bytes=0-999", "bytes=1000-1999", "bytes=2000-2999", "bytes=2000-2999", "bytes=3000-3999",
+                  "bytes=4000-4999"},
+       .waits = {"0.25"}},
+      {.path = "empty-once.bin", .size = 5000, .fault = {.empty_206 = true, .times = 1},
+       .ranges = {"bytes=0-999", "bytes=0-999", "bytes=1000-1999", "bytes=2000-2999", "bytes=3000-3999",
+                  "bytes=4000-4999"},
+       .waits = {"0.25"}},
+      {.path = "whole-mid-file.bin", .size = 5000, .fault = {.ignore_range = true, .times = 1},
+       .staged = numbered_bytes(5000).substr(0, 2000),
+       .ranges = {"bytes=2000-2999", "bytes=2000-2999", "bytes=3000-3999", "bytes=4000-4999"}, .waits = {"0.25"}},
+      // From the start a whole answer is as good as the ranges.
+      {.path = "whole-from-start.bin", .size = 5000, .fault = {.ignore_range = true}, .ranges = {"bytes=0-999"}},
+      // Each asks a full chunk from where the last answer ended.
+      {.path = "half.bin", .size = 1001, .fault = {.half_range = true},
+       .ranges = {"bytes=0-999", "bytes=500-1000", "bytes=750-1000", "bytes=875-1000", "bytes=938-1000",
+                  "bytes=969-1000", "bytes=985-1000", "bytes=993-1000", "bytes=997-1000", "bytes=999-1000",
+                  "bytes=1000-1000"}},
+      // Left whole by a process killed just before its rename: no request.
+      {.path = "staged-whole.bin", .size = 900, .staged = numbered_bytes(900)},
+      // Longer than the file, or the right length with wrong bytes: emptied,
+      // then fetched afresh, where a range after the end would get 416 forever.
+      {.path = "staged-longer.bin", .size = 800, .staged = std::string(950, 'x'), .ranges = {""}, .waits = {"0.25"}},
+      {.path = "staged-spoiled.bin", .size = 700, .staged = flipped(numbered_bytes(700)), .ranges = {""},
+       .waits = {"0.25"}},
+      {.path = "stall-chunk.bin", .size = 5000, .fault = {.stall_after_bytes = 700, .stall_s = 2.5, .times = 1},
+       .ranges = {"bytes=0-999", "bytes=700-1699", "bytes=1700-2699", "bytes=2700-3699", "bytes=3700-4699",
+                  "bytes=4700-4999"},
+       .stalls = true},
+      {.path = "stall-whole.bin", .size = 900, .fault = {.stall_after_bytes = 700, .stall_s = 2.5, .times = 1},
+       .ranges = {"", "bytes=700-"}, .stalls = true},
+      {.path = "gone.bin", .size = 10, .fault = {.status = 404}, .retries = 5, .ranges = {"", "", "", "", ""},
+       .waits = {"0.25", "0.50", "1.00", "1.00"},
+       .failure = "Download failed for gone.bin after 5 attempts: Download failed for gone.bin: HTTP 404"},
       // No retries asked for is still one attempt.
-      {"gone1.bin", 10, {.status = 404}, -2,
-       "Download failed for gone1.bin after 1 attempts: Download failed for gone1.bin: HTTP 404", {""}, {}},
-      {"wrong.bin", 3000, {.wrong_bytes = true}, 3,
-       "Checksum failure for wrong.bin after 3 attempts: expected " + _sha256(wrong) + ", got " + _sha256(flipped(wrong)),
-       {one_pass[0], one_pass[1], one_pass[2], one_pass[0], one_pass[1], one_pass[2], one_pass[0], one_pass[1],
-        one_pass[2]},
-       {"0.25", "0.50"}, flipped(wrong)},
+      {.path = "gone1.bin", .size = 10, .fault = {.status = 404}, .retries = -2, .ranges = {""},
+       .failure = "Download failed for gone1.bin after 1 attempts: Download failed for gone1.bin: HTTP 404"},
+      {.path = "wrong.bin", .size = 3000, .fault = {.wrong_bytes = true},
+       .ranges = {pass[0], pass[1], pass[2], pass[0], pass[1], pass[2], pass[0], pass[1], pass[2]},
+       .waits = {"0.25", "0.50"},
+       .failure = "Checksum failure for wrong.bin after 3 attempts: expected " + _sha256(wrong) + ", got " +
+                  _sha256(flipped(wrong)),
+       .left = flipped(wrong)},
       // A short file is refused only when the last attempt resumed and grew...
-      {"short.bin", 900, {.cut_after_bytes = 200}, 3,
-       "Download failed for short.bin after 3 attempts: "
-       "Incomplete download for short.bin after 3 attempts: got 600 bytes, expected 900",
-       {"", "bytes=200-", "bytes=400-"}, {"0.25", "0.50"}, shorter.substr(0, 600)},
+      {.path = "short.bin", .size = 900, .fault = {.cut_after_bytes = 200}, .ranges = {"", "bytes=200-", "bytes=400-"},
+       .waits = {"0.25", "0.50"},
+       .failure = "Download failed for short.bin after 3 attempts: "
+                  "Incomplete download for short.bin after 3 attempts: got 600 bytes, expected 900",
+       .left = shorter.substr(0, 600)},
       // ...a single attempt from nothing leaves the verdict to the digest.
-      {"short1.bin", 900, {.cut_after_bytes = 200}, 1,
-       "Checksum failure for short1.bin after 1 attempts: expected " + _sha256(shorter) + ", got " +
-           _sha256(shorter.substr(0, 200)),
-       {""}, {}},
-      {"empty.bin", 2000, {.empty_206 = true}, 1,
-       "Download failed for empty.bin after 1 attempts: Download failed for empty.bin: empty range 0-999",
-       {"bytes=0-999"}, {}},
+      {.path = "short1.bin", .size = 900, .fault = {.cut_after_bytes = 200}, .retries = 1, .ranges = {""},
+       .failure = "Checksum failure for short1.bin after 1 attempts: expected " + _sha256(shorter) + ", got " +
+                  _sha256(shorter.substr(0, 200))},
+      {.path = "empty.bin", .size = 2000, .fault = {.empty_206 = true}, .retries = 1, .ranges = {"bytes=0-999"},
+       .failure = "Download failed for empty.bin after 1 attempts: Download failed for empty.bin: empty range 0-999"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
-    publish(c.path, numbered_bytes(c.size), "", c.fault);
+    const std::string content = numbered_bytes(c.size);
+    publish(c.path, content, "", c.fault);
+    if (!c.staged.empty()) put_local(c.path + ".tmp", c.staged);
     waits_.clear();
     SyncResult result;
-    EXPECT_EQ(outcome([&] { download(c.path, result, c.retries); }), "IntegrityError: " + c.message);
+    if (c.stalls) {
+      EXPECT_THROW(download(c.path, result), TimeoutError);
+      EXPECT_EQ(read_file(path(c.path + ".tmp")), content.substr(0, 700));
+    }
+    EXPECT_EQ(outcome([&] { download(c.path, result, c.retries); }),
+              c.failure.empty() ? "ok" : "IntegrityError: " + c.failure);
     EXPECT_EQ(ranges(c.path), c.ranges);
     EXPECT_EQ(waits_.events(), waits(c.waits));
-    EXPECT_FALSE(path_exists(path(c.path)));
-    if (c.staged) {
-      EXPECT_EQ(read_file(path(c.path + ".tmp")), *c.staged);
+    EXPECT_EQ(path_exists(path(c.path)) && read_file(path(c.path)) == content, c.failure.empty());
+    if (c.failure.empty()) {
+      EXPECT_FALSE(path_exists(path(c.path + ".tmp")));
+    } else if (c.left) {
+      EXPECT_EQ(read_file(path(c.path + ".tmp")), *c.left);
     }
-    EXPECT_EQ(result, SyncResult{});
+    // A resumed part counts too; a failure counts nothing.
+    EXPECT_EQ(result, c.failure.empty() ? SyncResult{.bytes_downloaded = static_cast<std::int64_t>(c.size)} : SyncResult{});
   }
   // ...and without a digest the short file is taken.
   remove_file(path("short1.bin.tmp"));
