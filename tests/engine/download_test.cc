@@ -30,7 +30,8 @@ class Download : public testing::SyncFixture {
   }
 
   // Serves `bytes` on the store under `path`, with `fault`, and lists it.
-  void publish(const std::string& path, const std::string& bytes, const std::string& kind = "", Fault fault = {.times = 0}) {
+  void publish(const std::string& path, const std::string& bytes, const std::string& kind = "",
+               Fault fault = {.times = 0}) {
     entries_[path] = store_file(path, bytes, kind);
     entries_[path]["base_url"] = base_url();
     store_.fault("/bucket/" + path, fault);
@@ -193,7 +194,8 @@ TEST_F(Download, EachFaultIsResumedFromTheStagedBytesOrEndsAsIntegrityError) {
       EXPECT_EQ(read_file(path(c.path + ".tmp")), *c.left);
     }
     // A resumed part counts too; a failure counts nothing.
-    EXPECT_EQ(result, c.failure.empty() ? SyncResult{.bytes_downloaded = static_cast<std::int64_t>(c.size)} : SyncResult{});
+    const SyncResult counted{.bytes_downloaded = static_cast<std::int64_t>(c.size)};
+    EXPECT_EQ(result, c.failure.empty() ? counted : SyncResult{});
   }
   // ...and without a digest the short file is taken.
   remove_file(path("short1.bin.tmp"));

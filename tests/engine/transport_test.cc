@@ -77,7 +77,8 @@ class TunnelProxy {
     const int upstream = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in addr = loopback(std::stoi(head.substr(colon + 1, space - colon - 1)));
     const std::string established = "HTTP/1.1 200 Connection established\r\n\r\n";
-    if (head.starts_with("CONNECT ") && ::connect(upstream, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 &&
+    if (head.starts_with("CONNECT ") &&
+        ::connect(upstream, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 &&
         ::write(client, established.data(), established.size()) > 0) {
       ++opened_;
       pollfd fds[2] = {{client, POLLIN, 0}, {upstream, POLLIN, 0}};
@@ -134,7 +135,9 @@ TEST_F(Transport, ASlowHeadIsRetriedDirectOrThroughAProxy) {
   TunnelProxy proxy;
   for (const bool proxied : {false, true}) {
     SCOPED_TRACE(proxied ? "through a proxy" : "direct");
-    if (proxied) env_.unset("no_proxy").unset("NO_PROXY").set("https_proxy", proxy.url()).set("HTTPS_PROXY", proxy.url());
+    if (proxied) {
+      env_.unset("no_proxy").unset("NO_PROXY").set("https_proxy", proxy.url()).set("HTTPS_PROXY", proxy.url());
+    }
     server_.clear_requests();
     const auto [failure, cause] = outcome_and_cause([&] { _http_get(url, "t"); });
     EXPECT_TRUE(failure.starts_with("ConnectionError: Timed out fetching " + url + " after 3 attempt(s): ")) << failure;

@@ -48,7 +48,9 @@ TEST(ManifestPathsRelative, NormalisesSafePathsAndRefusesHostileOnesQuotingThemA
   };
   for (const auto& [input, expected] : cases) {
     EXPECT_EQ(result_or_failure([&] { return _safe_manifest_relative_path(input); }), expected) << input;
-    if (input.is_string()) EXPECT_EQ(result_or_failure([&] { return _safe_manifest_relative_path(input.get<std::string>()); }), expected);
+    if (input.is_string()) {
+      EXPECT_EQ(result_or_failure([&] { return _safe_manifest_relative_path(input.get<std::string>()); }), expected);
+    }
   }
 }
 
@@ -115,7 +117,8 @@ TEST(ManifestPathsUrl, JoinsBaseAndSafePathAndComparesNetworkLocationsExactly) {
       {"f", " \t\n", "ManifestError: Manifest base_url is required for R2 artifact downloads"},
       {"f", "https:///b", "ManifestError: Manifest base_url must be an absolute HTTPS R2 URL"},
       {"f", "https://api.example.com:8443/bucket", "ManifestError: Manifest base_url must not point at the API server"},
-      {"f", "https://r2.example.com/data/files//", "ManifestError: Manifest base_url must not use the API /data/files endpoint"},
+      {"f", "https://r2.example.com/data/files//",
+       "ManifestError: Manifest base_url must not use the API /data/files endpoint"},
       {"/x", "http://api.example.com", "ManifestError: Manifest file path must be relative: '/x'"},
   };
   for (const auto& [path, base, expected] : cases) {
