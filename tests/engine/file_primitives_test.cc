@@ -30,7 +30,7 @@ TEST(Sha256, FileDigestIsTheSameForAnyChunkSizeAndAMissingFileFails) {
   EXPECT_THROW(_sha256_file(dir.path()), OSError);  // a directory cannot be read
 }
 
-TEST(AtomicWrite, CreatesParentsReplacesLeftoverTemporaryAndTakesABareName) {
+TEST(AtomicWrite, CreatesParentsReplacesLeftoverTemporaryTakesABareNameAndFailsLeavingTheTarget) {
   TempDir dir;
   const std::string target = dir / "a/b/c/state.json";
   _atomic_write(target, "first");
@@ -40,22 +40,16 @@ TEST(AtomicWrite, CreatesParentsReplacesLeftoverTemporaryAndTakesABareName) {
   _atomic_write(target, "second");
   EXPECT_EQ(read_file(target), "second");
   EXPECT_FALSE(path_exists(target + ".tmp"));
+  // A directory standing at the temporary name makes the write fail.
+  std::filesystem::create_directory(target + ".tmp");
+  EXPECT_THROW(_atomic_write(target, "third"), OSError);
+  EXPECT_EQ(read_file(target), "second");
 
   const auto previous = std::filesystem::current_path();
   std::filesystem::current_path(dir.path());
   _atomic_write("bare.txt", "data");
   std::filesystem::current_path(previous);
   EXPECT_EQ(read_file(dir / "bare.txt"), "data");
-}
-
-TEST(AtomicWrite, FailureLeavesTheTargetIntact) {
-  TempDir dir;
-  const std::string target = dir / "keep";
-  _atomic_write(target, "old");
-  // A directory standing at the temporary name makes the write fail.
-  std::filesystem::create_directory(target + ".tmp");
-  EXPECT_THROW(_atomic_write(target, "new"), OSError);
-  EXPECT_EQ(read_file(target), "old");
 }
 
 }  // namespace

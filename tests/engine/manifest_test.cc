@@ -12,7 +12,10 @@ namespace {
 
 std::shared_ptr<Json> manifest_data(const char* text) { return std::make_shared<Json>(Json::parse(text)); }
 
-TEST(ManifestFilters, RetiredPredicateCountsExactlyFiveSegments) {
+// Each filter returns a new document and leaves the one it was given as it
+// was: the manifest in force may be shared with other threads.
+TEST(ManifestFilters, RemoveDeclarationsAndRetiredFilesWithoutTouchingTheInput) {
+  // A retired file has exactly five segments, whatever the separators.
   for (const char* path : {"found_strategies/a/b/c/pnl.long.arrow", "found_signals\\a\\b\\c\\pnl_long.arrow",
                            "/found_signals/a/b/c/pnl_long.arrow/", "found_signals////pnl_long.arrow"}) {
     EXPECT_TRUE(_is_retired_found_pnl_long_file(path)) << path;
@@ -21,11 +24,6 @@ TEST(ManifestFilters, RetiredPredicateCountsExactlyFiveSegments) {
                            "useful_signals/a/b/c/pnl_long.arrow", "found_signals/a/b/c/PNL_LONG.arrow"}) {
     EXPECT_FALSE(_is_retired_found_pnl_long_file(path)) << path;
   }
-}
-
-// Each filter returns a new document and leaves the one it was given as it
-// was: the manifest in force may be shared with other threads.
-TEST(ManifestFilters, RemoveDeclarationsAndRetiredFilesWithoutTouchingTheInput) {
   // Declarations go by a ".pxd" name (case counts) or a declaration kind.
   auto data = manifest_data(R"({"era_id": 3, "files": {
       "z.bin": {"kind": "feature"},

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <thread>
 
 #include "sync/errors.h"
@@ -65,11 +64,6 @@ class ParallelDownload : public testing::SyncFixture {
     while (pool_threads_alive()) std::this_thread::yield();
   }
 
-  std::vector<std::string> waits() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return waits_;
-  }
-
   std::shared_ptr<SyncManager> manager_;
   std::atomic<bool> hold_{false};
   Event release_;
@@ -77,18 +71,13 @@ class ParallelDownload : public testing::SyncFixture {
 
  private:
   void on_wait() {
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      waits_.push_back(thread_name());
-    }
+    waits_.add(thread_name());
     // Bounded, so that a batch that wrongly waits for its workers fails
     // rather than hangs.
     if (hold_ && !release_.wait(10.0)) gave_up_ = true;
   }
 
   SleepFunction fixture_sleep_;
-  std::mutex mu_;
-  std::vector<std::string> waits_;
 };
 
 TEST_F(ParallelDownload, AFailedFileIsRaisedAfterTheOthersAreSummed) {
@@ -112,22 +101,19 @@ TEST_F(ParallelDownload, AFailedFileIsRaisedAfterTheOthersAreSummed) {
   EXPECT_EQ(read_file(path("c.bin")), std::string(2500, 'c'));
   EXPECT_FALSE(path_exists(path("b.bin")));
   // The retries ran on the pool's workers.
-  ASSERT_EQ(waits().size(), 2u);
-  for (const std::string& name : waits()) EXPECT_TRUE(name.starts_with("qm-sync_")) << name;
+  ASSERT_EQ(waits_.events().size(), 2u);
+  for (const std::string& name : waits_.events()) EXPECT_TRUE(name.starts_with("qm-sync_")) << name;
 }
 
 TEST_F(ParallelDownload, ATimedOutBatchNamesWhatIsPendingAndLeavesRunningDownloads) {
   env_.set("QUILLMARSH_SYNC_PARALLEL_TIMEOUT_SECONDS", "0.2");
   // Every file fails its first attempt, and its retry wait is held.
-  auto batch = [this](const std::vector<std::string>& names) {
+  auto run = [this](const std::vector<std::string>& names) {
     Json files = Json::object();
     for (const std::string& name : names) {
       files[name] = entry(name, std::string(100, name[0]));
       store_.fault("/bucket/" + name, {.empty_206 = true, .times = 1});
     }
-    return files;
-  };
-  auto run = [this](const Json& files) {
     hold_ = true;
     release_.clear();
     SyncResult result;
@@ -143,8 +129,7 @@ TEST_F(ParallelDownload, ATimedOutBatchNamesWhatIsPendingAndLeavesRunningDownloa
   };
 
   env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "2");
-  const Json four = batch({"a.bin", "b.bin", "c.bin", "d.bin"});
-  EXPECT_EQ(run(four),
+  EXPECT_EQ(run({"a.bin", "b.bin", "c.bin", "d.bin"}),
             "SyncError: Timed out after 0.2s in parallel download with 4 file(s) pending: a.bin, b.bin, c.bin, ...");
   // What was running finished by itself; what was queued never began.
   for (const std::string name : {"a.bin", "b.bin"}) {
@@ -154,7 +139,7 @@ TEST_F(ParallelDownload, ATimedOutBatchNamesWhatIsPendingAndLeavesRunningDownloa
   EXPECT_EQ(store_.request_count("/bucket/d.bin"), 0u);
 
   env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "3");
-  EXPECT_EQ(run(batch({"x.bin", "y.bin", "z.bin"})),
+  EXPECT_EQ(run({"x.bin", "y.bin", "z.bin"}),
             "SyncError: Timed out after 0.2s in parallel download with 3 file(s) pending: x.bin, y.bin, z.bin");
 }
 
@@ -169,8 +154,8 @@ TEST_F(ParallelDownload, OneWorkerMeansAPlainLoopOnTheCallingThread) {
   files["b.bin"] = entry("b.bin", "bbb");
   EXPECT_THROW(manager_->_download_files_parallel(files, result), IntegrityError);
   EXPECT_EQ(store_.request_count("/bucket/b.bin"), 0u);  // not tried after the failure
-  ASSERT_EQ(waits().size(), 2u);
-  for (const std::string& name : waits()) EXPECT_EQ(name, thread_name());
+  ASSERT_EQ(waits_.events().size(), 2u);
+  for (const std::string& name : waits_.events()) EXPECT_EQ(name, thread_name());
 }
 
 }  // namespace

@@ -9,13 +9,14 @@ namespace {
 
 using testing::Fault;
 using testing::outcome;
-using testing::vocabulary_path;
 
 class SyncPass : public testing::SyncFixture {
  protected:
   std::string manifest_on_disk() { return read_file(path("manifest.json")); }
 };
 
+// Declarations and retired files are dropped before anything is fetched;
+// every other key stays in the manifest written, in the server's text.
 TEST_F(SyncPass, FirstPassMirrorsTheEraAndWritesTheExactManifestText) {
   Json files = Json::object();
   files["features/a/x.arrow"] = store_file("features/a/x.arrow", "feature bytes", "feature");
@@ -24,7 +25,11 @@ TEST_F(SyncPass, FirstPassMirrorsTheEraAndWritesTheExactManifestText) {
   Json m = with_artefacts(manifest(4, 10, files));
   m["pnl_column_count"] = 3;
   m["note"] = "caf\xc3\xa9";  // keys the component does not read stay
-  publish(m);
+  Json served = m;
+  served["files"]["bundle/agent.pxd"] = store_file("bundle/agent.pxd", "decl");
+  served["files"]["bundle/v.bin"] = store_file("bundle/v.bin", "v", "vault_declaration");
+  served["files"]["found_signals/a/b/c/pnl_long.arrow"] = store_file("found_signals/a/b/c/pnl_long.arrow", "old");
+  publish(served);
 
   auto manager = make_manager();
   const SyncResult result = manager->sync();
@@ -39,48 +44,21 @@ TEST_F(SyncPass, FirstPassMirrorsTheEraAndWritesTheExactManifestText) {
                                 .vocabulary_downloaded = true, .shuffle_seed_downloaded = true}));
   EXPECT_EQ(manager->get_manifest()->version, 10);
   EXPECT_FALSE(path_exists(path(".sync_flock")));
+  for (const char* dropped : {"bundle/agent.pxd", "bundle/v.bin", "found_signals/a/b/c/pnl_long.arrow"}) {
+    EXPECT_FALSE(path_exists(path(dropped))) << dropped;
+    EXPECT_EQ(store_.request_count(std::string("/bucket/") + dropped), 0u) << dropped;
+  }
 }
 
-// A version bump that adds a file is the command line's new-version case.
-TEST_F(SyncPass, AnUnchangedEraCostsOneRequestAndADamagedFileARepair) {
-  Json files = Json::object();
-  files["features/a.bin"] = store_file("features/a.bin", "good bytes", "feature");
-  publish(with_artefacts(manifest(2, 5, files)));
+// One manager through manifests it cannot have or that do not fit, then
+// one era through several versions, then another era. A refused token and a
+// version bump that adds a file are the command line's cases, a probe naming
+// another era the Python suite's era-mismatch case.
+TEST_F(SyncPass, ServerAnswersDecideWhatAPassFetchesAndWhatItRefuses) {
+  // Each ends the pass with its own failure before anything is written, and
+  // the flock is released on the way out.
   auto manager = make_manager();
-  manager->sync();
-  api_.clear_requests();
-  store_.clear_requests();
-
-  EXPECT_EQ(manager->sync(), (SyncResult{.era_id = 2, .n_features = 1}));
-  EXPECT_EQ(api_.requests().size(), 1u);
-  EXPECT_EQ(api_.request_count("/data/manifest/version"), 1u);
-  EXPECT_TRUE(store_.requests().empty());
-
-  write_file(path("features/a.bin"), "bad bytes!");
-  manager->sync();
-  EXPECT_EQ(read_file(path("features/a.bin")), "good bytes");
-  EXPECT_EQ(logged_starting("Manifest-tracked local file failed integrity check; re-downloading: "), 1u);
-}
-
-// A probe naming another era is the Python suite's era-mismatch case.
-TEST_F(SyncPass, AnotherErasManifestEndsThePassAndChangesNothing) {
-  publish(with_artefacts(manifest(2, 5)));
-  auto manager = make_manager();
-  manager->sync();
-  const std::string before = manifest_on_disk();
-  const auto manifest_before = manager->get_manifest();
-
-  // A version document that still names the old era lets the manifest speak.
-  publish(manifest(3, 6), Json{{"version", 6}, {"era_id", 2}});
-  EXPECT_EQ(outcome([&] { manager->sync(); }), "EraError: Era mismatch: local era_id=2, server era_id=3");
-  EXPECT_EQ(manifest_on_disk(), before);
-  EXPECT_EQ(manager->get_manifest(), manifest_before);
-}
-
-TEST_F(SyncPass, AManifestThatCannotBeHadEndsThePassWithItsOwnFailure) {
-  // A refused token is the command line's auth case.
   publish(manifest(1, 1));
-  auto manager = make_manager();
   api_.put("/data/manifest", "{not json");
   EXPECT_TRUE(outcome([&] { manager->sync(); }).starts_with("ManifestError: Invalid manifest JSON: "));
   // Bytes that are not UTF-8 fail as a decoding failure, not as bad JSON.
@@ -89,48 +67,50 @@ TEST_F(SyncPass, AManifestThatCannotBeHadEndsThePassWithItsOwnFailure) {
   // JSON that is no object fails at the first filter.
   api_.put("/data/manifest", "[1, 2]");
   EXPECT_THROW(manager->sync(), TypeError);
+
+  Json huge = Json::object();
+  huge["features/huge.bin"] = store_file("features/huge.bin", "x");
+  huge["features/huge.bin"]["size_bytes"] = std::int64_t{1} << 60;  // an exabyte
+  publish(manifest(1, 1, huge));
+  EXPECT_TRUE(outcome([&] { manager->sync(); })
+                  .starts_with("DiskSpaceError: Insufficient disk space: need 1152921504606846976 bytes, have "));
+  EXPECT_TRUE(store_.requests().empty());
   EXPECT_FALSE(path_exists(path("manifest.json")));
-  EXPECT_FALSE(path_exists(path(".sync_flock")));  // released on the way out
-}
+  EXPECT_FALSE(path_exists(path(".sync_flock")));
 
-TEST_F(SyncPass, DeclarationsAndRetiredFilesNeverReachTheDisk) {
+  // An era through several versions.
   Json files = Json::object();
-  files["features/a.bin"] = store_file("features/a.bin", "a");
-  files["bundle/agent.pxd"] = store_file("bundle/agent.pxd", "decl");
-  files["bundle/v.bin"] = store_file("bundle/v.bin", "v", "vault_declaration");
-  files["found_signals/a/b/c/pnl_long.arrow"] = store_file("found_signals/a/b/c/pnl_long.arrow", "old");
-  const Json m = with_artefacts(manifest(1, 1, files));
-  publish(m);
-  auto manager = make_manager();
+  files["features/a.bin"] = store_file("features/a.bin", "good bytes", "feature");
+  publish(with_artefacts(manifest(1, 3, files)));
   manager->sync();
-
-  Json expected = manifest(1, 1);
-  expected["files"]["features/a.bin"] = files["features/a.bin"];
-  expected["files"][vocabulary_path("u")] = m["files"][vocabulary_path("u")];
-  EXPECT_EQ(manifest_on_disk(), json_text(expected));
-  EXPECT_FALSE(path_exists(path("bundle/agent.pxd")));
-  EXPECT_FALSE(path_exists(path("found_signals/a/b/c/pnl_long.arrow")));
-  EXPECT_EQ(store_.request_count("/bucket/bundle/agent.pxd"), 0u);
-}
-
-TEST_F(SyncPass, TheProbeIsOnlyAHint) {
-  publish(with_artefacts(manifest(1, 3)));
-  auto manager = make_manager();
+  // Unchanged: one request, nothing fetched, and the files judged by the
+  // digest cache alone: bytes remembered as good are not read.
+  write_file(path("features/a.bin"), "bad bytes!");
+  manager->_remember_local_sha("features/a.bin", path("features/a.bin"), _sha256("good bytes"));
+  api_.clear_requests();
+  store_.clear_requests();
+  EXPECT_EQ(manager->sync(), (SyncResult{.era_id = 1, .n_features = 1}));
+  EXPECT_EQ(api_.requests().size(), 1u);
+  EXPECT_EQ(api_.request_count("/data/manifest/version"), 1u);
+  EXPECT_TRUE(store_.requests().empty());
+  EXPECT_EQ(read_file(path("features/a.bin")), "bad bytes!");
+  // A damaged file is a repair.
+  write_file(path("features/a.bin"), "bad bytes");
   manager->sync();
+  EXPECT_EQ(read_file(path("features/a.bin")), "good bytes");
+  EXPECT_EQ(logged_starting("Manifest-tracked local file failed integrity check; re-downloading: "), 1u);
 
-  // Not found or unparseable: the manifest decides.
+  // Not found or unparseable, or a version without an era: the manifest decides.
+  api_.clear_requests();
   api_.fault("/data/manifest/version", Fault{.status = 404});
   manager->sync();
-  EXPECT_EQ(api_.request_count("/data/manifest"), 2u);
+  EXPECT_EQ(api_.request_count("/data/manifest"), 1u);
   api_.clear_faults();
-  api_.put("/data/manifest/version", "{\"version\": \"three\"}");
-  manager->sync();
+  for (const char* probe : {"{\"version\": \"three\"}", "{\"version\": 3}"}) {
+    api_.put("/data/manifest/version", probe);
+    manager->sync();
+  }
   EXPECT_EQ(api_.request_count("/data/manifest"), 3u);
-
-  // A version without an era keeps the gate shut.
-  api_.put("/data/manifest/version", "{\"version\": 3}");
-  manager->sync();
-  EXPECT_EQ(api_.request_count("/data/manifest"), 4u);
 
   // An older version is taken when the files fit it.
   Json older = with_artefacts(manifest(1, 2));
@@ -138,17 +118,13 @@ TEST_F(SyncPass, TheProbeIsOnlyAHint) {
   publish(older);
   EXPECT_EQ(manager->sync(), SyncResult{.era_id = 1});
   EXPECT_EQ(manifest_on_disk(), json_text(older));
-}
 
-TEST_F(SyncPass, NotEnoughDiskSpaceRefusesBeforeAnyDownload) {
-  Json files = Json::object();
-  files["features/huge.bin"] = store_file("features/huge.bin", "x");
-  files["features/huge.bin"]["size_bytes"] = std::int64_t{1} << 60;  // an exabyte
-  publish(manifest(1, 1, files));
-  EXPECT_TRUE(outcome([&] { make_manager()->sync(); })
-                  .starts_with("DiskSpaceError: Insufficient disk space: need 1152921504606846976 bytes, have "));
-  EXPECT_TRUE(store_.requests().empty());
-  EXPECT_FALSE(path_exists(path("manifest.json")));
+  // A version document that still names the old era lets the manifest speak.
+  const auto manifest_before = manager->get_manifest();
+  publish(manifest(3, 6), Json{{"version", 6}, {"era_id", 1}});
+  EXPECT_EQ(outcome([&] { manager->sync(); }), "EraError: Era mismatch: local era_id=1, server era_id=3");
+  EXPECT_EQ(manifest_on_disk(), json_text(older));
+  EXPECT_EQ(manager->get_manifest(), manifest_before);
 }
 
 }  // namespace

@@ -62,10 +62,8 @@ TEST_F(VerifyRepair, VerifyListsMissingAndCorruptedFilesHashingAfresh) {
   put_local("features/f.bin", "ffff");
   files["features/g.bin"] = Json{{"size_bytes", "4"}, {"sha256", _sha256("gggg")}};  // size as text
   put_local("features/g.bin", "gggg");
-  Json other = Json{{"size_bytes", 1}, {"kind", "vault_module"}, {"platform", "plan9_mips"}};
-  files["modules/other.so"] = other;
-  Json here = Json{{"size_bytes", 1}, {"kind", "backtester_module"}, {"platform", CURRENT_PLATFORM}};
-  files["modules/here.so"] = here;
+  files["modules/other.so"] = Json{{"size_bytes", 1}, {"kind", "vault_module"}, {"platform", "plan9_mips"}};
+  files["modules/here.so"] = Json{{"size_bytes", 1}, {"kind", "backtester_module"}, {"platform", CURRENT_PLATFORM}};
   // No platform: needed everywhere.
   files["modules/any.so"] = Json{{"size_bytes", 1}, {"kind", "vault_module"}, {"platform", ""}};
   auto m = manager_over(files);
@@ -82,25 +80,43 @@ TEST_F(VerifyRepair, VerifyListsMissingAndCorruptedFilesHashingAfresh) {
   EXPECT_FALSE(path_exists(path(".sync_hash_cache.json")));
 }
 
-TEST_F(VerifyRepair, RepairRestoresWhatVerifyFoundAndFlushesTheCache) {
+// A batch that fails ends at its first failure, with the digest cache left
+// unwritten; an empty batch still flushes it; a batch of what verify found
+// restores the era, resuming what was staged.
+TEST_F(VerifyRepair, RepairStopsAtTheFirstFailureFlushesTheCacheAndRestoresWhatVerifyFound) {
+  auto bare = make_manager();
+  EXPECT_EQ(bare->repair({}), SyncResult{});
+  EXPECT_THROW(bare->repair({"features/a.bin"}), StateError);  // no manifest: only an empty batch passes
+  EXPECT_TRUE(flock_free(*bare));
+
   Json files = Json::object();
   add(files, "features/a.bin", "aaaa", "aaaa", "feature");
   add(files, "features/b.bin", "bbbb", "BBBB", "feature");
   add(files, "features/d.bin", "dddd", std::nullopt);
   put_local("features/d.bin.tmp", "dd");  // left by an earlier attempt: resumed
+  add(files, "features/e.bin", "eeee", std::nullopt);
+  store_.remove("/bucket/features/e.bin");
   auto m = manager_over(files);
+  m->_remember_local_sha("features/b.bin", path("features/b.bin"), _sha256("BBBB"));
+  EXPECT_THROW(m->repair({"features/e.bin", "features/b.bin"}), IntegrityError);
+  EXPECT_EQ(store_.request_count("/bucket/features/b.bin"), 0u);
+  EXPECT_EQ(local("features/b.bin"), "BBBB");
+  EXPECT_TRUE(m->_hash_cache_dirty);
+  EXPECT_FALSE(path_exists(path(".sync_hash_cache.json")));
+  EXPECT_TRUE(flock_free(*m));
+  EXPECT_EQ(m->repair({}), SyncResult{.era_id = 3});
+  EXPECT_TRUE(path_exists(path(".sync_hash_cache.json")));
+  EXPECT_FALSE(m->_hash_cache_dirty);
 
+  store_.put("/bucket/features/e.bin", "eeee");
+  store_.clear_requests();
   const VerifyResult found = m->verify();
   std::vector<std::string> batch = found.corrupted_files;
   batch.insert(batch.end(), found.missing_files.begin(), found.missing_files.end());
   batch.push_back("features/unknown.bin");
-  ASSERT_EQ(batch.size(), 3u);
-  const SyncResult result = m->repair(batch);
-
+  ASSERT_EQ(batch.size(), 4u);
+  EXPECT_EQ(m->repair(batch), (SyncResult{.features_downloaded = 1, .bytes_downloaded = 12, .era_id = 3}));
   EXPECT_TRUE(m->verify().valid);  // hashes the bytes on disk afresh
-  EXPECT_EQ(result.era_id, 3);
-  EXPECT_EQ(result.features_downloaded, 1);
-  EXPECT_EQ(result.bytes_downloaded, 8);
   const auto requests = store_.requests();
   const auto d = std::find_if(requests.begin(), requests.end(),
                               [](const auto& r) { return r.path == "/bucket/features/d.bin"; });
@@ -110,34 +126,9 @@ TEST_F(VerifyRepair, RepairRestoresWhatVerifyFoundAndFlushesTheCache) {
   EXPECT_EQ(store_.request_count("/bucket/features/a.bin"), 0u);
   EXPECT_EQ(store_.request_count("/bucket/features/unknown.bin"), 0u);
   EXPECT_TRUE(flock_free(*m));
-
   const Json cache = parse_json_text(read_file(path(".sync_hash_cache.json")));
   EXPECT_EQ(cache["files"]["features/b.bin"]["sha256"], _sha256("bbbb"));
   EXPECT_EQ(cache["files"]["features/d.bin"]["sha256"], _sha256("dddd"));
-  EXPECT_FALSE(m->_hash_cache_dirty);
-}
-
-TEST_F(VerifyRepair, AnEmptyBatchStillFlushesAndTheFirstFailureEndsABatchWithoutOne) {
-  auto bare = make_manager();
-  EXPECT_EQ(bare->repair({}), SyncResult{});
-  EXPECT_THROW(bare->repair({"features/a.bin"}), StateError);  // no manifest: only an empty batch passes
-  EXPECT_TRUE(flock_free(*bare));
-
-  Json files = Json::object();
-  add(files, "features/a.bin", "aaaa", std::nullopt);
-  store_.remove("/bucket/features/a.bin");
-  add(files, "features/b.bin", "bbbb", "BBBB");
-  auto m = manager_over(files);
-  m->_remember_local_sha("features/b.bin", path("features/b.bin"), _sha256("BBBB"));
-  EXPECT_THROW(m->repair({"features/a.bin", "features/b.bin"}), IntegrityError);
-  EXPECT_EQ(store_.request_count("/bucket/features/b.bin"), 0u);
-  EXPECT_EQ(local("features/b.bin"), "BBBB");
-  EXPECT_TRUE(m->_hash_cache_dirty);
-  EXPECT_FALSE(path_exists(path(".sync_hash_cache.json")));
-  EXPECT_TRUE(flock_free(*m));
-
-  EXPECT_EQ(m->repair({}), SyncResult{.era_id = 3});
-  EXPECT_TRUE(path_exists(path(".sync_hash_cache.json")));
   EXPECT_FALSE(m->_hash_cache_dirty);
 }
 

@@ -57,7 +57,36 @@ class EventLog {
   std::vector<std::string> events_;
 };
 
-class SyncFixture : public ::testing::Test {
+// A data directory and the helpers of tests of local logic, which need no
+// server: the managers' API address is one nothing answers at.
+class DataDirFixture : public ::testing::Test {
+ protected:
+  std::shared_ptr<SyncManager> make_manager(double poll_interval_s = 600.0) {
+    return SyncManager::create(dir_.path(), api_url(), [] { return std::string("test-token"); }, poll_interval_s);
+  }
+  virtual std::string api_url() const { return "https://127.0.0.1:9"; }
+
+  std::string path(const std::string& relative) const { return dir_ / relative; }
+
+  // Writes `bytes` at `relative` in the data directory, parents made; returns its path.
+  std::string put_local(const std::string& relative, const std::string& bytes) {
+    make_dirs(dir_name(path(relative)));
+    write_file(path(relative), bytes);
+    return path(relative);
+  }
+
+  // Records at `level` whose message starts with `prefix`.
+  std::size_t logged_starting(const std::string& prefix, LogLevel level = LogLevel::warning) const {
+    std::size_t n = 0;
+    for (const LogRecord& r : log_.records()) n += r.level == level && r.message.starts_with(prefix);
+    return n;
+  }
+
+  TempDir dir_;
+  LogCapture log_;
+};
+
+class SyncFixture : public DataDirFixture {
  protected:
   void SetUp() override {
     set_extra_ca_file(TestServer::ca_file());
@@ -67,10 +96,7 @@ class SyncFixture : public ::testing::Test {
                              "QUILLMARSH_SYNC_PUBLIC_DOWNLOAD_BASE_URL"}) {
       env_.unset(name);
     }
-    previous_sleep_ = replace_sleep([this](double s) {
-      std::lock_guard<std::mutex> lock(slept_mu_);
-      slept_.push_back(s);
-    });
+    previous_sleep_ = replace_sleep([this](double s) { waits_.add("sleep " + std::to_string(s).substr(0, 4)); });
   }
   void TearDown() override {
     replace_sleep(previous_sleep_);
@@ -142,42 +168,15 @@ class SyncFixture : public ::testing::Test {
     write_file(path("shuffle_seed.enc.meta.json"), "{\"era_id\": " + std::to_string(era) + "}");
   }
 
-  std::shared_ptr<SyncManager> make_manager(double poll_interval_s = 600.0) {
-    return SyncManager::create(dir_.path(), api_.base_url(), [] { return std::string("test-token"); },
-                               poll_interval_s);
-  }
-
-  std::string path(const std::string& relative) const { return dir_ / relative; }
-
-  // Writes `bytes` at `relative` in the data directory, parents made; returns its path.
-  std::string put_local(const std::string& relative, const std::string& bytes) {
-    make_dirs(dir_name(path(relative)));
-    write_file(path(relative), bytes);
-    return path(relative);
-  }
-
-  // Records at `level` whose message starts with `prefix`.
-  std::size_t logged_starting(const std::string& prefix, LogLevel level = LogLevel::warning) const {
-    std::size_t n = 0;
-    for (const LogRecord& r : log_.records()) n += r.level == level && r.message.starts_with(prefix);
-    return n;
-  }
-
-  std::vector<double> slept() {
-    std::lock_guard<std::mutex> lock(slept_mu_);
-    return slept_;
-  }
+  std::string api_url() const override { return api_.base_url(); }
 
   TestServer api_;
   TestServer store_;
-  TempDir dir_;
   ScopedEnv env_;
-  LogCapture log_;
+  EventLog waits_;  // every sleep, as "sleep 0.25", in the order taken
 
  private:
   SleepFunction previous_sleep_;
-  std::mutex slept_mu_;
-  std::vector<double> slept_;
 };
 
 }  // namespace quillmarsh::sync::testing
