@@ -68,11 +68,6 @@ TEST_F(SeedFile, ValidationRunsItsTestsInOrderAndTheSideFileHoldsTheEra) {
 
 class SeedDownload : public SyncFixture {
  protected:
-  void SetUp() override {
-    SyncFixture::SetUp();
-    manager_ = make_manager();
-    server_manifest_ = std::make_shared<Manifest>(manifest(4, 1));
-  }
   void serve(const std::string& body, Headers headers = {{"X-Era-Id", "4"}}) {
     api_.put("/data/shuffle", body, std::move(headers));
   }
@@ -84,8 +79,8 @@ class SeedDownload : public SyncFixture {
   std::string download_failure() {
     return outcome([&] { manager_->_download_shuffle_seed(*server_manifest_); });
   }
-  std::shared_ptr<SyncManager> manager_;
-  std::shared_ptr<Manifest> server_manifest_;
+  std::shared_ptr<SyncManager> manager_ = make_manager();
+  std::shared_ptr<Manifest> server_manifest_ = std::make_shared<Manifest>(manifest(4, 1));
 };
 
 TEST_F(SeedDownload, ABadResponseLeavesTheOldSeedAsItWas) {
