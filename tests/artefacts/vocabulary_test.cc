@@ -47,9 +47,7 @@ TEST(VocabularyPath, GivesTheUniverseOfExactlyThreeSegments) {
       {"features/a/b/vocabulary.json", std::nullopt},
       {"Features/x/vocabulary.json", std::nullopt},
   };
-  for (const auto& [path, expected] : cases) {
-    EXPECT_EQ(_vocabulary_named_universe_from_path(path), expected) << path;
-  }
+  for (const auto& [path, expected] : cases) EXPECT_EQ(_vocabulary_named_universe_from_path(path), expected) << path;
   // A blank segment passes the path gate and fails as a name.
   EXPECT_EQ(outcome([] { _vocabulary_named_universe_from_path("features/  /vocabulary.json"); }),
             "SyncError: named_universe is required");

@@ -24,9 +24,7 @@ using testing::EraFixture;
 using testing::outcome;
 using testing::wait_until;
 
-SyncManager::TokenSource token(std::string text) {
-  return [text] { return text; };
-}
+SyncManager::TokenSource token(std::string text) { return [text] { return text; }; }
 
 class Registry : public EraFixture {
  protected:
