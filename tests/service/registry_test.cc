@@ -35,9 +35,7 @@ class Registry : public EraFixture {
   std::string count_file() const { return read_file(path(".consumer_count")); }
   std::optional<std::string> last_authorization(const std::string& request_path) const {
     std::optional<std::string> seen;
-    for (const auto& request : api_.requests()) {
-      if (request.path == request_path) seen = request.header("Authorization");
-    }
+    for (const auto& r : api_.requests()) if (r.path == request_path) seen = r.header("Authorization");
     return seen;
   }
   // A manifest in force on the server, so that background polls find
