@@ -16,9 +16,28 @@
 namespace quillmarsh::sync::testing {
 namespace {
 
+// Ctrl-C in the middle of a download says what stays and ends with 130; that
+// the next run converges after any kill is the crash trials' business.
+TEST_F(QmsyncTest, AnInterruptedSyncSaysWhatItKept) {
+  start_server({"--rate-limit", "8"});
+  std::vector<std::string> argv = client({"sync"});
+  argv.insert(argv.begin(), QMSYNC_BINARY);
+  Child sync(argv, tmp_ / "interrupted.out", tmp_ / "interrupted.err");
+  ASSERT_TRUE(wait_until([&] {
+    return !find_entries(data_dir(), [](std::string_view name) { return name.ends_with(".tmp"); }).empty();
+  })) << read_file(tmp_ / "interrupted.err");
+  EXPECT_EQ(sync.stop_with(SIGINT), 130);
+  const std::string err = read_file(tmp_ / "interrupted.err");
+  EXPECT_NE(err.find("Interrupted: "), std::string::npos) << err;
+  EXPECT_NE(err.find("the next sync fetches only what is still missing."), std::string::npos) << err;
+}
+
 // The commands that move data, one run each; what a pass does is the engine
-// suites' business, what qmsync prints of it is this one's.
-TEST_F(QmsyncTest, EachClientCommandPrintsWhatItDid) {
+// suites' business, what qmsync prints of it is this one's. Then, against the
+// same server, nothing that failed or was never promised reads as success:
+// each case exits with its failure's code and says what to do, on stderr and,
+// under --json, on stdout.
+TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSaysWhatToDo) {
   EXPECT_EQ(qmsync({"--version"}).out, std::string("qmsync ") + library_version() + "\n");
   start_server();
   // A dry run names what the sync below fetches, and writes nothing.
@@ -60,31 +79,8 @@ TEST_F(QmsyncTest, EachClientCommandPrintsWhatItDid) {
   ASSERT_EQ(repair.exit_code, 0) << repair.err;
   EXPECT_EQ(parse_json_text(repair.out)["bytes_downloaded"], 40000 + 21);
   EXPECT_EQ(qmsync({"verify", "--data-dir", data_dir()}).exit_code, 0);
-}
 
-// Ctrl-C in the middle of a download says what stays and ends with 130; that
-// the next run converges after any kill is the crash trials' business.
-TEST_F(QmsyncTest, AnInterruptedSyncSaysWhatItKept) {
-  start_server({"--rate-limit", "8"});
-  std::vector<std::string> argv = client({"sync"});
-  argv.insert(argv.begin(), QMSYNC_BINARY);
-  Child sync(argv, tmp_ / "interrupted.out", tmp_ / "interrupted.err");
-  ASSERT_TRUE(wait_until([&] {
-    return !find_entries(data_dir(), [](std::string_view name) { return name.ends_with(".tmp"); }).empty();
-  })) << read_file(tmp_ / "interrupted.err");
-  EXPECT_EQ(sync.stop_with(SIGINT), 130);
-  const std::string err = read_file(tmp_ / "interrupted.err");
-  EXPECT_NE(err.find("Interrupted: "), std::string::npos) << err;
-  EXPECT_NE(err.find("the next sync fetches only what is still missing."), std::string::npos) << err;
-}
-
-// Nothing that failed, or was never promised, reads as success: each case
-// exits with its failure's code and says what to do, on stderr and, under
-// --json, on stdout.
-TEST_F(QmsyncTest, EachFailureExitsWithItsCodeAndSaysWhatToDo) {
   make_dirs(tmp_ / "a-directory");
-  start_server();  // holds its port
-  ASSERT_EQ(qmsync(client({"sync"})).exit_code, 0);
   const std::string never_synced = tmp_ / "never-synced";
   make_dirs(never_synced);
   write_file(tmp_ / "old-token", "token-0");
@@ -96,11 +92,8 @@ TEST_F(QmsyncTest, EachFailureExitsWithItsCodeAndSaysWhatToDo) {
   const auto with = [&](const std::vector<std::string>& args, const std::string& option, const std::string& value) {
     std::vector<std::string> out = client(args);
     const auto at = std::find(out.begin(), out.end(), option);
-    if (value.empty()) {
-      out.erase(at, at + 2);
-    } else {
-      at[1] = value;
-    }
+    if (value.empty()) out.erase(at, at + 2);
+    else at[1] = value;
     return out;
   };
   const std::string refused = "the server refused the token: check --token";
