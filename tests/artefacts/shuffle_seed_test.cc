@@ -20,14 +20,9 @@ using testing::seed_bytes;
 using testing::SyncFixture;
 using testing::TempDir;
 
-class SeedFile : public ::testing::Test {
- protected:
-  std::string seed() const { return dir_ / "shuffle_seed.enc"; }
-  std::string meta() const { return dir_ / "shuffle_seed.enc.meta.json"; }
-  TempDir dir_;
-};
-
-TEST_F(SeedFile, ValidationRunsItsTestsInOrderAndTheSideFileHoldsTheEra) {
+TEST(SeedFile, ValidationRunsItsTestsInOrderAndTheSideFileHoldsTheEra) {
+  TempDir dir;
+  const std::string seed = dir / "shuffle_seed.enc", meta = dir / "shuffle_seed.enc.meta.json";
   struct Case {
     const char* name;
     std::optional<std::string> seed_bytes;  // absent: no seed file
@@ -51,28 +46,23 @@ TEST_F(SeedFile, ValidationRunsItsTestsInOrderAndTheSideFileHoldsTheEra) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    remove_file(seed());
-    remove_file(meta());
-    if (c.seed_bytes) write_file(seed(), *c.seed_bytes);
-    if (c.meta_text) write_file(meta(), *c.meta_text);
-    EXPECT_EQ(outcome([&] { _validate_shuffle_seed_file(seed(), c.era); }), c.expected);
+    remove_file(seed);
+    remove_file(meta);
+    if (c.seed_bytes) write_file(seed, *c.seed_bytes);
+    if (c.meta_text) write_file(meta, *c.meta_text);
+    EXPECT_EQ(outcome([&] { _validate_shuffle_seed_file(seed, c.era); }), c.expected);
   }
 
   // The side file is written as one line of JSON, its era converted; an era
   // that will not convert leaves it as it was.
-  _write_shuffle_seed_metadata(seed(), Json(" 12 "));
-  EXPECT_EQ(read_file(meta()), "{\"era_id\": 12}");
-  EXPECT_THROW(_write_shuffle_seed_metadata(seed(), Json("twelve")), ValueError);
-  EXPECT_EQ(read_file(meta()), "{\"era_id\": 12}");
+  _write_shuffle_seed_metadata(seed, Json(" 12 "));
+  EXPECT_EQ(read_file(meta), "{\"era_id\": 12}");
+  EXPECT_THROW(_write_shuffle_seed_metadata(seed, Json("twelve")), ValueError);
+  EXPECT_EQ(read_file(meta), "{\"era_id\": 12}");
 }
 
 class SeedDownload : public SyncFixture {
  protected:
-  void SetUp() override {
-    SyncFixture::SetUp();
-    manager_ = make_manager();
-    server_manifest_ = std::make_shared<Manifest>(manifest(4, 1));
-  }
   void serve(const std::string& body, Headers headers = {{"X-Era-Id", "4"}}) {
     api_.put("/data/shuffle", body, std::move(headers));
   }
@@ -84,8 +74,8 @@ class SeedDownload : public SyncFixture {
   std::string download_failure() {
     return outcome([&] { manager_->_download_shuffle_seed(*server_manifest_); });
   }
-  std::shared_ptr<SyncManager> manager_;
-  std::shared_ptr<Manifest> server_manifest_;
+  std::shared_ptr<SyncManager> manager_ = make_manager();
+  std::shared_ptr<Manifest> server_manifest_ = std::make_shared<Manifest>(manifest(4, 1));
 };
 
 TEST_F(SeedDownload, ABadResponseLeavesTheOldSeedAsItWas) {

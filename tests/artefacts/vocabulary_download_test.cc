@@ -20,11 +20,6 @@ using testing::vocabulary_path;
 
 class VocabularyDownload : public testing::SyncFixture {
  protected:
-  void SetUp() override {
-    SyncFixture::SetUp();
-    manager_ = make_manager();
-  }
-
   // Serves the vocabulary of `era` for `universe` and returns its entry.
   Json serve(const std::string& universe, std::int64_t era = 4) {
     return store_file(vocabulary_path(universe), json_text(vocabulary(era, universe)));
@@ -39,14 +34,12 @@ class VocabularyDownload : public testing::SyncFixture {
   }
   std::vector<std::string> warnings() const {
     std::vector<std::string> out;
-    for (const LogRecord& r : log_.records()) {
-      if (r.level == LogLevel::warning) out.push_back(r.message);
-    }
+    for (const LogRecord& r : log_.records()) if (r.level == LogLevel::warning) out.push_back(r.message);
     return out;
   }
   static constexpr const char* kRepaired = "Manifest vocabulary metadata repaired for ";
 
-  std::shared_ptr<SyncManager> manager_;
+  std::shared_ptr<SyncManager> manager_ = make_manager();
   std::shared_ptr<Json> data_;
 };
 
@@ -122,10 +115,7 @@ TEST_F(VocabularyDownload, OnlyBytesThatValidateStayAndAStatedDigestIsNeverOverr
     const std::string failure = outcome([&] { manager_->_download_vocabulary(m); });
     EXPECT_TRUE(failure.starts_with(c.failure)) << failure;
     EXPECT_FALSE(path_exists(path(p) + ".tmp"));
-    EXPECT_EQ(path_exists(path(p)), c.file_stays);
-    if (c.file_stays) {
-      EXPECT_EQ(read_file(path(p)), bytes);
-    }
+    EXPECT_EQ(path_exists(path(p)) && read_file(path(p)) == bytes, c.file_stays);
     EXPECT_EQ(manager_->_vocabulary.load() != nullptr, c.failure == "ok");
     // The entry is completed from validated bytes only, never overruled.
     EXPECT_EQ((*data_)["files"][p], c.failure == "ok" ? served : entry);

@@ -47,13 +47,10 @@ TEST(VocabularyPath, GivesTheUniverseOfExactlyThreeSegments) {
       {"features/a/b/vocabulary.json", std::nullopt},
       {"Features/x/vocabulary.json", std::nullopt},
   };
-  for (const auto& [path, expected] : cases) {
-    EXPECT_EQ(_vocabulary_named_universe_from_path(path), expected) << path;
-  }
+  for (const auto& [path, expected] : cases) EXPECT_EQ(_vocabulary_named_universe_from_path(path), expected) << path;
   // A blank segment passes the path gate and fails as a name.
   EXPECT_EQ(outcome([] { _vocabulary_named_universe_from_path("features/  /vocabulary.json"); }),
             "SyncError: named_universe is required");
-
 }
 
 // A valid vocabulary of era 7 for universe "x", changed by `edit`.
@@ -73,18 +70,10 @@ TEST(VocabularyData, RefusesInTheOrderOfItsTests) {
   const std::string x = "x";
   const Case cases[] = {
       {"array", Json::array({1}), x, "SyncError: vocabulary.json must contain a JSON object"},
-      {"missing keys, sorted",
-       vocabulary_with([](Json& v) {
-         v.erase("metadata");
-         v.erase("features");
-       }),
-       x, "SyncError: vocabulary.json missing required keys: ['features', 'metadata']"},
+      {"missing keys, sorted", vocabulary_with([](Json& v) { v.erase("metadata"); v.erase("features"); }), x,
+       "SyncError: vocabulary.json missing required keys: ['features', 'metadata']"},
       {"era and universe both wrong: the era speaks",
-       vocabulary_with([](Json& v) {
-         v["era_id"] = 8;
-         v["named_universe"] = "y";
-       }),
-       x, "EraError: vocabulary.json era_id=8 does not match manifest era_id=7"},
+       vocabulary_with([](Json& v) { v["era_id"] = 8; v["named_universe"] = "y"; }), x, "EraError: vocabulary.json era_id=8 does not match manifest era_id=7"},
       {"other universe", vocabulary_with([](Json& v) { v["named_universe"] = "y"; }), x,
        "SyncError: vocabulary.json named_universe does not match manifest path 'x'"},
       {"own name with blanks, no argument", vocabulary_with([](Json& v) { v["named_universe"] = " x "; }),
@@ -101,7 +90,7 @@ TEST(VocabularyData, RefusesInTheOrderOfItsTests) {
 // That undecodable bytes are refused, that EraError is kept for a complete
 // object of another era and that what is accepted is the parsed object, of
 // the era and universe asked for, are the vocabulary fuzz target's properties.
-TEST(VocabularyFile, MissingUnreadableAndUndecodableFilesAreTold) {
+TEST(VocabularyFile, MissingUnreadableUndecodableAndMismatchedFilesAreTold) {
   TempDir dir;
   EXPECT_EQ(outcome([&] { _validate_vocabulary_file(dir / "absent.json", 7, "x"); }),
             "SyncError: vocabulary.json is missing");
@@ -113,43 +102,35 @@ TEST(VocabularyFile, MissingUnreadableAndUndecodableFilesAreTold) {
   const auto [bad, decoding] = outcome_and_cause([&] { _validate_vocabulary_file(dir / "v.json", 7, "x"); });
   EXPECT_TRUE(bad.starts_with("SyncError: vocabulary.json is not valid JSON: ")) << bad;
   EXPECT_NE(decoding, "") << "the decoding failure is kept as the cause";
-}
 
-class ManifestVocabularies : public ::testing::Test {
- protected:
-  // Writes `vocabulary` at features/{universe}/vocabulary.json.
-  void put(const std::string& universe, const Json& vocabulary) {
-    make_dirs(dir_ / ("features/" + universe));
-    write_file(dir_ / vocabulary_path(universe), json_text(vocabulary));
-  }
-  Manifest manifest_of(const std::vector<std::string>& universes, Json era_id = 7) {
-    Json files = Json::object();
-    files["features/zz/data.arrow"] = Json::object();
+  // A whole manifest's vocabularies: sorted, and the first bad file reported.
+  const auto put = [&](const std::string& universe, const Json& vocabulary) {
+    make_dirs(dir / ("features/" + universe));
+    write_file(dir / vocabulary_path(universe), json_text(vocabulary));
+  };
+  const auto manifest_of = [](const std::vector<std::string>& universes, Json era_id = 7) {
+    Json files = Json{{"features/zz/data.arrow", Json::object()}};
     for (const std::string& u : universes) files[vocabulary_path(u)] = Json::object();
     return Manifest(Json{{"era_id", era_id}, {"files", files}});
-  }
-  TempDir dir_;
-};
-
-TEST_F(ManifestVocabularies, UniversesComeInSortedOrderAndTheFirstBadFileIsReported) {
+  };
   put("beta", vocabulary(7, "beta", Json{{"n_instruments", 2}}));
   put("alpha", vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
-  const Json vocabularies = _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta", "alpha"}, "7"));
+  const Json vocabularies = _validate_manifest_vocabulary_files(dir.path(), manifest_of({"beta", "alpha"}, "7"));
   ASSERT_EQ(vocabularies.size(), 2u);  // an era held as text converts
   EXPECT_EQ(vocabularies.begin().key(), "alpha");
   EXPECT_EQ(vocabularies["alpha"], vocabulary(7, "alpha", Json{{"n_instruments", 1}}));
 
   put("beta", vocabulary(6, "beta"));
   put("alpha", vocabulary(7, "gamma"));
-  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta", "alpha"})); }),
+  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir.path(), manifest_of({"beta", "alpha"})); }),
             "SyncError: vocabulary.json named_universe does not match manifest path 'alpha'");
-  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta"})); }),
+  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir.path(), manifest_of({"beta"})); }),
             "EraError: vocabulary.json era_id=6 does not match manifest era_id=7");
-  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir_.path(), manifest_of({})); }),
+  EXPECT_EQ(outcome([&] { _validate_manifest_vocabulary_files(dir.path(), manifest_of({})); }),
             "SyncError: manifest is missing per-universe vocabulary.json entries");
   // An era that will not convert is no finding about the files.
-  EXPECT_THROW(_validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta"}, "seven")), ValueError);
-  EXPECT_THROW(_validate_manifest_vocabulary_files(dir_.path(), manifest_of({"beta"}, nullptr)), TypeError);
+  EXPECT_THROW(_validate_manifest_vocabulary_files(dir.path(), manifest_of({"beta"}, "seven")), ValueError);
+  EXPECT_THROW(_validate_manifest_vocabulary_files(dir.path(), manifest_of({"beta"}, nullptr)), TypeError);
 }
 
 }  // namespace

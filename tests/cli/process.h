@@ -45,20 +45,7 @@ struct ProcessResult {
   }
 };
 
-// This process's environment without QUILLMARSH_SYNC_* (a developer's
-// settings must not leak in), plus `extra` ("NAME=value").
-inline std::vector<std::string> child_environment(const std::vector<std::string>& extra) {
-  std::vector<std::string> env;
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (std::strncmp(*e, "QUILLMARSH_SYNC_", 16) != 0) env.emplace_back(*e);
-  }
-  env.insert(env.end(), extra.begin(), extra.end());
-  return env;
-}
-
-inline int exit_code_of(int status) {
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+inline int exit_code_of(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
 // One child, stdin from /dev/null. Killed with SIGKILL if it still runs when
 // this goes.
@@ -66,6 +53,8 @@ class Child {
  public:
   // stdout goes to `out_path`, or to a pipe that read_line_for reads when it
   // is empty; stderr to `err_path`, or where stdout goes when it is empty.
+  // The environment is this process's without QUILLMARSH_SYNC_* (a
+  // developer's settings must not leak in), plus `env` ("NAME=value").
   Child(std::vector<std::string> argv, const std::string& out_path, const std::string& err_path,
         const std::vector<std::string>& env = {}) {
     int fds[2] = {-1, -1};
@@ -73,25 +62,21 @@ class Child {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    if (out_path.empty()) {
-      posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    } else {
-      posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
+    if (out_path.empty()) posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+    else posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), flags, 0644);
+    if (err_path.empty()) posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    else posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), flags, 0644);
+    std::vector<std::string> env_items;
+    for (char** e = environ; *e != nullptr; ++e) {
+      if (std::strncmp(*e, "QUILLMARSH_SYNC_", 16) != 0) env_items.emplace_back(*e);
     }
-    if (err_path.empty()) {
-      posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    } else {
-      posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    }
-    std::vector<std::string> env_items = child_environment(env);
-    const auto c_strings = [](std::vector<std::string>& items) {
-      std::vector<char*> out;
-      for (std::string& item : items) out.push_back(item.data());
-      out.push_back(nullptr);
-      return out;
-    };
-    std::vector<char*> c_argv = c_strings(argv);
-    std::vector<char*> c_env = c_strings(env_items);
+    env_items.insert(env_items.end(), env.begin(), env.end());
+    std::vector<char*> c_argv, c_env;
+    for (std::string& item : argv) c_argv.push_back(item.data());
+    for (std::string& item : env_items) c_env.push_back(item.data());
+    c_argv.push_back(nullptr);
+    c_env.push_back(nullptr);
     const int rc = posix_spawn(&pid_, c_argv[0], &actions, nullptr, c_argv.data(), c_env.data());
     posix_spawn_file_actions_destroy(&actions);
     if (fds[1] >= 0) ::close(fds[1]);
@@ -146,8 +131,8 @@ class Child {
   // that outlives that is killed, and its code is then 128 + SIGKILL.
   int stop_with(int signal_number, double timeout_s = 30) {
     ::kill(pid_, signal_number);
-    if (const auto code = wait_for(timeout_s)) return *code;
-    return kill_now();
+    const std::optional<int> code = wait_for(timeout_s);
+    return code ? *code : kill_now();
   }
   int kill_now() {
     ::kill(pid_, SIGKILL);
@@ -168,8 +153,8 @@ class Child {
 inline int run_child(const std::vector<std::string>& argv, const std::string& log_path, double timeout_s,
                      const std::vector<std::string>& env = {}) {
   Child child(argv, log_path, "", env);
-  if (const auto code = child.wait_for(timeout_s)) return *code;
-  return child.kill_now();
+  const std::optional<int> code = child.wait_for(timeout_s);
+  return code ? *code : child.kill_now();
 }
 
 // Runs `argv` to its end with stdout and stderr captured through files in
@@ -177,14 +162,11 @@ inline int run_child(const std::vector<std::string>& argv, const std::string& lo
 inline ProcessResult run_process(const std::vector<std::string>& argv, const std::string& scratch_dir,
                                  const std::vector<std::string>& extra_env = {},
                                  double timeout_s = kProcessTimeoutS) {
-  const std::string out_path = scratch_dir + "/stdout.txt";
-  const std::string err_path = scratch_dir + "/stderr.txt";
+  const std::string out_path = scratch_dir + "/stdout.txt", err_path = scratch_dir + "/stderr.txt";
   Child child(argv, out_path, err_path, extra_env);
-  std::optional<int> code = child.wait_for(timeout_s);
-  const bool hung = !code;
-  if (hung) code = child.kill_now();
-  ProcessResult result{*code, read_file(out_path), read_file(err_path)};
-  if (hung) result.err += "\n[killed: still running after " + std::to_string(timeout_s) + " s]\n";
+  const std::optional<int> code = child.wait_for(timeout_s);
+  ProcessResult result{code ? *code : child.kill_now(), read_file(out_path), read_file(err_path)};
+  if (!code) result.err += "\n[killed: still running after " + std::to_string(timeout_s) + " s]\n";
   return result;
 }
 

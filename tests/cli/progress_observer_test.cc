@@ -9,30 +9,35 @@
 namespace quillmarsh::sync::testing {
 namespace {
 
-class ProgressObserverTest : public SyncFixture {
- protected:
-  // Three data files of 10, 200 and 3000 bytes, published with the era's artefacts.
-  void publish_three_files() {
-    Json files = Json::object();
-    files["features/u/a.bin"] = store_file("features/u/a.bin", std::string(10, 'a'), "feature");
-    files["features/u/b.bin"] = store_file("features/u/b.bin", std::string(200, 'b'), "feature");
-    files["docs/c.txt"] = store_file("docs/c.txt", std::string(3000, 'c'));
-    publish(with_artefacts(manifest(1, 1, files)));
-  }
+class ProgressObserverTest : public SyncFixture {};
 
-  // Syncs with an observer and checks what it was told.
-  void expect_told_of_each_file() {
-    publish_three_files();
-    auto manager = make_manager();
+TEST_F(ProgressObserverTest, ToldOfEachFileASyncOrARepairBringsAndAThrowingOneChangesNothing) {
+  Json files = Json::object();
+  files["features/u/a.bin"] = store_file("features/u/a.bin", std::string(10, 'a'), "feature");
+  files["features/u/b.bin"] = store_file("features/u/b.bin", std::string(200, 'b'), "feature");
+  files["docs/c.txt"] = store_file("docs/c.txt", std::string(3000, 'c'));
+  publish(with_artefacts(manifest(1, 1, files)));
+  const struct {
+    const char* name;
+    bool one_by_one, throws;
+  } cases[] = {{"a parallel batch", false, false}, {"one by one", true, false}, {"a throwing observer", true, true}};
+  std::shared_ptr<SyncManager> manager;
+  TempDir dirs[std::size(cases)];
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const auto& c = cases[i];
+    SCOPED_TRACE(c.name);
+    if (c.one_by_one) env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "1");
+    manager = SyncManager::create(dirs[i].path(), api_.base_url(), [] { return std::string("t"); });
     std::vector<DownloadProgress> calls;
     const auto caller = std::this_thread::get_id();
     bool on_caller = true;
     manager->set_progress_observer([&](const DownloadProgress& p) {
       on_caller = on_caller && std::this_thread::get_id() == caller;
       calls.push_back(p);
+      if (c.throws) throw std::runtime_error("display broke");
     });
-    const SyncResult result = manager->sync();
-
+    EXPECT_EQ(manager->sync().bytes_downloaded, 3210);
+    EXPECT_TRUE(manager->verify().valid);
     // One call at the start and one per completed file; on a slow run, more
     // between them as bytes arrive. Neither count goes back.
     ASSERT_GE(calls.size(), 4u);
@@ -52,21 +57,8 @@ class ProgressObserverTest : public SyncFixture {
     EXPECT_EQ(calls.front().bytes_done, 0);
     EXPECT_EQ(calls.back().files_done, 3);
     EXPECT_EQ(calls.back().bytes_done, 3210);
-    EXPECT_EQ(result.bytes_downloaded, 3210);
   }
-};
 
-TEST_F(ProgressObserverTest, ToldOfEachFileOfAParallelBatch) { expect_told_of_each_file(); }
-
-TEST_F(ProgressObserverTest, ToldOfEachFileWhenDownloadsRunOneByOne) {
-  env_.set("QUILLMARSH_SYNC_MAX_CONCURRENCY", "1");
-  expect_told_of_each_file();
-}
-
-TEST_F(ProgressObserverTest, ToldOfEachFileARepairBrings) {
-  publish_three_files();
-  auto manager = make_manager();
-  manager->sync();
   std::vector<DownloadProgress> calls;
   manager->set_progress_observer([&](const DownloadProgress& p) { calls.push_back(p); });
   // A path the manifest does not list is passed over and not counted.
@@ -76,21 +68,6 @@ TEST_F(ProgressObserverTest, ToldOfEachFileARepairBrings) {
   EXPECT_EQ(calls.back().files_selected, 2);
   EXPECT_EQ(calls.back().bytes_done, 3010);
   EXPECT_EQ(calls.back().bytes_selected, 3010);
-}
-
-TEST_F(ProgressObserverTest, AnObserverThatThrowsChangesNothing) {
-  publish_three_files();
-  auto manager = make_manager();
-  int calls = 0;
-  manager->set_progress_observer([&](const DownloadProgress&) {
-    ++calls;
-    throw std::runtime_error("display broke");
-  });
-  const SyncResult result = manager->sync();
-  EXPECT_GE(calls, 4);
-  EXPECT_EQ(result.bytes_downloaded, 3210);
-  EXPECT_EQ(read_file(path("docs/c.txt")), std::string(3000, 'c'));
-  EXPECT_TRUE(manager->verify().valid);
 }
 
 }  // namespace

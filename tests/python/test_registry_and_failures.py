@@ -4,6 +4,7 @@ both ways across the binding."""
 import errno
 import importlib.util
 import os
+import re
 import subprocess
 import sys
 import tempfile
@@ -23,9 +24,6 @@ class RegistryTest(ServedEraTest):
         link = os.path.join(self.tmp, "link-" + os.path.basename(self.data_dir))
         os.symlink(self.data_dir, link)
         self.assertIs(self.manager(link, shared=True), first)
-        with self.assertRaises(ValueError):
-            SyncManager.get_or_create(self.data_dir, self.era.api_url.replace("127.0.0.1", "localhost"),
-                                      lambda: TOKEN)
         first.acquire()
         self.assertTrue(first.is_alive())
         first.release()
@@ -34,83 +32,65 @@ class RegistryTest(ServedEraTest):
 
 
 class FailureTest(ServedEraTest):
-    def test_state_error_is_not_a_sync_error(self):
-        manager = self.manager()
-        manager.start()
-        with self.assertRaises(StateError):
-            try:
-                manager.start()
-            except SyncError:
-                self.fail("a SyncError handler caught StateError")
-        self.assertTrue(issubclass(IntegrityError, SyncError))
-        self.assertFalse(issubclass(StateError, SyncError))
-
     def test_the_components_failures_arrive_as_pythons_own_classes(self):
-        missing = os.path.join(self.tmp, "no-such-dir")
-        with self.assertRaises(FileNotFoundError) as raised:
-            SyncManager(missing, self.era.api_url, lambda: TOKEN)
-        self.assertEqual(raised.exception.errno, errno.ENOENT)
-        self.assertEqual(str(raised.exception), "data_dir does not exist: " + missing)
-
-        # The manager's checks in its order: the token source before the URL,
-        # the URL before the directory; None is an empty URL.
-        with self.assertRaisesRegex(TypeError, "^get_token must be callable, got NoneType$"):
-            SyncManager(missing, None, None)
-        for server_url in (None, ""):
-            with self.assertRaisesRegex(ValueError, "^server_url must not be empty$"):
-                SyncManager.get_or_create(missing, server_url, lambda: TOKEN)
-
-        # The host's transport check decides, and its failure comes through.
-        with self.assertRaisesRegex(ValueError, "^Refusing to send a bearer token"):
-            SyncManager(self.data_dir, "http://example.com", lambda: TOKEN)
-        self.assertIn("http://example.com", self.quillmarsh._transport_security.calls)
-
-        # A refused token is the host's AuthError, also by the package's name.
         from quillmarsh.auth import AuthError
-        with self.assertRaises(AuthError):
-            self.manager(get_token=lambda: "wrong").sync()
+        missing = os.path.join(self.tmp, "no-such-dir")
+        vault_down = ConnectionError("token vault unreachable")
+
+        def unreachable_vault():
+            raise vault_down
+
+        started = self.manager()
+        started.start()
+        # The manager's checks come in its order: the token source before the
+        # URL, the URL before the directory; None is an empty URL.
+        cases = [
+            (lambda: SyncManager(missing, self.api_url, lambda: TOKEN), FileNotFoundError,
+             "^data_dir does not exist: " + re.escape(missing) + "$"),
+            (lambda: SyncManager(missing, None, None), TypeError, "^get_token must be callable, got NoneType$"),
+            (lambda: SyncManager.get_or_create(missing, None, lambda: TOKEN), ValueError,
+             "^server_url must not be empty$"),
+            (lambda: SyncManager.get_or_create(missing, "", lambda: TOKEN), ValueError,
+             "^server_url must not be empty$"),
+            # The host's transport check decides, and its failure comes through.
+            (lambda: SyncManager(self.data_dir, "http://example.com", lambda: TOKEN), ValueError,
+             "^Refusing to send a bearer token over 'http://example.com'$"),
+            (started.start, StateError, "^SyncManager already running$"),
+            (lambda: self.manager(get_token=lambda: "wrong").sync(), AuthError, "HTTP 401"),
+            (lambda: self.manager().trigger_era_transition(7), EraError, "requested transition era_id=7$"),
+            # A Python failure crosses the component unchanged.
+            (lambda: self.manager(get_token=unreachable_vault).sync(), ConnectionError, "^token vault unreachable$"),
+        ]
+        for call, cls, message in cases:
+            with self.subTest(cls.__name__, message=message):
+                with self.assertRaisesRegex(cls, message) as raised:
+                    call()
+                if cls is FileNotFoundError:
+                    self.assertEqual(raised.exception.errno, errno.ENOENT)
+                if cls is ConnectionError:
+                    self.assertIs(raised.exception, vault_down)
+        self.assertIn("http://example.com", self.quillmarsh._transport_security.calls)
+        # StateError is misuse, which no SyncError handler may catch.
+        self.assertFalse(issubclass(StateError, SyncError))
+        self.assertTrue(issubclass(IntegrityError, SyncError) and issubclass(EraError, SyncError))
         self.assertIs(quillmarsh_sync.AuthError, AuthError)
 
-    def test_a_host_without_its_transport_check_cannot_build_a_manager(self):
+    def test_the_transport_check_is_the_hosts_and_without_a_host_the_components_own(self):
         with mock.patch.dict(sys.modules, {"quillmarsh._transport_security": None}):
             with self.assertRaises(ImportError):
-                SyncManager(self.data_dir, self.era.api_url, lambda: TOKEN)
+                SyncManager(self.data_dir, self.api_url, lambda: TOKEN)
         # Imported at each use: the module back, the manager builds.
-        self.assertEqual(SyncManager(self.data_dir, self.era.api_url, lambda: TOKEN).sync().era_id, 1)
+        self.assertEqual(SyncManager(self.data_dir, self.api_url, lambda: TOKEN).sync().era_id, 1)
 
-    def test_without_any_host_the_components_own_transport_policy_decides(self):
+        self.quillmarsh.reset()
         with mock.patch.dict(sys.modules, {"quillmarsh": None}):
             with self.assertRaisesRegex(ValueError, "^Refusing to send a bearer token over 'http://example.com': "
                                                     "use https, or http only to a loopback host$"):
                 SyncManager(self.data_dir, "http://example.com", lambda: TOKEN)
-            loopback = SyncManager(self.data_dir, self.era.api_url.replace("https:", "http:"), lambda: TOKEN)
+            loopback = SyncManager(self.data_dir, self.api_url.replace("https:", "http:"), lambda: TOKEN)
             self.assertTrue(loopback._server_url.startswith("http://127.0.0.1:"))
-            self.assertEqual(SyncManager(self.data_dir, self.era.api_url, lambda: TOKEN).sync().era_id, 1)
+            self.assertEqual(SyncManager(self.data_dir, self.api_url, lambda: TOKEN).sync().era_id, 1)
         self.assertEqual(self.quillmarsh._transport_security.calls, [])
-
-    def test_a_python_failure_crosses_the_component_unchanged(self):
-        vault_down = ConnectionError("token vault unreachable")
-
-        def get_token():
-            raise vault_down
-
-        with self.assertRaises(ConnectionError) as raised:
-            self.manager(get_token=get_token).sync()
-        self.assertIs(raised.exception, vault_down)
-
-    def test_a_manifest_of_another_era_is_an_era_error(self):
-        manager = self.manager()
-        manager.sync()
-        manifest = os.path.join(self.data_dir, "manifest.json")
-        with open(manifest) as f:
-            text = f.read()
-        # The local manifest claims era 7: the server's era 1 is another one.
-        with open(manifest, "w") as f:
-            f.write(text.replace('"era_id": 1', '"era_id": 7', 1))
-        manager = self.manager()
-        with self.assertRaises(SyncError) as raised:
-            manager.sync()
-        self.assertIsInstance(raised.exception, EraError)
 
 
 # Every line of USAGE_MISTAKES after the import is a mistake a type checker must see.

@@ -10,11 +10,24 @@ import unittest
 
 from support import TOKEN, ServedEraTest
 
-# Finds this process's wait for the flock on an inode in /proc/locks.
-WAITING_FOR_LOCK = textwrap.dedent("""
-    import os, time
-    def wait_for_lock_waiter(path):
-        inode = os.stat(path).st_ino
+# What every child starts with: the served era, and a flock on the data
+# directory's lock file taken as another process would take it.
+PROLOGUE = textwrap.dedent("""
+    import atexit, fcntl, logging, os, threading, time
+    logging.basicConfig(level=logging.DEBUG)
+    def load():
+        # Imported where a case wants it: the import registers the package's exit hook.
+        import quillmarsh_sync
+        quillmarsh_sync.set_extra_ca_file(CA_FILE)
+        return quillmarsh_sync
+    LOCK_PATH = os.path.join(DATA_DIR, ".sync_flock")
+    def hold_lock():
+        held = open(LOCK_PATH, "a")
+        fcntl.flock(held, fcntl.LOCK_EX)
+        return held
+    def wait_for_lock_waiter():
+        # This process's wait for the flock, as /proc/locks shows it.
+        inode = os.stat(LOCK_PATH).st_ino
         while True:
             with open("/proc/locks") as f:
                 if any(l.split()[1] == "->" and l.split()[-3].endswith(":%d" % inode) for l in f):
@@ -25,12 +38,12 @@ WAITING_FOR_LOCK = textwrap.dedent("""
 
 class ChildProcessTest(ServedEraTest):
     def run_child(self, body, timeout_s=60):
-        """Runs `body` in a fresh interpreter with API_URL, CA_FILE, TOKEN
-        and DATA_DIR defined; a hang fails with what it printed."""
-        prologue = (f"API_URL, CA_FILE, TOKEN, DATA_DIR = {self.era.api_url!r}, {self.era.ca_file!r}, "
-                    f"{TOKEN!r}, {self.data_dir!r}\n")
+        """Runs `body` in a fresh interpreter; a hang fails with what it printed."""
+        os.makedirs(self.data_dir, exist_ok=True)
+        constants = (f"API_URL, CA_FILE, TOKEN, DATA_DIR = {self.api_url!r}, {self.ca_file!r}, "
+                     f"{TOKEN!r}, {self.data_dir!r}")
         try:
-            child = subprocess.run([sys.executable, "-c", prologue + WAITING_FOR_LOCK + textwrap.dedent(body)],
+            child = subprocess.run([sys.executable, "-c", constants + PROLOGUE + textwrap.dedent(body)],
                                    capture_output=True, text=True, timeout=timeout_s)
         except subprocess.TimeoutExpired as e:
             self.fail(f"the child hung; it printed {e.stdout!r} {e.stderr!r}")
@@ -39,80 +52,57 @@ class ChildProcessTest(ServedEraTest):
         self.assertEqual(child.returncode, 0, child.stderr)
         return child
 
-
-class GilTest(ChildProcessTest):
     def test_python_runs_on_while_a_sync_waits_inside_the_component(self):
         # The sync waits for a flock this thread holds; only if it let the
         # GIL go can this thread see it waiting and let it through.
         child = self.run_child("""
-            import fcntl, threading
-            import quillmarsh_sync
-            quillmarsh_sync.set_extra_ca_file(CA_FILE)
-            lock_path = os.path.join(DATA_DIR, ".sync_flock")
-            held = open(lock_path, "a")
-            fcntl.flock(held, fcntl.LOCK_EX)
-            manager = quillmarsh_sync.SyncManager(DATA_DIR, API_URL, lambda: TOKEN)
+            held = hold_lock()
+            manager = load().SyncManager(DATA_DIR, API_URL, lambda: TOKEN)
             outcome = []
             worker = threading.Thread(target=lambda: outcome.append(manager.sync()))
             worker.start()
-            wait_for_lock_waiter(lock_path)
+            wait_for_lock_waiter()
             held.close()
             worker.join()
             print("era", outcome[0].era_id)
         """)
         self.assertEqual(child.stdout, "era 1\n")
 
-
-class ExitTest(ChildProcessTest):
-    def test_a_process_ends_cleanly_with_its_manager_acquired(self):
+    def test_a_process_ends_cleanly_while_its_manager_runs(self):
+        acquired = textwrap.dedent("""
+            slow_token, entered = threading.Event(), threading.Event()
+            def get_token():
+                if slow_token.is_set():
+                    entered.set()
+                    time.sleep(1)
+                return TOKEN
+            manager = load().SyncManager.get_or_create(DATA_DIR, API_URL, get_token, poll_interval_s=0.05)
+            manager.acquire()
+        """)
         cases = {
             # The poll thread and the era monitor are making their first calls.
-            "at once": "",
+            "at once": acquired,
             # Both threads are idle, waiting for their next poll.
-            "after the first pass": "wait_until_mirrored()",
+            "after the first pass": acquired + textwrap.dedent("""
+                while not os.path.exists(os.path.join(DATA_DIR, "manifest.json")):
+                    time.sleep(0.01)
+            """),
             # A thread of the component is inside the token source.
-            "in the token source": "slow_token.set(); entered.wait()",
+            "in the token source": acquired + "slow_token.set(); entered.wait()",
+            # A Python thread is inside the component: the flock is given up
+            # by an exit hook that runs after the package's own, so the thread
+            # comes back out while the interpreter is going away.
+            "a python thread inside": """
+                atexit.register(hold_lock().close)
+                manager = load().SyncManager(DATA_DIR, API_URL, lambda: TOKEN)
+                threading.Thread(target=manager.sync, daemon=True).start()
+                wait_for_lock_waiter()
+            """,
         }
-        for case, before_exit in cases.items():
+        for case, body in cases.items():
             with self.subTest(case):
                 self.data_dir = os.path.join(self.tmp, "exit-" + case.replace(" ", "-"))
-                os.makedirs(self.data_dir)
-                self.run_child(f"""
-                    import logging, threading, time
-                    import quillmarsh_sync
-                    logging.basicConfig(level=logging.DEBUG)
-                    quillmarsh_sync.set_extra_ca_file(CA_FILE)
-                    slow_token, entered = threading.Event(), threading.Event()
-                    def get_token():
-                        if slow_token.is_set():
-                            entered.set()
-                            time.sleep(1)
-                        return TOKEN
-                    def wait_until_mirrored():
-                        while not os.path.exists(os.path.join(DATA_DIR, "manifest.json")):
-                            time.sleep(0.01)
-                    manager = quillmarsh_sync.SyncManager.get_or_create(DATA_DIR, API_URL, get_token,
-                                                                        poll_interval_s=0.05)
-                    manager.acquire()
-                    {before_exit}
-                """)
-
-    def test_a_python_thread_inside_the_component_at_exit_is_let_be(self):
-        # The flock is given up by an exit hook that runs after the package's
-        # own, so the daemon thread comes back out of the component while the
-        # interpreter is going away.
-        self.run_child("""
-            import atexit, fcntl, threading
-            lock_path = os.path.join(DATA_DIR, ".sync_flock")
-            held = open(lock_path, "a")
-            fcntl.flock(held, fcntl.LOCK_EX)
-            atexit.register(held.close)
-            import quillmarsh_sync
-            quillmarsh_sync.set_extra_ca_file(CA_FILE)
-            manager = quillmarsh_sync.SyncManager(DATA_DIR, API_URL, lambda: TOKEN)
-            threading.Thread(target=manager.sync, daemon=True).start()
-            wait_for_lock_waiter(lock_path)
-        """)
+                self.run_child(body)
 
 
 if __name__ == "__main__":

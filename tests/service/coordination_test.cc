@@ -48,30 +48,26 @@ class Coordination : public SyncFixture {
   }
 };
 
-TEST_F(Coordination, RequestForSyncIsRefusedOutsideAPollingManager) {
+// request_for_sync is refused outside a polling manager, the transition test
+// first. A request made while another's pass is under way joins that pass
+// and gets the list as it stands after it; only the pass's own caller sees it
+// fail.
+TEST_F(Coordination, RequestForSyncIsRefusedOutsideAPollingManagerAndConcurrentRequestsShareOnePass) {
   auto idle = make_manager();
   EXPECT_EQ(outcome([&] { idle->request_for_sync(); }),
             "StateError: Sync thread is not running. Call start() or acquire() first.");
-  // The transition test comes first.
   write_file(path(".transition_lock"), "4242");
   EXPECT_EQ(outcome([&] { idle->request_for_sync(); }), kInTransition);
-
   remove_file(path(".transition_lock"));
-  auto m = running_manager(manifest(1, 1), manifest(1, 2));
-  m->_in_transition = true;
-  EXPECT_EQ(outcome([&] { m->request_for_sync(); }), kInTransition);
-  m->_in_transition = false;
-  EXPECT_EQ(api_.request_count("/data/manifest"), 0u);
-  m->stop();
-}
 
-// A request made while another's pass is under way joins that pass and gets
-// the list as it stands after it; only the pass's own caller sees it fail.
-TEST_F(Coordination, ConcurrentRequestsShareOnePass) {
   const std::string rel = "found_signals/a/b/c/pnl.arrow";
   Json files = Json::object();
   files[rel] = local_file(rel, "signal", "found_signal_is_pnl");
   auto m = running_manager(manifest(1, 1), manifest(1, 2, files));
+  m->_in_transition = true;
+  EXPECT_EQ(outcome([&] { m->request_for_sync(); }), kInTransition);
+  m->_in_transition = false;
+  EXPECT_EQ(api_.request_count("/data/manifest"), 0u);
   for (const bool fail : {true, false}) {
     SCOPED_TRACE(fail ? "failing pass" : "completing pass");
     Fault slow{.delay_before_head_s = 0.5, .times = 1};

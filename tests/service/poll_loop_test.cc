@@ -47,9 +47,7 @@ TEST_F(PollLoop, PollsAtOnceOnStartSweepsTmpFilesOnStopAndStartsAgain) {
   for (const char* gone : {"a.tmp", "features/u/b.tmp", "features/c.tmp"}) {
     EXPECT_FALSE(path_exists(path(gone))) << gone;
   }
-  for (const char* kept : {"a.tmpx", "tmp", "d.tmp.bak", "manifest.json"}) {
-    EXPECT_TRUE(path_exists(path(kept))) << kept;
-  }
+  for (const char* kept : {"a.tmpx", "tmp", "d.tmp.bak", "manifest.json"}) EXPECT_TRUE(path_exists(path(kept))) << kept;
 
   publish(with_artefacts(manifest(1, 6)));
   m->start();
