@@ -37,14 +37,6 @@ class RecordingOnboarding : public AgentOnboarding {
 
 class EraMonitor : public EraFixture {
  protected:
-  void SetUp() override {
-    EraFixture::SetUp();
-    previous_onboarding_ = agent_onboarding_slot().set(std::make_shared<RecordingOnboarding>(events_));
-  }
-  void TearDown() override {
-    agent_onboarding_slot().set(previous_onboarding_);
-    EraFixture::TearDown();
-  }
 
   // A monitor of `manager` on the API server, with the fixture's callbacks.
   std::shared_ptr<EraThread> monitor(std::shared_ptr<SyncManager> manager) {
@@ -58,8 +50,7 @@ class EraMonitor : public EraFixture {
     return n;
   }
 
- private:
-  std::shared_ptr<AgentOnboarding> previous_onboarding_;
+  testing::InSlot<AgentOnboarding> onboarding_{agent_onboarding_slot(), std::make_shared<RecordingOnboarding>(events_)};
 };
 
 // One row of the monitor's state table: its state before, the server's

@@ -87,6 +87,8 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
   era2["useful_signals/new.bin"] = "fresh";
   era2["features/a/decl.pxd"] = "a declaration a sync pass would drop";
   const Json m2 = publish_era_data(2, era2);
+  // Either shape passes every gate, a textual era id too.
+  answer_era(wrapped_era(Json{{"era_id", "2"}}, Json("active")));
   // A dead run's staging of this era is not trusted; a stale lock file's
   // content is replaced.
   put_local(".transition_era2.tmp/features/a/change.bin.tmp", "junk");
@@ -291,12 +293,22 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
        "LibraryUpdateRequired: restart the kernel"},
       {"closing on a real advance", [this] { publish_era(2, "closing"); },
        era_error + "Active era confirmation for era_id=2 returned state='closing'"},
+      // No default state, whatever shape leaves it out or null.
+      {"no state", [this] { publish_era(2, std::nullopt); },
+       era_error + "Active era confirmation for era_id=2 returned state=None"},
+      {"a null state inside an active wrapper",
+       [this] { answer_era(wrapped_era(Json{{"era_id", 2}, {"state", nullptr}}, Json("active"))); },
+       era_error + "Active era confirmation for era_id=2 returned state=None"},
       {"between eras", [this] { answer_era(wrapped_era(nullptr, Json("between_eras"))); },
        era_error + "Failed to parse active era response during transition"},
       {"manifest of another era", [this] { api_.put("/data/manifest", json_text(manifest(3, 1))); },
        era_error + "Era transition manifest era_id=3 does not match active era_id=2"},
       {"manifest unavailable", [this] { api_.fault("/data/manifest", Fault{.status = 500, .body = "down"}); },
        "SyncError: Failed to fetch era 2 manifest: HTTP 500"},
+      // The gate sees era 2, the first look before a download an older one.
+      {"an older era while staging",
+       [this] { api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(1)), .times = 1, .skip = 1}); },
+       era_error + "Active era_id=1 does not match requested transition era_id=2"},
       // The gate and the five looks see era 2; the confirmation before the
       // first rename, once change.bin is staged, sees era 3.
       {"era moves just before the commit",
