@@ -306,7 +306,9 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
        "SyncError: Failed to fetch era 2 manifest: HTTP 500"},
       // The gate sees era 2, the first look before a download an older one.
       {"an older era while staging",
-       [this] { api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(1)), .times = 1, .skip = 1}); },
+       [this] {
+         api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(1)), .times = 1, .skip = 1});
+       },
        era_error + "Active era_id=1 does not match requested transition era_id=2"},
       // The gate and the five looks see era 2; the confirmation before the
       // first rename, once change.bin is staged, sees era 3.

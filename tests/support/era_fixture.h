@@ -125,27 +125,24 @@ class EraFixture : public SyncFixture {
   }
   static Json flat_era(Json era_id, std::optional<std::string> state = "active",
                        std::optional<std::string> min_library_version = std::nullopt) {
-    Json era = Json::object();
-    era["era_id"] = std::move(era_id);
+    Json era = {{"era_id", std::move(era_id)}};
     if (state) era["state"] = *state;
     if (min_library_version) era["min_library_version"] = *min_library_version;
     return era;
   }
   // /era/current in the wrapped shape: {"era": era, "state": outer_state}.
   static Json wrapped_era(Json era, std::optional<Json> outer_state = std::nullopt) {
-    Json data = Json::object();
-    data["era"] = std::move(era);
+    Json data = {{"era", std::move(era)}};
     if (outer_state) data["state"] = std::move(*outer_state);
     return data;
   }
 
   // Publishes `files` (path -> bytes) as era `era`, with its vocabulary and
   // seed, and names that era active. Returns the manifest as served.
-  Json publish_era_data(std::int64_t era, const std::map<std::string, std::string>& files,
-                        std::int64_t version = 1) {
+  Json publish_era_data(std::int64_t era, const std::map<std::string, std::string>& files) {
     Json entries = Json::object();
     for (const auto& [file_path, bytes] : files) entries[file_path] = store_file(file_path, bytes);
-    Json m = with_artefacts(manifest(era, version, std::move(entries)));
+    const Json m = with_artefacts(manifest(era, 1, std::move(entries)));
     publish(m);
     publish_era(era);
     return m;
