@@ -1,5 +1,6 @@
 #include "tests/crash/disk_state.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 
@@ -22,26 +23,10 @@ std::optional<std::string> read_if_there(const std::string& path) {
   return read_file(path);
 }
 
-bool parses(const std::string& text) {
-  try {
-    parse_json_text(text);
-    return true;
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
-// The digest a manifest states for `path`, if it lists it.
-std::optional<std::string> stated_digest(const Published& p, const std::string& path) {
-  const auto it = p.files.find(path);
-  if (it == p.files.end()) return std::nullopt;
-  return _sha256(it->second);
-}
-
 // Cache entries that vouch for a file as it stands (same size, times and
 // inode) with a digest it does not have: the one lie a cache must never tell.
-void check_hash_cache(const std::string& data_dir, const std::string& text, const DiskState& state,
-                      std::vector<std::string>& broken) {
+void check_hash_cache(const std::string& data_dir, const std::string& text, DiskState& state) {
+  std::vector<std::string>& broken = state.state_problems;
   Json cache;
   try {
     cache = parse_json_text(text);
@@ -79,15 +64,18 @@ DiskState snapshot(const std::string& data_dir) {
     if (relative.ends_with(".tmp")) s.tmp_paths.push_back(relative);
     if (!it->is_regular_file()) continue;
     s.digests[relative] = _sha256_file(it->path().string());
-    if (relative.ends_with("shuffle_seed.enc.meta.json") && !parses(read_file(it->path().string()))) {
-      s.state_problems.push_back(relative + " is not whole");
+    if (relative.ends_with("shuffle_seed.enc.meta.json")) {
+      try {
+        parse_json_text(read_file(it->path().string()));
+      } catch (const std::exception&) {
+        s.state_problems.push_back(relative + " is not whole");
+      }
     }
   }
   s.manifest_text = read_if_there(data_dir + "/manifest.json");
-  s.hash_cache_text = read_if_there(data_dir + "/.sync_hash_cache.json");
   s.seed = read_if_there(data_dir + "/shuffle_seed.enc");
   s.seed_meta_text = read_if_there(data_dir + "/shuffle_seed.enc.meta.json");
-  if (s.hash_cache_text) check_hash_cache(data_dir, *s.hash_cache_text, s, s.state_problems);
+  if (const auto cache = read_if_there(data_dir + "/.sync_hash_cache.json")) check_hash_cache(data_dir, *cache, s);
   return s;
 }
 
@@ -112,9 +100,11 @@ std::vector<std::string> broken_promises(const DiskState& killed, const DiskStat
       }
       if (manifest_path == "shuffle_seed.enc.meta.json") continue;  // checked whole by the snapshot
     }
-    bool known = false;
-    for (const Published& p : candidates) known = known || stated_digest(p, manifest_path) == digest;
-    if (!known) broken.push_back(path + " holds bytes of no published version");
+    if (std::ranges::none_of(candidates, [&](const Published& p) {
+          return p.files.contains(manifest_path) && _sha256(p.files.at(manifest_path)) == digest;
+        })) {
+      broken.push_back(path + " holds bytes of no published version");
+    }
   }
 
   const auto old_or_new = [&](const char* name, const std::optional<std::string>& now,
@@ -135,12 +125,8 @@ std::vector<std::string> broken_promises(const DiskState& killed, const DiskStat
 std::vector<std::string> convergence_failures(const DiskState& after, const Published& target) {
   std::vector<std::string> failures;
   for (const auto& [path, bytes] : target.files) {
-    const auto it = after.digests.find(path);
-    if (it == after.digests.end()) {
-      failures.push_back(path + " is missing");
-    } else if (it->second != _sha256(bytes)) {
-      failures.push_back(path + " does not hold its published bytes");
-    }
+    if (!after.has(path)) failures.push_back(path + " is missing");
+    else if (after.digests.at(path) != _sha256(bytes)) failures.push_back(path + " does not hold its published bytes");
   }
   for (const std::string& path : after.tmp_paths) failures.push_back(path + " was left behind");
   if (!after.manifest_text) {

@@ -18,7 +18,6 @@ struct DiskState {
   std::map<std::string, std::string> digests;  // relative path -> sha256 of the bytes
   std::vector<std::string> tmp_paths;          // names ending in ".tmp", files or directories
   std::optional<std::string> manifest_text;
-  std::optional<std::string> hash_cache_text;
   std::optional<std::string> seed;
   std::optional<std::string> seed_meta_text;
   // Torn side files, and a hash cache that lies about the files beside it.

@@ -15,10 +15,10 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <iterator>
-#include <optional>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -27,40 +27,14 @@
 #include "sync/support/posix_file.h"
 #include "tests/cli/process.h"
 #include "tests/crash/disk_state.h"
-#include "tests/crash/served_world.h"
-#include "tests/support/temp_dir.h"
 
 using namespace quillmarsh::sync;
 using namespace quillmarsh::sync::testing;
 
 namespace {
 
-enum class Kind { sync, repair, transition };
-const char* kKindNames[] = {"sync", "repair", "transition"};
-
-struct Options {
-  int trials = 20;
-  std::uint32_t seed = std::random_device{}();
-  bool keep = false;
-};
-
-Options parse_options(int argc, char** argv) {
-  Options o;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--trials" && i + 1 < argc) {
-      o.trials = std::atoi(argv[++i]);
-    } else if (arg == "--seed" && i + 1 < argc) {
-      o.seed = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 10));
-    } else if (arg == "--keep") {
-      o.keep = true;
-    } else {
-      std::cerr << "usage: qmsync_crash_trials [--trials N] [--seed S] [--keep]\n";
-      std::exit(2);
-    }
-  }
-  return o;
-}
+enum Kind { kSync, kRepair, kTransition };
+const std::string kKindNames[] = {"sync", "repair", "transition"};
 
 // Misbehaviour for a few of the files the run will fetch, and now and then
 // a slow manifest: every fault ends after a few requests, so a run that is
@@ -71,65 +45,41 @@ void spoil_responses(ServedWorld& world, const Published& target, const std::vec
   for (int n = 0; n < 4 && !likely_fetched.empty(); ++n) {
     const std::string& path = likely_fetched[rng() % likely_fetched.size()];
     const std::size_t size = std::max<std::size_t>(target.files.at(path).size(), 1);
-    Fault f;
-    f.times = 1;
+    Fault f{.times = 1, .skip = static_cast<int>(rng() % 3)};
     switch (rng() % 6) {
-      case 0:
-        f.stall_after_bytes = rng() % size;
-        f.stall_s = seconds(rng);
-        f.times = 1 + static_cast<int>(rng() % 3);
-        break;
+      case 0: f.stall_after_bytes = rng() % size, f.stall_s = seconds(rng), f.times = 1 + rng() % 3; break;
       case 1: f.cut_after_bytes = rng() % size; break;
       case 2: f.wrong_bytes = true; break;
       case 3: f.status = 503; break;
-      case 4:
-        f.delay_before_head_s = seconds(rng);
-        f.times = 2;
-        break;
+      case 4: f.delay_before_head_s = seconds(rng), f.times = 2; break;
       default: f.half_range = true; break;
     }
-    f.skip = static_cast<int>(rng() % 3);
     world.store().fault(target.prefix + "/" + path, f);
   }
   if (rng() % 3 == 0) world.api().fault("/data/manifest", {.delay_before_head_s = seconds(rng), .times = 1});
-}
-
-// Bytes that differ from `bytes`: one flipped, cut to half, or gone (absent).
-std::optional<std::string> spoiled(std::string bytes, std::mt19937& rng) {
-  switch (bytes.empty() ? 2 : rng() % 3) {
-    case 0: bytes[rng() % bytes.size()] ^= 0x20; return bytes;
-    case 1: bytes.resize(bytes.size() / 2); return bytes;
-    default: return std::nullopt;
-  }
-}
-
-bool arrived(const DiskState& killed, const DiskState& before, const Published& target, const std::string& path) {
-  const auto now = killed.digests.find(path);
-  if (now == killed.digests.end() || now->second != _sha256(target.files.at(path))) return false;
-  const auto then = before.digests.find(path);
-  return then == before.digests.end() || then->second != now->second;
 }
 
 // Where in its work the process was when it died, read from what it left.
 std::string kill_point(Kind kind, const DiskState& killed, const DiskState& before, const DiskState& after,
                        const Published& target) {
   int arrivals = 0;
-  for (const auto& [path, bytes] : target.files) arrivals += arrived(killed, before, target, path);
-  const bool partial = !killed.tmp_paths.empty();
+  for (const auto& [path, bytes] : target.files) {
+    const auto now = killed.digests.find(path);
+    arrivals += now != killed.digests.end() && now->second == _sha256(bytes) &&
+                (!before.has(path) || before.digests.at(path) != now->second);
+  }
   const bool committed = killed.manifest_text && killed.manifest_text == after.manifest_text &&
                          killed.manifest_text != before.manifest_text;
-  if (kind == Kind::transition) {
+  if (kind == kTransition) {
     const std::string staging = ".transition_era" + std::to_string(target.era) + ".tmp";
-    const bool staged = std::find(killed.tmp_paths.begin(), killed.tmp_paths.end(), staging) != killed.tmp_paths.end();
+    const bool staged = std::ranges::find(killed.tmp_paths, staging) != killed.tmp_paths.end();
     if (committed) return staged ? "transition: after manifest.json, staging still there" : "transition: after the commit";
     if (staged) return arrivals ? "transition: inside the commit" : "transition: while staging";
     return "transition: before staging";
   }
-  const std::string name = kKindNames[static_cast<int>(kind)];
-  if (committed) return name + ": after manifest.json";
-  if (partial) return name + ": inside a download";
-  if (arrivals) return name + ": between downloads";
-  return name + ": before any download";
+  if (committed) return kKindNames[kind] + ": after manifest.json";
+  if (!killed.tmp_paths.empty()) return kKindNames[kind] + ": inside a download";
+  return kKindNames[kind] + (arrivals ? ": between downloads" : ": before any download");
 }
 
 std::string tail(const std::string& path) {
@@ -140,24 +90,39 @@ std::string tail(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Options options = parse_options(argc, argv);
-  std::cout << "seed " << options.seed << std::endl;
-  std::mt19937 rng(options.seed);
+  int trials = 20;
+  std::uint32_t seed = std::random_device{}();
+  bool keep = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--trials" && i + 1 < argc) {
+      trials = std::atoi(argv[++i]);
+    } else if (arg == "--seed" && i + 1 < argc) {
+      seed = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 10));
+    } else if (arg == "--keep") {
+      keep = true;
+    } else {
+      std::cerr << "usage: qmsync_crash_trials [--trials N] [--seed S] [--keep]\n";
+      return 2;
+    }
+  }
+  std::cout << "seed " << seed << std::endl;
+  std::mt19937 rng(seed);
   TempDir tmp;
   const std::string data_dir = tmp / "data";
   make_dirs(data_dir);
-  write_file(tmp / "token", "crash-token\n");
-  ServedWorld world(options.seed, 4, 24);
+  ServedWorld world(seed, 4, 24);
   // Quarter-MiB chunks: the large files come down in several ranges each.
   const std::vector<std::string> env = {"QUILLMARSH_SYNC_HTTP_CHUNK_BYTES=262144"};
-  const auto qmsync = [&](std::vector<std::string> command) {
-    return world.client(QMSYNC_BINARY, data_dir, tmp / "token", std::move(command));
+  // A run of `command` to its end, logged to `log`; a failure adds a problem.
+  const auto run = [&](const std::vector<std::string>& command, const std::string& log, const std::string& what,
+                       std::vector<std::string>& problems) {
+    const int code = run_child(world.client(data_dir, command), tmp / log, 120, env);
+    if (code != 0) problems.push_back(what + " failed with exit " + std::to_string(code) + ": " + tail(tmp / log));
   };
-
-  if (const int code = run_child(qmsync({"sync"}), tmp / "first.log", 120, env); code != 0) {
-    std::cerr << "the first sync failed with exit " << code << ":\n" << tail(tmp / "first.log") << "\n";
-    return 1;
-  }
+  std::vector<std::string> first;
+  run({"sync"}, "first.log", "the first sync", first);
+  if (!first.empty()) return std::cerr << first[0] << "\n", 1;
 
   std::map<std::string, int> points;
   int violations = 0;
@@ -169,33 +134,30 @@ int main(int argc, char** argv) {
   // it are checked.
   const auto trial = [&](int index, Kind kind, const std::optional<std::string>& stop_at) {
     const Published old = world.current();
-    std::vector<std::string> command;
+    std::vector<std::string> command = {kKindNames[kind]};
     std::vector<std::string> likely_fetched;
-    if (kind == Kind::sync) {
-      world.publish_next_version(1 + static_cast<int>(rng() % 3));
-      command = {"sync"};
-    } else if (kind == Kind::transition) {
-      command = {"transition", std::to_string(world.publish_next_era().era)};
-    } else {
-      command = {"repair"};
+    if (kind == kSync) world.publish_next_version(1 + static_cast<int>(rng() % 3));
+    if (kind == kTransition) command.push_back(std::to_string(world.publish_next_era().era));
+    if (kind == kRepair) {
+      // A few files flipped, cut to half or gone.
       std::vector<std::string> paths;
       for (const auto& [path, bytes] : old.files) paths.push_back(path);
       for (int n = 1 + static_cast<int>(rng() % 4); n > 0; --n) {
         const std::string path = paths[rng() % paths.size()];
-        if (std::find(command.begin(), command.end(), path) != command.end()) continue;
+        if (std::ranges::find(command, path) != command.end()) continue;
         command.push_back(path);
-        const auto bytes = spoiled(old.files.at(path), rng);
-        if (bytes) {
-          write_file(data_dir + "/" + path, *bytes);
-        } else {
-          remove_file(data_dir + "/" + path);
-        }
+        std::string bytes = old.files.at(path);
+        const unsigned how = bytes.empty() ? 2 : rng() % 3;
+        if (how == 0) bytes[rng() % bytes.size()] ^= 0x20;
+        if (how == 1) bytes.resize(bytes.size() / 2);
+        if (how == 2) remove_file(data_dir + "/" + path);
+        else write_file(data_dir + "/" + path, bytes);
       }
       likely_fetched.assign(command.begin() + 1, command.end());
     }
     const Published target = world.current();
     for (const auto& [path, bytes] : target.files) {
-      if (kind != Kind::repair && (!old.files.count(path) || old.files.at(path) != bytes)) likely_fetched.push_back(path);
+      if (kind != kRepair && (!old.files.contains(path) || old.files.at(path) != bytes)) likely_fetched.push_back(path);
     }
     const DiskState before = snapshot(data_dir);
     std::vector<std::string> problems;
@@ -205,35 +167,32 @@ int main(int argc, char** argv) {
       // The run stops itself at the named place; no faults, so that it gets there.
       std::vector<std::string> stopping = env;
       stopping.push_back("QMSYNC_STOP_AT=" + *stop_at);
-      const int code = run_child(qmsync(command), tmp / "killed.log", 120, stopping);
+      const int code = run_child(world.client(data_dir, command), tmp / "killed.log", 120, stopping);
       if (code != 128 + SIGKILL) {
         problems.push_back("never reached the stop point (exit " + std::to_string(code) + "): " + tail(tmp / "killed.log"));
       }
     } else {
       spoil_responses(world, target, likely_fetched, rng);
-      kill_after_s = std::uniform_real_distribution<double>(0, reach_s[static_cast<int>(kind)])(rng);
-      Child child(qmsync(command), tmp / "killed.log", "", env);
+      kill_after_s = std::uniform_real_distribution<double>(0, reach_s[kind])(rng);
+      Child child(world.client(data_dir, command), tmp / "killed.log", "", env);
       ended = child.wait_for(kill_after_s);
       if (!ended) child.kill_now();
-      reach_s[static_cast<int>(kind)] *= ended ? 0.9 : 1.03;
+      reach_s[kind] *= ended ? 0.9 : 1.03;
     }
     const DiskState killed = snapshot(data_dir);
     const std::string killed_copy = tmp / "killed-copy";
-    if (options.keep) std::system(("rm -rf '" + killed_copy + "' && cp -a '" + data_dir + "' '" + killed_copy + "'").c_str());
+    if (keep) std::system(("rm -rf '" + killed_copy + "' && cp -a '" + data_dir + "' '" + killed_copy + "'").c_str());
 
     world.store().clear_faults();
     world.api().clear_faults();
-    const int again = run_child(qmsync(command), tmp / "again.log", 120, env);
-    if (again != 0) problems.push_back("the next run failed with exit " + std::to_string(again) + ": " + tail(tmp / "again.log"));
-    const int verified = run_child(qmsync({"verify"}), tmp / "verify.log", 120, env);
-    if (verified != 0) problems.push_back("verify after the next run: exit " + std::to_string(verified) + ": " + tail(tmp / "verify.log"));
+    run(command, "again.log", "the next run", problems);
+    run({"verify"}, "verify.log", "verify after the next run", problems);
     const DiskState after = snapshot(data_dir);
 
     for (std::string& p : broken_promises(killed, before, after, {old, target})) problems.push_back(std::move(p));
     for (std::string& p : convergence_failures(after, target)) problems.push_back("after the next run: " + p);
     const std::string point = stop_at ? "stopped at " + *stop_at
-                              : ended ? std::string(kKindNames[static_cast<int>(kind)]) + ": ran to its end (exit " +
-                                            std::to_string(*ended) + ")"
+                              : ended ? kKindNames[kind] + ": ran to its end (exit " + std::to_string(*ended) + ")"
                                       : kill_point(kind, killed, before, after, target);
     ++points[point];
     for (const std::string& p : problems) {
@@ -241,8 +200,8 @@ int main(int argc, char** argv) {
                 << std::endl;
     }
     violations += static_cast<int>(problems.size());
-    if (!problems.empty() && options.keep) {
-      const std::string kept = "/tmp/qmsync-crash-trial-" + std::to_string(options.seed) + "-" + std::to_string(index);
+    if (!problems.empty() && keep) {
+      const std::string kept = "/tmp/qmsync-crash-trial-" + std::to_string(seed) + "-" + std::to_string(index);
       rename_file(killed_copy, kept);
       std::system(("cp -a '" + data_dir + "' '" + kept + ".after' && cp " + tmp.path() + "/*.log '" + kept + ".after/'").c_str());
       std::cout << "  kept the directory as the kill left it in " << kept << ", and as the next run left it in "
@@ -252,15 +211,15 @@ int main(int argc, char** argv) {
 
   // First the windows a random kill seldom hits, each once; then random kills.
   const std::pair<Kind, const char*> named[] = {
-      {Kind::sync, "sync: after manifest.json"},
-      {Kind::sync, "sync: after the hash cache"},
-      {Kind::transition, "transition: a staged file renamed"},
-      {Kind::transition, "transition: before manifest.json"},
-      {Kind::transition, "transition: after manifest.json"},
+      {kSync, "sync: after manifest.json"},
+      {kSync, "sync: after the hash cache"},
+      {kTransition, "transition: a staged file renamed"},
+      {kTransition, "transition: before manifest.json"},
+      {kTransition, "transition: after manifest.json"},
   };
   int index = 0;
   for (const auto& [kind, name] : named) trial(index++, kind, name);
-  for (int n = 0; n < options.trials; ++n, ++index) trial(index, static_cast<Kind>(n % 3), std::nullopt);
+  for (int n = 0; n < trials; ++n, ++index) trial(index, static_cast<Kind>(n % 3), std::nullopt);
 
   std::cout << "trials: " << index << " (" << std::size(named) << " at named places)" << "\nkill points:\n";
   for (const auto& [point, count] : points) std::cout << "  " << point << ": " << count << "\n";

@@ -26,69 +26,30 @@
 #include "sync/support/posix_file.h"
 #include "tests/cli/process.h"
 #include "tests/crash/disk_state.h"
-#include "tests/crash/served_world.h"
-#include "tests/support/temp_dir.h"
 
 using namespace quillmarsh::sync;
 using namespace quillmarsh::sync::testing;
 
-namespace {
-
-struct Options {
-  int processes = 4;
-  int syncs = 20;
+int main(int argc, char** argv) {
+  int processes = 4, syncs = 20;
   std::uint32_t seed = std::random_device{}();
-};
-
-Options parse_options(int argc, char** argv) {
-  Options o;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string arg = argv[i];
-    if (arg == "--processes") {
-      o.processes = std::atoi(argv[i + 1]);
-    } else if (arg == "--syncs") {
-      o.syncs = std::atoi(argv[i + 1]);
-    } else if (arg == "--seed") {
-      o.seed = static_cast<std::uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
-    } else {
-      break;
-    }
+    if (arg == "--processes") processes = std::atoi(argv[i + 1]);
+    else if (arg == "--syncs") syncs = std::atoi(argv[i + 1]);
+    else if (arg == "--seed") seed = static_cast<std::uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
+    else processes = 0;  // not an option: the usage below
   }
-  if (argc % 2 == 0 || o.processes < 1 || o.syncs < 1) {
+  if (argc % 2 == 0 || processes < 1 || syncs < 1) {
     std::cerr << "usage: qmsync_many_processes [--processes N] [--syncs N] [--seed S]\n";
-    std::exit(2);
+    return 2;
   }
-  return o;
-}
-
-// Full fetches (no Range, or a range from byte 0) per era and manifest path.
-std::map<std::string, int> fetches_per_era_and_path(TestServer& store) {
-  static const std::regex kFilePath("^/bucket/e([0-9]+)/v[0-9]+/(.*)$");
-  std::map<std::string, int> fetches;
-  for (const RecordedRequest& r : store.requests()) {
-    std::smatch m;
-    if (!std::regex_match(r.path, m, kFilePath)) continue;
-    if (r.range && !r.range->starts_with("bytes=0-")) continue;
-    ++fetches["era " + m[1].str() + ": " + m[2].str()];
-  }
-  return fetches;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  const Options options = parse_options(argc, argv);
-  std::cout << "seed " << options.seed << std::endl;
+  std::cout << "seed " << seed << std::endl;
   TempDir tmp;
   const std::string data_dir = tmp / "data";
   make_dirs(data_dir);
-  write_file(tmp / "token", "many-token\n");
-  // Slow processes may still be fetching a version several versions old.
-  ServedWorld world(options.seed, 4, 24, 12);
+  ServedWorld world(seed, 4, 24);
   const std::vector<std::string> env = {"QUILLMARSH_SYNC_HTTP_CHUNK_BYTES=262144"};
-  const auto qmsync = [&](std::vector<std::string> command) {
-    return world.client(QMSYNC_BINARY, data_dir, tmp / "token", std::move(command));
-  };
 
   std::mutex mu;
   std::vector<std::string> failures;
@@ -101,11 +62,11 @@ int main(int argc, char** argv) {
   // new era before the transition does and fail with the era failure.
   std::atomic<bool> era_moving{false};
   std::atomic<int> syncs_run{0};
-  const auto worker = [&](int id, int syncs) {
-    for (int i = 0; i < syncs; ++i) {
+  const auto worker = [&](int id, int count) {
+    for (int i = 0; i < count; ++i) {
       const std::string log = tmp / ("sync-" + std::to_string(id) + "-" + std::to_string(i) + ".log");
       const bool may_meet_new_era = era_moving.load();
-      const int code = run_child(qmsync({"sync"}), log, 300, env);
+      const int code = run_child(world.client(data_dir, {"sync"}), log, 300, env);
       ++syncs_run;
       if (code == 0 || (may_meet_new_era && code == cli::kExitEra)) continue;
       fail("process " + std::to_string(id) + " sync " + std::to_string(i) + " exited " + std::to_string(code), log);
@@ -115,18 +76,16 @@ int main(int argc, char** argv) {
   std::atomic<bool> publishing{true};
   int versions = 1;
   std::thread publisher([&] {
-    std::mt19937 rng(options.seed);
-    while (publishing) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(300));
-      if (!publishing) break;
+    std::mt19937 rng(seed);
+    for (std::this_thread::sleep_for(std::chrono::milliseconds(300)); publishing;
+         std::this_thread::sleep_for(std::chrono::milliseconds(300))) {
       world.publish_next_version(1 + static_cast<int>(rng() % 3));
       ++versions;
     }
   });
   {
-    std::vector<std::thread> workers;
-    for (int id = 0; id < options.processes; ++id) workers.emplace_back(worker, id, options.syncs);
-    for (std::thread& t : workers) t.join();
+    std::vector<std::jthread> workers;
+    for (int id = 0; id < processes; ++id) workers.emplace_back(worker, id, syncs);
   }
   publishing = false;
   publisher.join();
@@ -135,31 +94,36 @@ int main(int argc, char** argv) {
   era_moving = true;
   const Published target = world.publish_next_era();
   {
-    std::vector<std::thread> workers;
-    for (int id = 1; id < options.processes; ++id) workers.emplace_back(worker, id, 3);
-    const int code = run_child(qmsync({"transition", std::to_string(target.era)}), tmp / "transition.log", 300, env);
-    if (code != 0) fail("the transition exited " + std::to_string(code), tmp / "transition.log");
-    for (std::thread& t : workers) t.join();
+    std::vector<std::jthread> workers;
+    for (int id = 1; id < processes; ++id) workers.emplace_back(worker, id, 3);
+    const std::string log = tmp / "transition.log";
+    const int code = run_child(world.client(data_dir, {"transition", std::to_string(target.era)}), log, 300, env);
+    if (code != 0) fail("the transition exited " + std::to_string(code), log);
   }
-
-  if (const int code = run_child(qmsync({"verify"}), tmp / "verify.log", 300, env); code != 0) {
+  if (const int code = run_child(world.client(data_dir, {"verify"}), tmp / "verify.log", 300, env); code != 0) {
     fail("verify at the end exited " + std::to_string(code), tmp / "verify.log");
   }
   for (const std::string& f : convergence_failures(snapshot(data_dir), target)) fail("at the end: " + f, "");
-  int fetched = 0, files = 0, refetched = 0;
-  for (const auto& [file, count] : fetches_per_era_and_path(world.store())) {
-    fetched += count;
-    ++files;
-    if (count > 1) {
-      ++refetched;
-      fail(file + " was fetched " + std::to_string(count) + " times", "");
+
+  // Full fetches (no Range, or a range from byte 0) per era and manifest path.
+  static const std::regex kFilePath("^/era_([0-9]+)/(.*)$");
+  std::map<std::string, int> fetches;
+  for (const RecordedRequest& r : world.store().requests()) {
+    std::smatch m;
+    if (std::regex_match(r.path, m, kFilePath) && (!r.range || r.range->starts_with("bytes=0-"))) {
+      ++fetches["era " + m[1].str() + ": " + m[2].str()];
     }
+  }
+  int fetched = 0, refetched = 0;
+  for (const auto& [file, count] : fetches) {
+    fetched += count;
+    if (count > 1) ++refetched, fail(file + " was fetched " + std::to_string(count) + " times", "");
   }
 
   for (const std::string& f : failures) std::cout << "FAILURE " << f << "\n";
-  std::cout << "processes: " << options.processes << ", syncs: " << syncs_run << ", versions published: " << versions
+  std::cout << "processes: " << processes << ", syncs: " << syncs_run << ", versions published: " << versions
             << ", then era " << target.era << " by transition\n"
-            << "fetches: " << fetched << " of " << files << " files; fetched more than once: " << refetched
+            << "fetches: " << fetched << " of " << fetches.size() << " files; fetched more than once: " << refetched
             << "\nfailures: " << failures.size() << std::endl;
   return failures.empty() ? 0 : 1;
 }

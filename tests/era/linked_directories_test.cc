@@ -12,24 +12,21 @@
 namespace quillmarsh::sync {
 namespace {
 
-class TransitionLinkedDirectories : public testing::EraFixture {
- protected:
-  void expect_outside_untouched() {
-    EXPECT_EQ(read_file(outside_ / "stale.tmp"), "not ours");
-    EXPECT_EQ(read_file(outside_ / "stray.bin"), "not ours either");
-  }
-
-  testing::TempDir outside_;
-};
+using TransitionLinkedDirectories = testing::EraFixture;
 
 TEST_F(TransitionLinkedDirectories, SweepsOfSyncStopAndTransitionLeaveWhatALinkPointsTo) {
+  testing::TempDir outside;
+  const auto expect_outside_untouched = [&] {
+    EXPECT_EQ(read_file(outside / "stale.tmp"), "not ours");
+    EXPECT_EQ(read_file(outside / "stray.bin"), "not ours either");
+  };
   publish_era_data(1, {{"features/a/one.bin", "era one"}});
   auto manager = make_manager(3600.0);
   // Outside: what each sweep would take if it followed "features/linked".
-  write_file(outside_ / "stale.tmp", "not ours");
-  write_file(outside_ / "stray.bin", "not ours either");
+  write_file(outside / "stale.tmp", "not ours");
+  write_file(outside / "stray.bin", "not ours either");
   make_dirs(path("features/a"));
-  ASSERT_EQ(::symlink(outside_.path().c_str(), path("features/linked").c_str()), 0);
+  ASSERT_EQ(::symlink(outside.path().c_str(), path("features/linked").c_str()), 0);
   write_file(path("features/a/left.tmp"), "a real leftover");
 
   manager->sync();

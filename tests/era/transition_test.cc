@@ -69,8 +69,19 @@ class Transition : public EraFixture {
   Waits waits_;
 };
 
-TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
+TEST_F(Transition, TheSameEraWhileClosingTellsNobodyAndTheNextEraFetchesOnlyWhatChanged) {
   sync_era1();
+  const Files synced = live_files();
+  publish_era(1, "closing");
+  transition(1);
+  EXPECT_EQ(events_.events(), (Events{"kill", "restart"}));
+  for (const auto& [rel, bytes] : era1_files()) EXPECT_EQ(store_.request_count("/bucket/" + rel), 0u) << rel;
+  EXPECT_EQ(live_files(), synced);
+  expect_no_run_leftovers(*manager_, 1);
+  events_.clear();
+  api_.clear_requests();
+  store_.clear_requests();
+
   // Strays in the six data folders go; everything else stays.
   const std::vector<std::string> strays = {"features/stray.bin", "universe_masks/m/stray.bin", "features/.dotfile",
                                            "found_strategies/x/y.arrow"};
@@ -87,6 +98,8 @@ TEST_F(Transition, MovesToTheNextEraFetchingOnlyWhatChanged) {
   era2["useful_signals/new.bin"] = "fresh";
   era2["features/a/decl.pxd"] = "a declaration a sync pass would drop";
   const Json m2 = publish_era_data(2, era2);
+  // Either shape passes every gate, a textual era id too.
+  answer_era(wrapped_era(Json{{"era_id", "2"}}, Json("active")));
   // A dead run's staging of this era is not trusted; a stale lock file's
   // content is replaced.
   put_local(".transition_era2.tmp/features/a/change.bin.tmp", "junk");
@@ -151,18 +164,6 @@ TEST_F(Transition, AFirstEraMovesInWithNoPreviousEra) {
   EXPECT_EQ(events_.events(), told(1, "None", false));
   // No restart callback: no confirmation after the reload.
   EXPECT_EQ(era_requests(), 1u + (era1_files().size() + 1) + 2u);
-  expect_no_run_leftovers(*manager_, 1);
-}
-
-TEST_F(Transition, TheSameEraWhileClosingGoesThroughAndTellsNobody) {
-  sync_era1();
-  const Files before = live_files();
-  publish_era(1, "closing");
-  transition(1);
-  EXPECT_EQ(events_.events(), (Events{"kill", "restart"}));
-  for (const auto& [rel, bytes] : era1_files()) EXPECT_EQ(store_.request_count("/bucket/" + rel), 0u) << rel;
-  EXPECT_EQ(live_files(), before);
-  EXPECT_EQ(manager_->get_manifest()->era_id, 1);
   expect_no_run_leftovers(*manager_, 1);
 }
 
@@ -291,12 +292,24 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
        "LibraryUpdateRequired: restart the kernel"},
       {"closing on a real advance", [this] { publish_era(2, "closing"); },
        era_error + "Active era confirmation for era_id=2 returned state='closing'"},
+      // No default state, whatever shape leaves it out or null.
+      {"no state", [this] { publish_era(2, std::nullopt); },
+       era_error + "Active era confirmation for era_id=2 returned state=None"},
+      {"a null state inside an active wrapper",
+       [this] { answer_era(wrapped_era(Json{{"era_id", 2}, {"state", nullptr}}, Json("active"))); },
+       era_error + "Active era confirmation for era_id=2 returned state=None"},
       {"between eras", [this] { answer_era(wrapped_era(nullptr, Json("between_eras"))); },
        era_error + "Failed to parse active era response during transition"},
       {"manifest of another era", [this] { api_.put("/data/manifest", json_text(manifest(3, 1))); },
        era_error + "Era transition manifest era_id=3 does not match active era_id=2"},
       {"manifest unavailable", [this] { api_.fault("/data/manifest", Fault{.status = 500, .body = "down"}); },
        "SyncError: Failed to fetch era 2 manifest: HTTP 500"},
+      // The gate sees era 2, the first look before a download an older one.
+      {"an older era while staging",
+       [this] {
+         api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(1)), .times = 1, .skip = 1});
+       },
+       era_error + "Active era_id=1 does not match requested transition era_id=2"},
       // The gate and the five looks see era 2; the confirmation before the
       // first rename, once change.bin is staged, sees era 3.
       {"era moves just before the commit",

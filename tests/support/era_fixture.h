@@ -20,25 +20,31 @@
 
 namespace quillmarsh::sync::testing {
 
-// A deployment module whose answers a test sets. Versions compare as the
-// default module compares them.
+// A module put in its slot for one test; the one it replaced goes back after.
+template <class Module>
+class InSlot {
+ public:
+  InSlot(CollaboratorSlot<Module>& slot, std::shared_ptr<Module> module)
+      : slot_(slot), previous_(slot.set(std::move(module))) {}
+  ~InSlot() { slot_.set(previous_); }
+
+ private:
+  CollaboratorSlot<Module>& slot_;
+  std::shared_ptr<Module> previous_;
+};
+
+// A deployment module whose answers a test sets, running version 1.0.0.
+// Versions compare as the default module compares them.
 class ScriptedDeployment : public Deployment {
  public:
-  std::string current_version = "1.0.0";
   std::optional<std::string> newer_version;
-  bool check_update_connection_error = false;
   UpdateResult update_result{};
   std::function<void()> auto_update_throws;  // called instead of answering
   std::vector<std::string> auto_update_calls;
 
-  std::string _CURRENT_VERSION() override { return current_version; }
-  std::optional<std::string> check_update(const std::string&) override {
-    if (check_update_connection_error) throw ConnectionError("wheel cache unreachable");
-    return newer_version;
-  }
-  int _compare_versions(const std::string& a, const std::string& b) override {
-    return compare_dotted_versions(a, b);
-  }
+  std::string _CURRENT_VERSION() override { return "1.0.0"; }
+  std::optional<std::string> check_update(const std::string&) override { return newer_version; }
+  int _compare_versions(const std::string& a, const std::string& b) override { return compare_dotted_versions(a, b); }
   UpdateResult auto_update(const std::string& min_ver) override {
     auto_update_calls.push_back(min_ver);
     if (auto_update_throws) auto_update_throws();
@@ -54,11 +60,10 @@ class NamedIdentity : public Identity {
 
 class ScriptedIdentityModule : public IdentityModule {
  public:
-  std::shared_ptr<Identity> identity = std::make_shared<NamedIdentity>("owner");
   bool fail = false;
   std::shared_ptr<Identity> resolve_identity_for_data_dir(const std::string&) override {
     if (fail) throw RuntimeError("no identity file");
-    return identity;
+    return std::make_shared<NamedIdentity>("owner");
   }
 };
 
@@ -76,7 +81,7 @@ class RecordingAuth : public Auth {
 };
 
 // Logs "open identity=<name>|null|absent", "handle N prev=P|None", "close".
-class RecordingSearchTracking : public SearchTracking {
+class RecordingSearchTracking : public SearchTracking, public std::enable_shared_from_this<RecordingSearchTracking> {
  public:
   explicit RecordingSearchTracking(EventLog& log) : log_(log) {}
   bool fail_with_identity = false;  // a construction that passes the keyword fails
@@ -85,55 +90,28 @@ class RecordingSearchTracking : public SearchTracking {
 
   std::shared_ptr<SearchTracker> open_tracker(const std::string&,
                                               std::optional<std::shared_ptr<Identity>> identity) override {
-    std::string shown = "absent";
-    if (identity) {
-      const auto* named = dynamic_cast<const NamedIdentity*>(identity->get());
-      shown = named ? named->name : "null";
-    }
-    log_.add("open identity=" + shown);
+    const auto* named = identity ? dynamic_cast<const NamedIdentity*>(identity->get()) : nullptr;
+    log_.add("open identity=" + (named ? named->name : identity ? "null" : "absent"));
     if (fail_always || (fail_with_identity && identity)) throw RuntimeError("tracker database locked");
-    return std::make_shared<Tracker>(log_, fail_handle);
+    return std::make_shared<Tracker>(shared_from_this());
   }
 
  private:
-  class Tracker : public SearchTracker {
-   public:
-    Tracker(EventLog& log, bool fail_handle) : log_(log), fail_handle_(fail_handle) {}
+  struct Tracker : SearchTracker {
+    explicit Tracker(std::shared_ptr<RecordingSearchTracking> module) : m(std::move(module)) {}
     void handle_era_transition(std::int64_t new_era_id, std::optional<std::int64_t> previous_era_id) override {
-      log_.add("handle " + std::to_string(new_era_id) + " prev=" +
-               (previous_era_id ? std::to_string(*previous_era_id) : std::string("None")));
-      if (fail_handle_) throw RuntimeError("search table busy");
+      m->log_.add("handle " + std::to_string(new_era_id) +
+                  " prev=" + (previous_era_id ? std::to_string(*previous_era_id) : std::string("None")));
+      if (m->fail_handle) throw RuntimeError("search table busy");
     }
-    void close() override { log_.add("close"); }
-
-   private:
-    EventLog& log_;
-    bool fail_handle_;
+    void close() override { m->log_.add("close"); }
+    std::shared_ptr<RecordingSearchTracking> m;
   };
   EventLog& log_;
 };
 
 class EraFixture : public SyncFixture {
  protected:
-  void SetUp() override {
-    SyncFixture::SetUp();
-    deployment_ = std::make_shared<ScriptedDeployment>();
-    identity_ = std::make_shared<ScriptedIdentityModule>();
-    auth_ = std::make_shared<RecordingAuth>(events_);
-    tracking_ = std::make_shared<RecordingSearchTracking>(events_);
-    previous_deployment_ = deployment_slot().get();  // the library's default unless a test scripts one
-    previous_identity_ = identity_slot().set(identity_);
-    previous_auth_ = auth_slot().set(auth_);
-    previous_tracking_ = search_tracking_slot().set(tracking_);
-  }
-  void TearDown() override {
-    deployment_slot().set(previous_deployment_);
-    identity_slot().set(previous_identity_);
-    auth_slot().set(previous_auth_);
-    search_tracking_slot().set(previous_tracking_);
-    SyncFixture::TearDown();
-  }
-
   void use_scripted_deployment() { deployment_slot().set(deployment_); }
 
   // What /era/current answers.
@@ -147,27 +125,24 @@ class EraFixture : public SyncFixture {
   }
   static Json flat_era(Json era_id, std::optional<std::string> state = "active",
                        std::optional<std::string> min_library_version = std::nullopt) {
-    Json era = Json::object();
-    era["era_id"] = std::move(era_id);
+    Json era = {{"era_id", std::move(era_id)}};
     if (state) era["state"] = *state;
     if (min_library_version) era["min_library_version"] = *min_library_version;
     return era;
   }
   // /era/current in the wrapped shape: {"era": era, "state": outer_state}.
   static Json wrapped_era(Json era, std::optional<Json> outer_state = std::nullopt) {
-    Json data = Json::object();
-    data["era"] = std::move(era);
+    Json data = {{"era", std::move(era)}};
     if (outer_state) data["state"] = std::move(*outer_state);
     return data;
   }
 
   // Publishes `files` (path -> bytes) as era `era`, with its vocabulary and
   // seed, and names that era active. Returns the manifest as served.
-  Json publish_era_data(std::int64_t era, const std::map<std::string, std::string>& files,
-                        std::int64_t version = 1) {
+  Json publish_era_data(std::int64_t era, const std::map<std::string, std::string>& files) {
     Json entries = Json::object();
     for (const auto& [file_path, bytes] : files) entries[file_path] = store_file(file_path, bytes);
-    Json m = with_artefacts(manifest(era, version, std::move(entries)));
+    const Json m = with_artefacts(manifest(era, 1, std::move(entries)));
     publish(m);
     publish_era(era);
     return m;
@@ -185,15 +160,10 @@ class EraFixture : public SyncFixture {
   }
 
   // The callbacks a monitor hands the transition, logging into events_.
-  std::function<void()> kill_fn() {
-    return [this] { events_.add("kill"); };
-  }
-  std::function<void()> restart_fn() {
-    return [this] { events_.add("restart"); };
-  }
+  std::function<void()> kill_fn() { return [this] { events_.add("kill"); }; }
+  std::function<void()> restart_fn() { return [this] { events_.add("restart"); }; }
 
-  // Every file below the data directory (dot-directories included) with its
-  // bytes.
+  // Every file below the data directory, dot-directories included, with its bytes.
   std::map<std::string, std::string> live_files() const {
     std::map<std::string, std::string> out;
     for (const std::string& rel : walk_files(dir_.path(), [](std::string_view) { return true; })) {
@@ -211,16 +181,17 @@ class EraFixture : public SyncFixture {
   }
 
   EventLog events_;
-  std::shared_ptr<ScriptedDeployment> deployment_;
-  std::shared_ptr<ScriptedIdentityModule> identity_;
-  std::shared_ptr<RecordingAuth> auth_;
-  std::shared_ptr<RecordingSearchTracking> tracking_;
+  std::shared_ptr<ScriptedDeployment> deployment_ = std::make_shared<ScriptedDeployment>();
+  std::shared_ptr<ScriptedIdentityModule> identity_ = std::make_shared<ScriptedIdentityModule>();
+  std::shared_ptr<RecordingAuth> auth_ = std::make_shared<RecordingAuth>(events_);
+  std::shared_ptr<RecordingSearchTracking> tracking_ = std::make_shared<RecordingSearchTracking>(events_);
 
  private:
-  std::shared_ptr<Deployment> previous_deployment_;
-  std::shared_ptr<IdentityModule> previous_identity_;
-  std::shared_ptr<Auth> previous_auth_;
-  std::shared_ptr<SearchTracking> previous_tracking_;
+  // The library's default deployment unless a test scripts one.
+  InSlot<Deployment> deployment_in_slot_{deployment_slot(), deployment_slot().get()};
+  InSlot<IdentityModule> identity_in_slot_{identity_slot(), identity_};
+  InSlot<Auth> auth_in_slot_{auth_slot(), auth_};
+  InSlot<SearchTracking> tracking_in_slot_{search_tracking_slot(), tracking_};
 };
 
 }  // namespace quillmarsh::sync::testing

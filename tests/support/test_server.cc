@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "server/object_store.h"
+#include "server/routes.h"
 #include "server/site.h"
 
 #ifndef QMSYNC_TEST_CERT_DIR
@@ -26,23 +27,31 @@ std::optional<std::string> RecordedRequest::header(const std::string& name) cons
 
 class TestServer::Impl {
  public:
-  explicit Impl(Scheme scheme)
+  Impl(Scheme scheme, const std::optional<std::string>& root = std::nullopt, const std::string& token = "")
       : site_(scheme == Scheme::https ? std::optional<server::TlsFiles>(server::TlsFiles{
                                             ca_file(), std::string(QMSYNC_TEST_CERT_DIR) + "/server.pem",
                                             std::string(QMSYNC_TEST_CERT_DIR) + "/server-key.pem"})
                                       : std::nullopt,
               0, "test server") {
-    server::ObjectRoutes routes{store_};
-    routes.faults = faults_;
-    routes.pause = [this](double s) { return site_.pause(s); };
-    routes.on_request = [this](const httplib::Request& req) { record(req); };
+    const auto pause = [this](double s) { return site_.pause(s); };
+    if (root && !token.empty()) {
+      // Registered first, the API's routes take their paths before the store's.
+      server::add_api_routes(site_.http(), {*root}, [token] { return token; }, site_.url(), [=, this](auto handler) {
+        return [this, h = server::with_faults(std::move(handler), {nullptr, faults_, 0, pause})](
+                   const httplib::Request& req, httplib::Response& res) {
+          record(req);
+          h(req, res);
+        };
+      });
+    }
+    server::ObjectRoutes routes{store_, faults_, 0, pause, [this](const httplib::Request& req) { record(req); }};
+    if (root) routes.store = std::make_shared<server::DirectoryStore>(server::ServerRoot{*root});
     server::add_object_routes(site_.http(), std::move(routes));
     site_.start();
   }
 
   void record(const httplib::Request& req) {
-    RecordedRequest r{req.method, req.path, "", req.target, {}, std::nullopt, req.body, req.remote_port};
-    if (auto q = req.target.find('?'); q != std::string::npos) r.query = req.target.substr(q + 1);
+    RecordedRequest r{req.path, {}, std::nullopt};
     for (const auto& [name, value] : req.headers) {
       // httplib adds the peer and local addresses as pseudo-headers.
       if (name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT") continue;
@@ -62,6 +71,8 @@ class TestServer::Impl {
 };
 
 TestServer::TestServer(Scheme scheme) : impl_(std::make_unique<Impl>(scheme)) {}
+TestServer::TestServer(const std::string& root, const std::string& token)
+    : impl_(std::make_unique<Impl>(Scheme::https, root, token)) {}
 TestServer::~TestServer() = default;
 
 int TestServer::port() const { return impl_->site_.port(); }

@@ -1,6 +1,7 @@
 // A loopback HTTPS (or HTTP) server for network tests: the reference
-// server's object store site over bytes held in memory, at any path, with
-// its per-path faults, recording every request.
+// server's object store site over bytes held in memory, at any path, or
+// either of its sites over a published root, with per-path faults,
+// recording every request.
 //
 //   TestServer server;
 //   server.put("/a.bin", "hello world");
@@ -26,14 +27,9 @@ using server::HeaderNameLess;
 using server::Headers;
 
 struct RecordedRequest {
-  std::string method;
   std::string path;                  // percent-decoded, without the query
-  std::string query;                 // raw text after '?', empty if none
-  std::string target;                // the request-target exactly as sent
   Headers headers;                   // names as received; lookups ignore case
   std::optional<std::string> range;  // the Range header, if any
-  std::string body;
-  int remote_port = 0;  // tells connections apart
 
   std::optional<std::string> header(const std::string& name) const;
 };
@@ -44,6 +40,9 @@ class TestServer {
 
   // Binds 127.0.0.1 on an ephemeral port; serving when this returns.
   explicit TestServer(Scheme scheme = Scheme::https);
+  // Serves what publish_era wrote under `root`: with a token, the API's
+  // routes, which want it; without, the era files at /era_N/....
+  explicit TestServer(const std::string& root, const std::string& api_token = "");
   // Stops and joins; interrupts delays and stalls and drops open
   // connections, so it returns promptly even with a response in flight.
   ~TestServer();
