@@ -107,7 +107,8 @@ class TrustStore {
   // then does not wait for.
   void parse_ahead() {
     std::lock_guard<std::mutex> lock(ahead_mu_);
-    if (ahead_.joinable()) return;
+    if (ahead_started_) return;
+    ahead_started_ = true;
     ahead_ = std::thread([this] {
       // A fresh handle names the bundle every request's handle names after
       // its reset.
@@ -148,6 +149,13 @@ class TrustStore {
     char* ca_path = nullptr;
     curl_easy_getinfo(easy, CURLINFO_CAPATH, &ca_path);
     parse_bundle(easy);
+    {
+      // The parse is done, so this waits at most for the reader to return.
+      // Joined here, not at exit only: a process that leaves through _exit
+      // (an interrupted command) would otherwise end with it unjoined.
+      std::lock_guard<std::mutex> lock(ahead_mu_);
+      if (ahead_.joinable()) ahead_.join();
+    }
     X509_STORE* store = X509_STORE_new();
     if (store == nullptr) return nullptr;
     for (int i = 0; bundle_ != nullptr && i < sk_X509_num(bundle_); ++i) X509_STORE_add_cert(store, sk_X509_value(bundle_, i));
@@ -167,8 +175,9 @@ class TrustStore {
   const std::uint64_t id_;
   mutable std::once_flag parsed_;
   mutable STACK_OF(X509)* bundle_ = nullptr;  // the system's bundle, parsed
-  std::mutex ahead_mu_;
-  std::thread ahead_;
+  mutable std::mutex ahead_mu_;
+  mutable std::thread ahead_;
+  bool ahead_started_ = false;
 
 };
 
