@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "sync/engine/download_progress.h"
+#include "sync/engine/staged_download.h"
 #include "sync/engine/transport.h"
 #include "sync/errors.h"
 #include "sync/manifest.h"
@@ -146,6 +147,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
                          const BodySink* sink = nullptr);
   HttpResponse _http_get_public(const std::string& url, std::int64_t range_start = 0,
                                 std::int64_t range_end = -1, const BodySink* sink = nullptr);
+  // The whole-file GET of one download as a request, for a caller that
+  // opens it itself: with a fresh token, or public.
+  HttpRequest _download_request(const std::string& url, bool public_download, const BodySink* sink);
+  std::string _fresh_token();
   // Replaces the token source (a reused manager takes its newest caller's).
   void _set_get_token(TokenSource get_token);
 
@@ -177,6 +182,24 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
                       const std::optional<std::string>& target_data_dir = std::nullopt);
   // "Download a set of independent files concurrently."
   void _download_files_parallel(const Json& files_to_download, SyncResult& result);
+  // The parts of _download_file that a batch also runs apart. The target,
+  // its parent directory made; fails as _download_file would before any
+  // request.
+  DownloadTarget _download_target(const std::string& file_path, const Json& file_info,
+                                  const std::optional<std::string>& target_data_dir);
+  // The attempts from `first_attempt` on; a later first attempt waits first
+  // as the attempt before it would have.
+  void _download_attempts(const DownloadTarget& target, SyncResult& result, int max_retries,
+                          const RetryStatusCallback& retry_status_callback, int first_attempt);
+  // Ends a first attempt made as one whole-file GET of a file with nothing
+  // staged, given how its exchange ended (a head timeout's retries already
+  // spent): true when the file is in place, false when the next attempt must
+  // follow; throws what ends the download at once. Not for a file that
+  // comes in ranged chunks.
+  bool _end_first_attempt(const DownloadTarget& target, StagedFile& staged, OpenedResponse opened,
+                          std::exception_ptr failure, SyncResult& result);
+  void _commit_download(const DownloadTarget& target, StagedFile& staged, const std::string& actual_sha,
+                        SyncResult& result);
 
   // --- Hash cache and local comparison --------------------------------------
 

@@ -387,10 +387,22 @@ void set_options(CURL* easy, std::shared_ptr<SharedState>& attached, const HttpR
   curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, store);
 }
 
+double bounded_timeout(double timeout_s) {
+  if (std::isnan(timeout_s)) throw ValueError("Invalid value NaN (not a number)");
+  return std::min(timeout_s, 1e7);  // beyond any wait worth having
+}
+
+// How long a connected exchange may still stay silent; nothing before the
+// connection is made, which libcurl's own connect timeout bounds.
+std::optional<Clock::duration> silence_left(const Exchange& ex, double timeout_s) {
+  if (!ex.connected) return std::nullopt;
+  const auto timeout = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout_s));
+  return ex.last_activity + timeout - Clock::now();
+}
+
 // Drives the transfer; returns libcurl's result, or nothing when the server
 // stayed silent for `timeout_s` after the connection was made.
 std::optional<CURLcode> drive(ThreadHandles& handles, Exchange& ex, double timeout_s) {
-  const auto timeout = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout_s));
   curl_multi_add_handle(handles.multi, handles.easy);
   std::optional<CURLcode> result;
   for (;;) {
@@ -408,11 +420,10 @@ std::optional<CURLcode> drive(ThreadHandles& handles, Exchange& ex, double timeo
       break;
     }
     int wait_ms = 1000;
-    if (ex.connected) {
-      const auto left = ex.last_activity + timeout - Clock::now();
-      if (left <= Clock::duration::zero()) break;  // silent too long
+    if (const std::optional<Clock::duration> left = silence_left(ex, timeout_s)) {
+      if (*left <= Clock::duration::zero()) break;  // silent too long
       wait_ms = static_cast<int>(std::clamp<std::int64_t>(
-          std::chrono::duration_cast<std::chrono::milliseconds>(left).count() + 1, 1, 1000));
+          std::chrono::duration_cast<std::chrono::milliseconds>(*left).count() + 1, 1, 1000));
     }
     curl_multi_poll(handles.multi, nullptr, 0, wait_ms, nullptr);
   }
@@ -421,30 +432,14 @@ std::optional<CURLcode> drive(ThreadHandles& handles, Exchange& ex, double timeo
   return result;
 }
 
-}  // namespace
-
-OpenedResponse open_http_request(const HttpRequest& request, double timeout_s) {
-  if (std::isnan(timeout_s)) throw ValueError("Invalid value NaN (not a number)");
-  timeout_s = std::min(timeout_s, 1e7);  // beyond any wait worth having
-  ThreadHandles& handles = thread_handles();
-  const TrustSetting trust = current_trust();
-  if (handles.attached && handles.attached != trust.shared) {
-    // Connections verified under another trust setting are not kept.
-    curl_multi_cleanup(handles.multi);
-    handles.multi = curl_multi_init();
-    if (handles.multi == nullptr) throw RuntimeError("libcurl could not be initialised");
-  }
-  Exchange ex;
-  ex.sink = request.sink;
-  char error_buffer[CURL_ERROR_SIZE] = {0};
-  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(header_list(request),
-                                                                       &curl_slist_free_all);
-  set_options(handles.easy, handles.attached, request, headers.get(), ex, timeout_s, trust, error_buffer);
-  const std::optional<CURLcode> result = drive(handles, ex, timeout_s);
+// What an ended exchange comes to: the response, or the failure the caller
+// sees. `result` is libcurl's, or nothing when the server stayed silent.
+OpenedResponse conclude(Exchange& ex, CURL* easy, std::optional<CURLcode> result, const char* error_buffer,
+                        const std::string& full_url) {
   if (ex.sink_failure) std::rethrow_exception(ex.sink_failure);
 
   long status = 0;
-  curl_easy_getinfo(handles.easy, CURLINFO_RESPONSE_CODE, &status);
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
   ex.response.status = static_cast<int>(status);
   const std::string reason = !result                 ? "timed out"
                              : error_buffer[0] != 0 ? std::string(error_buffer)
@@ -452,7 +447,7 @@ OpenedResponse open_http_request(const HttpRequest& request, double timeout_s) {
 
   if (result && (*result == CURLE_OK || *result == CURLE_TOO_MANY_REDIRECTS)) return std::move(ex.response);
   if (result && (*result == CURLE_URL_MALFORMAT || *result == CURLE_UNSUPPORTED_PROTOCOL)) {
-    throw ValueError("unknown url type: " + request.full_url + " (" + reason + ")");
+    throw ValueError("unknown url type: " + full_url + " (" + reason + ")");
   }
   if (!ex.connected || (result && *result == CURLE_SEND_ERROR && !ex.head_complete)) {
     throw URLError(reason);
@@ -472,6 +467,146 @@ OpenedResponse open_http_request(const HttpRequest& request, double timeout_s) {
     ex.response.read_failure = std::make_exception_ptr(ConnectionError(reason));
   }
   return std::move(ex.response);
+}
+
+}  // namespace
+
+OpenedResponse open_http_request(const HttpRequest& request, double timeout_s) {
+  timeout_s = bounded_timeout(timeout_s);
+  ThreadHandles& handles = thread_handles();
+  const TrustSetting trust = current_trust();
+  if (handles.attached && handles.attached != trust.shared) {
+    // Connections verified under another trust setting are not kept.
+    curl_multi_cleanup(handles.multi);
+    handles.multi = curl_multi_init();
+    if (handles.multi == nullptr) throw RuntimeError("libcurl could not be initialised");
+  }
+  Exchange ex;
+  ex.sink = request.sink;
+  char error_buffer[CURL_ERROR_SIZE] = {0};
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(header_list(request),
+                                                                       &curl_slist_free_all);
+  set_options(handles.easy, handles.attached, request, headers.get(), ex, timeout_s, trust, error_buffer);
+  const std::optional<CURLcode> result = drive(handles, ex, timeout_s);
+  return conclude(ex, handles.easy, result, error_buffer, request.full_url);
+}
+
+// --- TransferLoop -------------------------------------------------------------
+
+struct TransferLoop::Pinned {
+  TrustSetting trust;
+};
+
+struct TransferLoop::Transfer {
+  CURL* easy = nullptr;
+  std::shared_ptr<SharedState> attached;
+  Exchange ex;
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers{nullptr, &curl_slist_free_all};
+  char error_buffer[CURL_ERROR_SIZE] = {0};
+  std::string full_url;
+  double timeout_s = 0;
+  Done done;
+};
+
+TransferLoop::TransferLoop() : multi_(curl_multi_init()) {
+  if (!kCurlReady || multi_ == nullptr) throw RuntimeError("libcurl could not be initialised");
+}
+
+TransferLoop::~TransferLoop() {
+  // Unfinished exchanges end with their connections; nobody is told.
+  for (auto& transfer : running_) {
+    curl_multi_remove_handle(multi_, transfer->easy);
+    curl_easy_cleanup(transfer->easy);  // detaches from `attached` before it can go
+  }
+  running_.clear();
+  for (auto& transfer : idle_) curl_easy_cleanup(transfer->easy);
+  idle_.clear();
+  curl_multi_cleanup(multi_);
+}
+
+void TransferLoop::start(const HttpRequest& request, double timeout_s, Done done) {
+  timeout_s = bounded_timeout(timeout_s);
+  std::unique_ptr<Transfer> transfer;
+  if (!idle_.empty()) {
+    transfer = std::move(idle_.back());
+    idle_.pop_back();
+  } else {
+    transfer = std::make_unique<Transfer>();
+    transfer->easy = curl_easy_init();
+    if (transfer->easy == nullptr) throw RuntimeError("libcurl could not be initialised");
+  }
+  transfer->ex = Exchange{};
+  transfer->ex.sink = request.sink;
+  transfer->error_buffer[0] = 0;
+  transfer->full_url = request.full_url;
+  transfer->timeout_s = timeout_s;
+  transfer->done = std::move(done);
+  transfer->headers.reset(header_list(request));
+  // A loop lives for one batch: it keeps the trust setting it began with.
+  if (!trust_) trust_ = std::make_unique<Pinned>(Pinned{current_trust()});
+  set_options(transfer->easy, transfer->attached, request, transfer->headers.get(), transfer->ex, timeout_s,
+              trust_->trust, transfer->error_buffer);
+  curl_easy_setopt(transfer->easy, CURLOPT_PRIVATE, transfer.get());
+  if (curl_multi_add_handle(multi_, transfer->easy) != CURLM_OK) {
+    idle_.push_back(std::move(transfer));
+    throw RuntimeError("libcurl could not start a transfer");
+  }
+  running_.push_back(std::move(transfer));
+}
+
+void TransferLoop::end(Transfer* transfer, int code) {
+  std::optional<CURLcode> result;
+  if (code != kSilent) result = static_cast<CURLcode>(code);
+  curl_multi_remove_handle(multi_, transfer->easy);
+  const auto it = std::find_if(running_.begin(), running_.end(), [&](const auto& t) { return t.get() == transfer; });
+  std::unique_ptr<Transfer> owned = std::move(*it);
+  running_.erase(it);
+  Done done = std::move(owned->done);
+  OpenedResponse response;
+  std::exception_ptr failure;
+  try {
+    response = conclude(owned->ex, owned->easy, result, owned->error_buffer, owned->full_url);
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  owned->headers.reset();
+  idle_.push_back(std::move(owned));
+  done(std::move(response), failure);
+}
+
+void TransferLoop::run(int max_wait_ms) {
+  if (running_.empty()) return;
+  int still_running = 0;
+  if (curl_multi_perform(multi_, &still_running) != CURLM_OK) {
+    while (!running_.empty()) end(running_.front().get(), static_cast<int>(CURLE_FAILED_INIT));
+    return;
+  }
+  int queued = 0;
+  bool ended = false;
+  while (CURLMsg* msg = curl_multi_info_read(multi_, &queued)) {
+    if (msg->msg != CURLMSG_DONE) continue;
+    Transfer* transfer = nullptr;
+    curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &transfer);
+    end(transfer, static_cast<int>(msg->data.result));
+    ended = true;
+  }
+  // Silent too long: ended here, as a single exchange would be.
+  int wait_ms = std::max(max_wait_ms, 0);
+  for (std::size_t i = 0; i < running_.size();) {
+    const std::optional<Clock::duration> left = silence_left(running_[i]->ex, running_[i]->timeout_s);
+    if (left && *left <= Clock::duration::zero()) {
+      end(running_[i].get(), kSilent);
+      ended = true;
+      continue;
+    }
+    if (left) {
+      wait_ms = static_cast<int>(std::clamp<std::int64_t>(
+          std::chrono::duration_cast<std::chrono::milliseconds>(*left).count() + 1, 1, wait_ms));
+    }
+    ++i;
+  }
+  if (ended || running_.empty() || wait_ms == 0) return;
+  curl_multi_poll(multi_, nullptr, 0, wait_ms, nullptr);
 }
 
 void prepare_trust() { current_trust().store->parse_ahead(); }

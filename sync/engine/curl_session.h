@@ -11,6 +11,7 @@
 #include <exception>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -66,6 +67,40 @@ struct OpenedResponse {
 // server drops the connection before the head, ValueError for a URL that is
 // not http(s).
 OpenedResponse open_http_request(const HttpRequest& request, double timeout_s);
+
+// Several exchanges at once, driven by the one thread that owns the loop:
+// what a batch of many small files needs to keep its connections busy
+// without a thread per transfer. Connections are kept between exchanges.
+// Each exchange ends exactly as open_http_request would end it: `done` gets
+// the response, or the failure open_http_request would throw. A loop keeps
+// the trust setting in force when its first exchange starts.
+class TransferLoop {
+ public:
+  using Done = std::function<void(OpenedResponse response, std::exception_ptr failure)>;
+  TransferLoop();
+  ~TransferLoop();  // unfinished exchanges end unannounced, closing their connections
+  TransferLoop(const TransferLoop&) = delete;
+  TransferLoop& operator=(const TransferLoop&) = delete;
+
+  // The request's sink must stay valid until `done` is called. Fails as
+  // open_http_request does for a NaN timeout.
+  void start(const HttpRequest& request, double timeout_s, Done done);
+  // Moves every exchange on, waiting at most `max_wait_ms` for the network;
+  // returns early once any exchange has ended (its `done` has been called).
+  void run(int max_wait_ms);
+  std::size_t running() const { return running_.size(); }
+
+ private:
+  struct Transfer;
+  struct Pinned;
+  // `code` is libcurl's result, or kSilent when the server stayed silent.
+  static constexpr int kSilent = -1;
+  void end(Transfer* transfer, int code);
+  void* multi_;
+  std::vector<std::unique_ptr<Transfer>> running_;
+  std::vector<std::unique_ptr<Transfer>> idle_;
+  std::unique_ptr<Pinned> trust_;
+};
 
 // Starts reading the system's trusted certificates on a thread of its own,
 // so that a request made a little later does not wait for them. Optional:

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sync/engine/file_primitives.h"
+#include "sync/engine/staged_download.h"
 #include "sync/engine/tunables.h"
 #include "sync/errors.h"
 #include "sync/paths/manifest_paths.h"
@@ -44,126 +45,191 @@ bool is_retried(const std::exception& e) {
   return dynamic_cast<const SyncError*>(&e) != nullptr || dynamic_cast<const ConnectionError*>(&e) != nullptr;
 }
 
+SyncError http_failure(const std::string& file_path, int status) {
+  return SyncError("Download failed for " + file_path + ": HTTP " + std::to_string(status));
+}
+
+double wait_after(int attempt) { return std::min(0.25 * std::pow(2.0, attempt), 1.0); }
+
 }  // namespace
 
-void SyncManager::_download_file(const std::string& file_path, const Json& file_info, SyncResult& result,
-                                 int max_retries, const RetryStatusCallback& retry_status_callback,
-                                 const std::optional<std::string>& target_data_dir) {
-  if (!file_info.is_object()) throw TypeError("file entry for " + file_path + " is not a mapping");
+StagedFile::StagedFile(const std::string& tmp_path, std::atomic<std::int64_t>& arrived)
+    : fh_(tmp_path, UpdatableFile::create), arrived_(arrived) {
+  // Reading it through leaves the position at its end. Not zeroed: nearly
+  // always the first read finds the file empty.
+  const std::unique_ptr<char[]> piece(new char[kRehashPieceBytes]);
+  while (const std::size_t got = fh_.read(piece.get(), kRehashPieceBytes)) {
+    h_->update(std::string_view(piece.get(), got));
+    total_written_ += static_cast<std::int64_t>(got);
+  }
+  range_start_ = total_written_;
+}
 
+BodySink StagedFile::sink(bool take_206, bool take_200, std::int64_t expected_size) {
+  // A small file needs no more room than it has bytes.
+  const std::int64_t expected_left = expected_size - total_written_;
+  pending_.reserve(expected_left > 0 ? std::min<std::size_t>(kWriteBatchBytes, static_cast<std::size_t>(expected_left))
+                                     : kWriteBatchBytes);
+  BodySink sink;
+  sink.accepts = [this, take_206, take_200](int status) {
+    if (status == 206) return take_206;
+    if (status != 200 || !take_200) return false;
+    if (total_written_ > 0) {
+      fh_.seek(0);
+      fh_.truncate();
+    }
+    h_ = std::make_unique<Sha256Hasher>();
+    total_written_ = 0;
+    return true;
+  };
+  sink.write = [this](std::string_view piece) {
+    h_->update(piece);
+    pending_.append(piece);
+    total_written_ += static_cast<std::int64_t>(piece.size());
+    arrived_.fetch_add(static_cast<std::int64_t>(piece.size()), std::memory_order_relaxed);
+    if (pending_.size() >= kWriteBatchBytes) flush();
+  };
+  return sink;
+}
+
+void StagedFile::flush() {
+  if (pending_.empty()) return;
+  fh_.write(pending_);
+  pending_.clear();
+}
+
+void StagedFile::flush_after_failure() noexcept {
+  try {
+    flush();
+  } catch (const std::exception&) {
+  }
+}
+
+void StagedFile::discard() {
+  fh_.seek(0);
+  fh_.truncate();
+}
+
+bool staged_digest_fits(const DownloadTarget& target, const std::string& actual_sha) {
+  return !is_given(target.expected_sha) || (target.expected_sha.is_string() && target.expected_sha == actual_sha);
+}
+
+DownloadTarget SyncManager::_download_target(const std::string& file_path, const Json& file_info,
+                                             const std::optional<std::string>& target_data_dir) {
+  if (!file_info.is_object()) throw TypeError("file entry for " + file_path + " is not a mapping");
+  DownloadTarget t;
+  t.file_path = file_path;
   Json base_url = member(file_info, "_manifest_base_url");
   if (!is_given(base_url)) base_url = member(file_info, "base_url");
   if (!is_given(base_url)) {
     if (const std::shared_ptr<Manifest> manifest = _manifest.load()) base_url = manifest->base_url;
   }
-  const std::string url = _manifest_file_url(_server_url, file_path, base_url);
-  const bool use_public_download =
-      base_url.is_string() && !strip(base_url.get_ref<const std::string&>()).empty();
+  t.url = _manifest_file_url(_server_url, file_path, base_url);
+  t.public_download = base_url.is_string() && !strip(base_url.get_ref<const std::string&>()).empty();
   const bool other_root = target_data_dir && !target_data_dir->empty();
-  const std::string local_path = _manifest_local_path(other_root ? *target_data_dir : _data_dir, file_path);
+  t.local_path = _manifest_local_path(other_root ? *target_data_dir : _data_dir, file_path);
 
-  const Json expected_sha = file_info.contains("sha256") ? file_info["sha256"] : Json("");
-  const std::int64_t expected_size = file_info.contains("size_bytes") ? integer_of(file_info["size_bytes"]) : 0;
-  const Json file_type = file_info.contains("kind") ? file_info["kind"] : Json("");
-  const std::string tmp_path = local_path + ".tmp";
-  if (const std::string parent = dir_name(local_path); !parent.empty()) make_dirs(parent);
+  t.expected_sha = file_info.contains("sha256") ? file_info["sha256"] : Json("");
+  t.expected_size = file_info.contains("size_bytes") ? integer_of(file_info["size_bytes"]) : 0;
+  t.file_type = file_info.contains("kind") ? file_info["kind"] : Json("");
+  t.tmp_path = t.local_path + ".tmp";
+  t.remembered = (!target_data_dir || *target_data_dir == _data_dir) && t.file_type != "vault_module" &&
+                 t.file_type != "backtester_module";
+  if (const std::string parent = dir_name(t.local_path); !parent.empty()) make_dirs(parent);
+  return t;
+}
 
+void SyncManager::_commit_download(const DownloadTarget& target, StagedFile& staged, const std::string& actual_sha,
+                                   SyncResult& result) {
+  staged.close();
+  rename_file(target.tmp_path, target.local_path);
+  if (target.remembered) _remember_local_sha(target.file_path, target.local_path, actual_sha);
+  result.bytes_downloaded += staged.total_written();
+  if (target.file_type == "feature") result.features_downloaded += 1;
+}
+
+void SyncManager::_download_file(const std::string& file_path, const Json& file_info, SyncResult& result,
+                                 int max_retries, const RetryStatusCallback& retry_status_callback,
+                                 const std::optional<std::string>& target_data_dir) {
+  _download_attempts(_download_target(file_path, file_info, target_data_dir), result, max_retries,
+                     retry_status_callback, 0);
+}
+
+bool SyncManager::_end_first_attempt(const DownloadTarget& target, StagedFile& staged, OpenedResponse opened,
+                                     std::exception_ptr failure, SyncResult& result) {
+  // The first of the attempts below, for a file with nothing staged, made
+  // as one exchange elsewhere: the same answers count, and whatever would
+  // make that loop try again leaves the file to its next attempt.
+  HttpResponse resp;
+  try {
+    resp = _sync_get_result(target.url, std::move(opened), failure);
+  } catch (const std::exception& e) {
+    staged.flush_after_failure();
+    if (!is_retried(e)) throw;
+    return false;
+  }
+  staged.flush();
+  if (resp.status != 200) return false;  // a SyncError there, which is retried
+  if (target.expected_size > 0 && staged.total_written() < target.expected_size) return false;
+  const std::string actual_sha = staged.hexdigest();
+  if (!staged_digest_fits(target, actual_sha)) {
+    staged.discard();
+    return false;
+  }
+  _commit_download(target, staged, actual_sha, result);
+  return true;
+}
+
+void SyncManager::_download_attempts(const DownloadTarget& target, SyncResult& result, int max_retries,
+                                     const RetryStatusCallback& retry_status_callback, int first_attempt) {
+  const std::string& file_path = target.file_path;
+  const std::int64_t expected_size = target.expected_size;
   const int max_attempts = std::max(max_retries, 1);
   const int last_attempt = max_attempts - 1;
   const std::string attempts_text = std::to_string(max_attempts);
 
   auto get = [&](std::int64_t range_start, std::int64_t range_end, const BodySink* sink) {
-    return use_public_download ? _http_get_public(url, range_start, range_end, sink)
-                               : _http_get(url, range_start, range_end, sink);
-  };
-  auto http_failure = [&](int status) {
-    return SyncError("Download failed for " + file_path + ": HTTP " + std::to_string(status));
+    return target.public_download ? _http_get_public(target.url, range_start, range_end, sink)
+                                  : _http_get(target.url, range_start, range_end, sink);
   };
   // The wait before the next attempt; the file is closed before it.
-  auto pause_before_retry = [&](double wait_s, UpdatableFile& fh) {
+  auto pause_before_retry = [&](double wait_s, StagedFile& staged) {
     if (retry_status_callback) retry_status_callback(wait_s);
-    fh.close();
+    staged.close();
     sync_sleep(wait_s);
   };
+  // An attempt made elsewhere has ended, and its wait is still due.
+  if (first_attempt > 0) sync_sleep(wait_after(first_attempt - 1));
 
-  for (int attempt = 0; attempt <= last_attempt; ++attempt) {
-    const double wait_s = std::min(0.25 * std::pow(2.0, attempt), 1.0);
-    std::int64_t total_written = 0;
-    auto h = std::make_unique<Sha256Hasher>();
-
-    // What an earlier attempt (or call) left is kept; rebuild its digest.
-    // Reading it through leaves the position at its end.
-    UpdatableFile fh(tmp_path, UpdatableFile::create);
-    {
-      // Not zeroed: nearly always the first read finds the file empty.
-      const std::unique_ptr<char[]> piece(new char[kRehashPieceBytes]);
-      while (const std::size_t got = fh.read(piece.get(), kRehashPieceBytes)) {
-        h->update(std::string_view(piece.get(), got));
-        total_written += static_cast<std::int64_t>(got);
-      }
-    }
-    const std::int64_t range_start = total_written;
+  for (int attempt = first_attempt; attempt <= last_attempt; ++attempt) {
+    const double wait_s = wait_after(attempt);
+    StagedFile staged(target.tmp_path, _bytes_arrived);
+    const std::int64_t range_start = staged.range_start();
 
     // Bodies stream into the staging file and the digest as they arrive, so
     // whatever came before a failure stays staged and is never fetched again.
-    // A 206 goes on at the staged end; a 200, where taken, is the whole file
-    // and replaces what was staged. Any other answer stays in memory.
-    std::string pending;  // arrived and hashed, not yet written
-    auto write_pending = [&] {
-      if (pending.empty()) return;
-      fh.write(pending);
-      pending.clear();
-    };
     auto fetch = [&](std::int64_t start, std::int64_t end, bool take_206, bool take_200) {
-      // A small file needs no more room than it has bytes.
-      const std::int64_t expected_left = expected_size - total_written;
-      pending.reserve(expected_left > 0 ? std::min<std::size_t>(kWriteBatchBytes, static_cast<std::size_t>(expected_left))
-                                        : kWriteBatchBytes);
-      BodySink sink;
-      sink.accepts = [&](int status) {
-        if (status == 206) return take_206;
-        if (status != 200 || !take_200) return false;
-        if (total_written > 0) {
-          fh.seek(0);
-          fh.truncate();
-        }
-        h = std::make_unique<Sha256Hasher>();
-        total_written = 0;
-        return true;
-      };
-      sink.write = [&](std::string_view piece) {
-        h->update(piece);
-        pending.append(piece);
-        total_written += static_cast<std::int64_t>(piece.size());
-        _bytes_arrived.fetch_add(static_cast<std::int64_t>(piece.size()), std::memory_order_relaxed);
-        if (pending.size() >= kWriteBatchBytes) write_pending();
-      };
+      const BodySink sink = staged.sink(take_206, take_200, expected_size);
       HttpResponse resp;
       try {
         resp = get(start, end, &sink);
       } catch (...) {
-        // What arrived before the failure is staged all the same, so that
-        // no attempt fetches it again; the next attempt reads back the
-        // staging file, so a write that fails here loses nothing but bytes.
-        try {
-          write_pending();
-        } catch (const std::exception&) {
-        }
+        staged.flush_after_failure();
         throw;
       }
-      write_pending();
+      staged.flush();
       return resp;
     };
 
     try {
       const std::int64_t chunk_bytes = _sync_http_chunk_bytes();
       if (expected_size > chunk_bytes) {
-        while (total_written < expected_size) {
-          const std::int64_t chunk_start = total_written;
+        while (staged.total_written() < expected_size) {
+          const std::int64_t chunk_start = staged.total_written();
           const std::int64_t chunk_end = std::min(chunk_start + chunk_bytes - 1, expected_size - 1);
           const HttpResponse resp = fetch(chunk_start, chunk_end, true, chunk_start == 0);
           if (resp.status == 206) {
-            if (total_written == chunk_start) {
+            if (staged.total_written() == chunk_start) {
               throw SyncError("Download failed for " + file_path + ": empty range " +
                               std::to_string(chunk_start) + "-" + std::to_string(chunk_end));
             }
@@ -171,7 +237,7 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
             // The range was ignored: this is the whole file.
             break;
           } else {
-            throw http_failure(resp.status);
+            throw http_failure(file_path, resp.status);
           }
         }
       } else if (expected_size > 0 && range_start >= expected_size) {
@@ -180,29 +246,29 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
         // so the digest decides: renamed, or emptied for a fresh attempt.
       } else if (range_start > 0) {
         const HttpResponse resp = fetch(range_start, -1, true, true);
-        if (resp.status != 206 && resp.status != 200) throw http_failure(resp.status);
+        if (resp.status != 206 && resp.status != 200) throw http_failure(file_path, resp.status);
       } else {
         const HttpResponse resp = fetch(0, -1, false, true);
-        if (resp.status != 200) throw http_failure(resp.status);
+        if (resp.status != 200) throw http_failure(file_path, resp.status);
       }
 
-      if (expected_size > 0 && total_written < expected_size) {
+      if (expected_size > 0 && staged.total_written() < expected_size) {
         if (attempt < last_attempt) {
-          pause_before_retry(wait_s, fh);
+          pause_before_retry(wait_s, staged);
           continue;
         }
         // Only an attempt that resumed and made progress is refused here;
         // any other short file goes on to the digest.
-        if (range_start != 0 && total_written > range_start) {
+        if (range_start != 0 && staged.total_written() > range_start) {
           throw IntegrityError("Incomplete download for " + file_path + " after " + attempts_text +
-                               " attempts: got " + std::to_string(total_written) + " bytes, expected " +
+                               " attempts: got " + std::to_string(staged.total_written()) + " bytes, expected " +
                                std::to_string(expected_size));
         }
       }
     } catch (const std::exception& dl_err) {
       if (!is_retried(dl_err)) throw;
       if (attempt < last_attempt) {
-        pause_before_retry(wait_s, fh);
+        pause_before_retry(wait_s, staged);
         continue;
       }
       throw IntegrityError(
@@ -210,29 +276,19 @@ void SyncManager::_download_file(const std::string& file_path, const Json& file_
           std::current_exception());
     }
 
-    const std::string actual_sha = h->hexdigest();
-    if (is_given(expected_sha) && !(expected_sha.is_string() && expected_sha == actual_sha)) {
+    const std::string actual_sha = staged.hexdigest();
+    if (!staged_digest_fits(target, actual_sha)) {
       if (attempt < last_attempt) {
         if (retry_status_callback) retry_status_callback(wait_s);
-        // A wrong digest leaves nothing worth resuming from.
-        fh.seek(0);
-        fh.truncate();
-        fh.close();
+        staged.discard();
+        staged.close();
         sync_sleep(wait_s);
         continue;
       }
       throw IntegrityError("Checksum failure for " + file_path + " after " + attempts_text +
-                           " attempts: expected " + plain(expected_sha) + ", got " + actual_sha);
+                           " attempts: expected " + plain(target.expected_sha) + ", got " + actual_sha);
     }
-    fh.close();
-
-    rename_file(tmp_path, local_path);
-    if ((!target_data_dir || *target_data_dir == _data_dir) && file_type != "vault_module" &&
-        file_type != "backtester_module") {
-      _remember_local_sha(file_path, local_path, actual_sha);
-    }
-    result.bytes_downloaded += total_written;
-    if (file_type == "feature") result.features_downloaded += 1;
+    _commit_download(target, staged, actual_sha, result);
     return;
   }
 }

@@ -15,20 +15,21 @@
 namespace quillmarsh::sync {
 namespace {
 
-// Steps 3 onward of both GETs: range, open, read.
-HttpResponse get(const std::string& url, std::vector<std::pair<std::string, std::string>> headers,
-                 std::int64_t range_start, std::int64_t range_end, const BodySink* sink) {
+HttpRequest request_for(const std::string& url, std::vector<std::pair<std::string, std::string>> headers,
+                        std::int64_t range_start, std::int64_t range_end, const BodySink* sink) {
   if (auto range = _range_header(range_start, range_end)) headers.emplace_back("Range", *range);
-  const HttpRequest req{url, std::move(headers), sink};
+  return HttpRequest{url, std::move(headers), sink};
+}
+
+// Steps 3 onward of both GETs: open, read.
+HttpResponse get(const HttpRequest& req) {
   OpenedResponse opened;
   try {
     opened = _urlopen_with_sync_retries(req, _sync_http_timeout_seconds());
-  } catch (const URLError& e) {
-    throw ConnectionError("Connection failed to " + url + ": " + e.what(), std::current_exception());
+  } catch (const URLError&) {
+    return _sync_get_result(req.full_url, {}, std::current_exception());
   }
-  // A short body comes back as it is; any other read failure travels.
-  if (opened.read_failure && !opened.partial) std::rethrow_exception(opened.read_failure);
-  return HttpResponse{opened.status, std::move(opened.headers), std::move(opened.body)};
+  return _sync_get_result(req.full_url, std::move(opened), nullptr);
 }
 
 }  // namespace
@@ -41,32 +42,61 @@ std::optional<std::string> _range_header(std::int64_t range_start, std::int64_t 
   return "bytes=" + std::to_string(range_start) + "-";
 }
 
+HeadTimeoutRetries::HeadTimeoutRetries(std::string url)
+    : url_(std::move(url)), attempts_(_sync_http_retries() + 1) {}
+
+std::optional<double> HeadTimeoutRetries::after(const TimeoutError& timeout) {
+  last_ = std::make_exception_ptr(timeout);
+  last_text_ = timeout.what();
+  const std::int64_t attempt = made_++;
+  if (attempt + 1 >= attempts_) return std::nullopt;
+  const std::string& url = url_.empty() ? std::string("<unknown>") : url_;
+  log_warning("Sync HTTP request timed out; retrying attempt %d/%d for %s", {attempt + 2, attempts_, url});
+  return std::min(0.25 * static_cast<double>(attempt + 1), 1.0);
+}
+
+ConnectionError HeadTimeoutRetries::exhausted() const {
+  return ConnectionError("Timed out fetching " + url_ + " after " + std::to_string(attempts_) +
+                             " attempt(s): " + last_text_,
+                         last_);
+}
+
 OpenedResponse _urlopen_with_sync_retries(const HttpRequest& req, double timeout) {
-  const std::int64_t attempts = _sync_http_retries() + 1;
-  std::exception_ptr last_exc;
-  std::string last_text;
-  for (std::int64_t attempt = 0; attempt < attempts; ++attempt) {
+  HeadTimeoutRetries retries(req.full_url);
+  for (;;) {
     try {
       return open_http_request(req, timeout);
     } catch (const TimeoutError& e) {
-      last_exc = std::current_exception();
-      last_text = e.what();
+      const std::optional<double> wait = retries.after(e);
+      if (!wait) throw retries.exhausted();
+      sync_sleep(*wait);
     }
-    if (attempt + 1 >= attempts) break;
-    const std::string& url = req.full_url.empty() ? std::string("<unknown>") : req.full_url;
-    log_warning("Sync HTTP request timed out; retrying attempt %d/%d for %s", {attempt + 2, attempts, url});
-    sync_sleep(std::min(0.25 * static_cast<double>(attempt + 1), 1.0));
   }
-  throw ConnectionError("Timed out fetching " + req.full_url + " after " + std::to_string(attempts) +
-                            " attempt(s): " + last_text,
-                        last_exc);
+}
+
+HttpResponse _sync_get_result(const std::string& url, OpenedResponse opened, std::exception_ptr failure) {
+  if (failure) {
+    try {
+      std::rethrow_exception(failure);
+    } catch (const URLError& e) {
+      throw ConnectionError("Connection failed to " + url + ": " + e.what(), std::current_exception());
+    }
+  }
+  // A short body comes back as it is; any other read failure travels.
+  if (opened.read_failure && !opened.partial) std::rethrow_exception(opened.read_failure);
+  return HttpResponse{opened.status, std::move(opened.headers), std::move(opened.body)};
+}
+
+HttpRequest _http_get_request(const std::string& url, const std::string& token, std::int64_t range_start,
+                              std::int64_t range_end, const BodySink* sink) {
+  validate_bearer_transport_url(url);
+  return request_for(url, {{"Authorization", "Bearer " + token}, {"User-Agent", _SYNC_USER_AGENT}}, range_start,
+                     range_end, sink);
 }
 
 HttpResponse _http_get(const std::string& url, const std::string& token, std::int64_t range_start,
                        std::int64_t range_end, const BodySink* sink) {
-  validate_bearer_transport_url(url);
-  return get(url, {{"Authorization", "Bearer " + token}, {"User-Agent", _SYNC_USER_AGENT}}, range_start,
-             range_end, sink);
+  return get(_http_get_request(url, token, range_start, range_end, sink));
 }
 
 std::string _public_download_url(const std::string& url, const std::string& override_base) {
@@ -93,11 +123,16 @@ std::string _public_download_url(const std::string& url, const std::string& over
   return std::string(trimmed) + "/data/files/" + rel_path;
 }
 
-HttpResponse _http_get_public(const std::string& url, std::int64_t range_start, std::int64_t range_end,
-                              const BodySink* sink) {
+HttpRequest _http_get_public_request(const std::string& url, std::int64_t range_start, std::int64_t range_end,
+                                     const BodySink* sink) {
   const char* override_base = std::getenv("QUILLMARSH_SYNC_PUBLIC_DOWNLOAD_BASE_URL");
   const std::string target = _public_download_url(url, override_base ? override_base : "");
-  return get(target, {{"User-Agent", _SYNC_USER_AGENT}}, range_start, range_end, sink);
+  return request_for(target, {{"User-Agent", _SYNC_USER_AGENT}}, range_start, range_end, sink);
+}
+
+HttpResponse _http_get_public(const std::string& url, std::int64_t range_start, std::int64_t range_end,
+                              const BodySink* sink) {
+  return get(_http_get_public_request(url, range_start, range_end, sink));
 }
 
 }  // namespace quillmarsh::sync

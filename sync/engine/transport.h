@@ -30,6 +30,36 @@ std::optional<std::string> _range_header(std::int64_t range_start, std::int64_t 
 // ConnectionError "Timed out fetching ...".
 OpenedResponse _urlopen_with_sync_retries(const HttpRequest& req, double timeout);
 
+// The rule behind those retries, for a caller that opens the request some
+// other way: after each TimeoutError, `after` logs the retry and gives the
+// wait before the next try, or nothing when the tries are spent; the
+// failure is then `exhausted()`.
+class HeadTimeoutRetries {
+ public:
+  explicit HeadTimeoutRetries(std::string url);
+  std::optional<double> after(const TimeoutError& timeout);
+  ConnectionError exhausted() const;
+
+ private:
+  std::string url_;
+  std::int64_t attempts_;
+  std::int64_t made_ = 0;
+  std::exception_ptr last_;
+  std::string last_text_;
+};
+
+// What both GETs make of one opened request, or of its failure to open: a
+// URLError becomes ConnectionError "Connection failed to {url}: ...", a short
+// body comes back as it is, and any other failure travels.
+HttpResponse _sync_get_result(const std::string& url, OpenedResponse opened, std::exception_ptr failure);
+
+// The requests _http_get and _http_get_public open, for a caller that opens
+// them itself (the bearer URL is checked here all the same).
+HttpRequest _http_get_request(const std::string& url, const std::string& token, std::int64_t range_start,
+                              std::int64_t range_end, const BodySink* sink);
+HttpRequest _http_get_public_request(const std::string& url, std::int64_t range_start, std::int64_t range_end,
+                                     const BodySink* sink);
+
 // GET `url` from the API server with "Authorization: Bearer {token}". The
 // URL passes the transport-security collaborator first; a refusal fails
 // before any traffic. With a `sink`, a body whose status it accepts goes

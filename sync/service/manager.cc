@@ -99,15 +99,24 @@ void SyncManager::_set_get_token(TokenSource get_token) {
   _get_token = std::move(get_token);
 }
 
-HttpResponse SyncManager::_http_get(const std::string& url, std::int64_t range_start, std::int64_t range_end,
-                                    const BodySink* sink) {
+std::string SyncManager::_fresh_token() {
   TokenSource source;
   {
     std::lock_guard<std::mutex> lock(token_mu_);
     source = _get_token;
   }
-  // A fresh token for every request: tokens rotate.
-  return sync::_http_get(url, source(), range_start, range_end, sink);
+  // Asked for every request: tokens rotate.
+  return source();
+}
+
+HttpResponse SyncManager::_http_get(const std::string& url, std::int64_t range_start, std::int64_t range_end,
+                                    const BodySink* sink) {
+  return sync::_http_get(url, _fresh_token(), range_start, range_end, sink);
+}
+
+HttpRequest SyncManager::_download_request(const std::string& url, bool public_download, const BodySink* sink) {
+  return public_download ? _http_get_public_request(url, 0, -1, sink)
+                         : _http_get_request(url, _fresh_token(), 0, -1, sink);
 }
 
 HttpResponse SyncManager::_http_get_public(const std::string& url, std::int64_t range_start,

@@ -40,6 +40,15 @@ class Download : public testing::SyncFixture {
     manager_->_download_file(path, entries_.at(path), result, max_retries,
                              [this](double s) { waits_.add("callback " + std::to_string(s).substr(0, 4)); });
   }
+  // `path` beside a good file of one byte, as a sync pass downloads them.
+  void download_in_batch(const std::string& path, SyncResult& result) {
+    const std::string companion = path + ".companion";
+    publish(companion, "c");
+    Json files = Json::object();
+    files[path] = entries_.at(path);
+    files[companion] = entries_.at(companion);
+    manager_->_download_files_parallel(files, result);
+  }
   // The Range header of every request for `path` ("" when none).
   std::vector<std::string> ranges(const std::string& path) const {
     std::vector<std::string> out;
@@ -86,7 +95,9 @@ TEST_F(Download, RequestsFollowTheChunkBoundariesOnOneConnectionWithoutTheToken)
 }
 
 // Each case misbehaves somewhere in a file, or finds bytes staged by an
-// earlier run. What can be recovered from is: the download goes on from the
+// earlier run. Every case a sync pass can meet is tried again in a batch,
+// where a small file's first attempt travels apart from the rest: it must
+// make the same requests and waits and end the same way. What can be recovered from is: the download goes on from the
 // bytes staged, rebuilding their digest rather than fetching them again,
 // and ends with the whole file. A body that stalls past the timeout ends the
 // call (a silent body is not retried), with what came before the stall
@@ -109,6 +120,7 @@ TEST_F(Download, EachFaultIsResumedFromTheStagedBytesOrEndsAsIntegrityError) {
     bool stalls = false;
     std::string failure = "";  // after "IntegrityError: "
     std::optional<std::string> left = {};  // in the staging file after a failure
+    bool late_head = false;  // the waits are the request's own, told to no callback
   };
   const Case cases[] = {
       {.path = "cut-whole.bin", .size = 5000, .fault = {.cut_after_bytes = 2500, .ignore_range = true, .times = 1},
@@ -147,6 +159,17 @@ TEST_F(Download, EachFaultIsResumedFromTheStagedBytesOrEndsAsIntegrityError) {
        .stalls = true},
       {.path = "stall-whole.bin", .size = 900, .fault = {.stall_after_bytes = 700, .stall_s = 2.5, .times = 1},
        .ranges = {"", "bytes=700-"}, .stalls = true},
+      // A head that does not come in time is asked for again at once, within
+      // the attempt; any other failed answer waits for the next attempt.
+      {.path = "late-head.bin", .size = 900, .fault = {.delay_before_head_s = 1.5, .times = 1}, .ranges = {"", ""},
+       .waits = {"0.25"}, .late_head = true},
+      {.path = "late-head-twice.bin", .size = 900, .fault = {.delay_before_head_s = 1.5, .times = 2},
+       .ranges = {"", "", ""}, .waits = {"0.25", "0.50"}, .late_head = true},
+      {.path = "flaky.bin", .size = 900, .fault = {.status = 503, .times = 1}, .ranges = {"", ""}, .waits = {"0.25"}},
+      {.path = "wrong-once.bin", .size = 900, .fault = {.wrong_bytes = true, .times = 1}, .ranges = {"", ""},
+       .waits = {"0.25"}},
+      {.path = "cut-once.bin", .size = 900, .fault = {.cut_after_bytes = 300, .times = 1},
+       .ranges = {"", "bytes=300-"}, .waits = {"0.25"}},
       {.path = "gone.bin", .size = 10, .fault = {.status = 404}, .retries = 5, .ranges = {"", "", "", "", ""},
        .waits = {"0.25", "0.50", "1.00", "1.00"},
        .failure = "Download failed for gone.bin after 5 attempts: Download failed for gone.bin: HTTP 404"},
@@ -172,30 +195,45 @@ TEST_F(Download, EachFaultIsResumedFromTheStagedBytesOrEndsAsIntegrityError) {
       {.path = "empty.bin", .size = 2000, .fault = {.empty_206 = true}, .retries = 1, .ranges = {"bytes=0-999"},
        .failure = "Download failed for empty.bin after 1 attempts: Download failed for empty.bin: empty range 0-999"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.path);
-    const std::string content = numbered_bytes(c.size);
-    publish(c.path, content, "", c.fault);
-    if (!c.staged.empty()) put_local(c.path + ".tmp", c.staged);
-    waits_.clear();
-    SyncResult result;
-    if (c.stalls) {
-      EXPECT_THROW(download(c.path, result), TimeoutError);
-      EXPECT_EQ(read_file(path(c.path + ".tmp")), content.substr(0, 700));
+  for (const bool batch : {false, true}) {
+    for (const Case& c : cases) {
+      // A batch gives every file three attempts, and no callback.
+      if (batch && c.retries != 3) continue;
+      const std::string name = (batch ? "batch-" : "") + c.path;
+      SCOPED_TRACE(name);
+      const std::string content = numbered_bytes(c.size);
+      publish(name, content, "", c.fault);
+      if (!c.staged.empty()) put_local(name + ".tmp", c.staged);
+      waits_.clear();
+      SyncResult result;
+      auto run = [&](int retries) { batch ? download_in_batch(name, result) : download(name, result, retries); };
+      if (c.stalls) {
+        EXPECT_THROW(run(3), TimeoutError);
+        EXPECT_EQ(read_file(path(name + ".tmp")), content.substr(0, 700));
+      }
+      std::string failure;
+      for (std::size_t from = 0, at; from < c.failure.size(); from = at + c.path.size()) {
+        at = std::min(c.failure.find(c.path, from), c.failure.size());
+        failure += c.failure.substr(from, at - from) + (at < c.failure.size() ? name : "");
+      }
+      EXPECT_EQ(outcome([&] { run(c.retries); }), failure.empty() ? "ok" : "IntegrityError: " + failure);
+      EXPECT_EQ(ranges(name), c.ranges);
+      std::vector<std::string> expected_waits = waits(c.waits);
+      if (batch || c.late_head) {
+        std::erase_if(expected_waits, [](const std::string& w) { return w.starts_with("callback"); });
+      }
+      EXPECT_EQ(waits_.events(), expected_waits);
+      EXPECT_EQ(path_exists(path(name)) && read_file(path(name)) == content, c.failure.empty());
+      if (c.failure.empty()) {
+        EXPECT_FALSE(path_exists(path(name + ".tmp")));
+      } else if (c.left) {
+        EXPECT_EQ(read_file(path(name + ".tmp")), *c.left);
+      }
+      // A resumed part counts too; a failure counts nothing.
+      const std::int64_t companion = batch ? (c.stalls ? 2 : 1) : 0;
+      const SyncResult counted{.bytes_downloaded = static_cast<std::int64_t>(c.size) + companion};
+      EXPECT_EQ(result, c.failure.empty() ? counted : SyncResult{.bytes_downloaded = companion});
     }
-    EXPECT_EQ(outcome([&] { download(c.path, result, c.retries); }),
-              c.failure.empty() ? "ok" : "IntegrityError: " + c.failure);
-    EXPECT_EQ(ranges(c.path), c.ranges);
-    EXPECT_EQ(waits_.events(), waits(c.waits));
-    EXPECT_EQ(path_exists(path(c.path)) && read_file(path(c.path)) == content, c.failure.empty());
-    if (c.failure.empty()) {
-      EXPECT_FALSE(path_exists(path(c.path + ".tmp")));
-    } else if (c.left) {
-      EXPECT_EQ(read_file(path(c.path + ".tmp")), *c.left);
-    }
-    // A resumed part counts too; a failure counts nothing.
-    const SyncResult counted{.bytes_downloaded = static_cast<std::int64_t>(c.size)};
-    EXPECT_EQ(result, c.failure.empty() ? counted : SyncResult{});
   }
   // ...and without a digest the short file is taken.
   remove_file(path("short1.bin.tmp"));
