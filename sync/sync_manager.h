@@ -184,9 +184,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void _download_files_parallel(const Json& files_to_download, SyncResult& result);
   // The parts of _download_file that a batch also runs apart. The target,
   // its parent directory made; fails as _download_file would before any
-  // request.
+  // request. `paths`, when given, resolves under this manager's own data
+  // directory: a batch walks each directory its files share once.
   DownloadTarget _download_target(const std::string& file_path, const Json& file_info,
-                                  const std::optional<std::string>& target_data_dir);
+                                  const std::optional<std::string>& target_data_dir,
+                                  ManifestPathResolver* paths = nullptr);
   // The attempts from `first_attempt` on; a later first attempt waits first
   // as the attempt before it would have.
   void _download_attempts(const DownloadTarget& target, SyncResult& result, int max_retries,

@@ -115,7 +115,8 @@ bool staged_digest_fits(const DownloadTarget& target, const std::string& actual_
 }
 
 DownloadTarget SyncManager::_download_target(const std::string& file_path, const Json& file_info,
-                                             const std::optional<std::string>& target_data_dir) {
+                                             const std::optional<std::string>& target_data_dir,
+                                             ManifestPathResolver* paths) {
   if (!file_info.is_object()) throw TypeError("file entry for " + file_path + " is not a mapping");
   DownloadTarget t;
   t.file_path = file_path;
@@ -127,7 +128,9 @@ DownloadTarget SyncManager::_download_target(const std::string& file_path, const
   t.url = _manifest_file_url(_server_url, file_path, base_url);
   t.public_download = base_url.is_string() && !strip(base_url.get_ref<const std::string&>()).empty();
   const bool other_root = target_data_dir && !target_data_dir->empty();
-  t.local_path = _manifest_local_path(other_root ? *target_data_dir : _data_dir, file_path);
+  t.local_path = paths != nullptr && !other_root
+                     ? paths->local_path(file_path)
+                     : _manifest_local_path(other_root ? *target_data_dir : _data_dir, file_path);
 
   t.expected_sha = file_info.contains("sha256") ? file_info["sha256"] : Json("");
   t.expected_size = file_info.contains("size_bytes") ? integer_of(file_info["size_bytes"]) : 0;

@@ -139,6 +139,7 @@ void run_transfer_loop(const Batch& batch, std::int64_t slots) {
 
   try {
     TransferLoop loop;
+    ManifestPathResolver paths(manager._data_dir);
     auto take = [&](InFlight* flight) {
       std::unique_ptr<InFlight> owned;
       for (auto& r : running) {
@@ -206,7 +207,7 @@ void run_transfer_loop(const Batch& batch, std::int64_t slots) {
       try {
         auto flight = std::make_unique<InFlight>();
         flight->index = index;
-        flight->target = manager._download_target(file_path, file_info, std::nullopt);
+        flight->target = manager._download_target(file_path, file_info, std::nullopt, &paths);
         if (flight->target.expected_size <= chunk_bytes) {
           flight->staged = std::make_unique<StagedFile>(flight->target.tmp_path, manager._bytes_arrived);
         }
