@@ -91,7 +91,7 @@ class QmsyncTest : public ::testing::Test {
     publish(1);
     std::vector<std::string> argv = {QMSYNC_BINARY, "serve", "--root", root_dir(), "--token-file", token_path(), "--json"};
     argv.insert(argv.end(), serve_options.begin(), serve_options.end());
-    server_ = std::make_unique<Child>(argv, "", tmp_ / "serve.err");
+    server_ = std::make_unique<Child>(argv, tmp_ / "serve.out", tmp_ / "serve.err");
     const std::optional<std::string> line = server_->read_line_for(kProcessTimeoutS);
     ASSERT_TRUE(line) << read_file(tmp_ / "serve.err");
     const Json started = parse_json_text(*line);
@@ -317,7 +317,7 @@ TEST_F(QmsyncTest, TransitionMovesToTheServedEraAndCleanupFreesTheOldOne) {
 
 TEST_F(QmsyncTest, WatchFollowsAnEraChangeAndStopsCleanlyOnSigterm) {
   start_synced();
-  Child watch(client({"watch", "--poll-interval", "1", "--json"}, true), "", tmp_ / "watch.err");
+  Child watch(client({"watch", "--poll-interval", "1", "--json"}, true), tmp_ / "watch.out", tmp_ / "watch.err");
   // Waits until event lines of each (kind, text in its message) have come,
   // in any order: the era monitor's lines and the main loop's race.
   const auto wait_for = [&](std::vector<std::pair<std::string, std::string>> wanted) {
