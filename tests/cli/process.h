@@ -1,13 +1,13 @@
 // Child processes of the tests (qmsync run as a user runs it, the crash
 // harness's victims): run to their end with their output captured, left
-// running with their stdout read line by line, or killed at any moment.
+// running with their stdout read line by line as it is written, or killed
+// at any moment.
 // Every wait has a deadline, so that a child that hangs fails its test
 // instead of holding it until ctest gives up on the whole executable.
 #ifndef QUILLMARSH_SYNC_TESTS_CLI_PROCESS_H_
 #define QUILLMARSH_SYNC_TESTS_CLI_PROCESS_H_
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -20,6 +20,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "sync/support/posix_file.h"
@@ -51,20 +52,18 @@ inline int exit_code_of(int status) { return WIFEXITED(status) ? WEXITSTATUS(sta
 // this goes.
 class Child {
  public:
-  // stdout goes to `out_path`, or to a pipe that read_line_for reads when it
-  // is empty; stderr to `err_path`, or where stdout goes when it is empty.
-  // The environment is this process's without QUILLMARSH_SYNC_* (a
-  // developer's settings must not leak in), plus `env` ("NAME=value").
+  // stdout goes to `out_path`; stderr to `err_path`, or where stdout goes
+  // when it is empty. The environment is this process's without
+  // QUILLMARSH_SYNC_* (a developer's settings must not leak in), plus `env`
+  // ("NAME=value").
   Child(std::vector<std::string> argv, const std::string& out_path, const std::string& err_path,
-        const std::vector<std::string>& env = {}) {
-    int fds[2] = {-1, -1};
-    if (out_path.empty() && pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
+        const std::vector<std::string>& env = {})
+      : out_path_(out_path) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    if (out_path.empty()) posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    else posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), flags, 0644);
+    posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), flags, 0644);
     if (err_path.empty()) posix_spawn_file_actions_adddup2(&actions, 1, 2);
     else posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), flags, 0644);
     std::vector<std::string> env_items;
@@ -79,37 +78,30 @@ class Child {
     c_env.push_back(nullptr);
     const int rc = posix_spawn(&pid_, c_argv[0], &actions, nullptr, c_argv.data(), c_env.data());
     posix_spawn_file_actions_destroy(&actions);
-    if (fds[1] >= 0) ::close(fds[1]);
-    out_fd_ = fds[0];
     if (rc != 0) {
       pid_ = -1;
-      if (out_fd_ >= 0) ::close(out_fd_);
       throw std::runtime_error("posix_spawn " + argv[0] + ": " + std::strerror(rc));
     }
   }
   ~Child() {
     if (pid_ > 0) kill_now();
-    if (out_fd_ >= 0) ::close(out_fd_);
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
   // The next line of stdout, without its newline; absent when none comes
-  // within `timeout_s` in all, or stdout ends first.
+  // within `timeout_s`.
   std::optional<std::string> read_line_for(double timeout_s) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(timeout_s);
-    std::string line;
-    while (true) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return std::nullopt;
-      pollfd pfd{out_fd_, POLLIN, 0};
-      if (::poll(&pfd, 1, static_cast<int>(left.count())) <= 0) continue;
-      char c;
-      if (::read(out_fd_, &c, 1) != 1) return std::nullopt;
-      if (c == '\n') return line;
-      line += c;
-    }
+    do {
+      const std::string text = read_file(out_path_);
+      if (const std::size_t end = text.find('\n', read_from_); end != std::string::npos) {
+        const std::size_t start = std::exchange(read_from_, end + 1);
+        return text.substr(start, end - start);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    } while (std::chrono::steady_clock::now() < deadline);
+    return std::nullopt;
   }
 
   // The exit code (128 + the signal that ended it) once it ends within
@@ -145,7 +137,8 @@ class Child {
 
  private:
   pid_t pid_ = -1;
-  int out_fd_ = -1;
+  std::string out_path_;
+  std::size_t read_from_ = 0;
 };
 
 // Runs `argv` to its end, killed after `timeout_s`; the exit code (128 +

@@ -6,7 +6,7 @@
 // bytes a file does not hold; and that the next run converges and leaves no
 // ".tmp" behind.
 //
-//   qmsync_crash_trials [--trials N] [--seed S] [--keep]
+//   qmsync_crash_trials [--trials N] [--seed S]
 //
 // Before the random kills, one run of each kind is stopped at each named
 // place where the disk is most at risk (QMSYNC_STOP_AT; see stop_point.h).
@@ -26,7 +26,7 @@
 #include "sync/engine/file_primitives.h"
 #include "sync/support/posix_file.h"
 #include "tests/cli/process.h"
-#include "tests/crash/disk_state.h"
+#include "tests/crash/crash_world.h"
 
 using namespace quillmarsh::sync;
 using namespace quillmarsh::sync::testing;
@@ -92,19 +92,15 @@ std::string tail(const std::string& path) {
 int main(int argc, char** argv) {
   int trials = 20;
   std::uint32_t seed = std::random_device{}();
-  bool keep = false;
-  for (int i = 1; i < argc; ++i) {
+  for (int i = 1; i + 1 < argc; i += 2) {
     const std::string arg = argv[i];
-    if (arg == "--trials" && i + 1 < argc) {
-      trials = std::atoi(argv[++i]);
-    } else if (arg == "--seed" && i + 1 < argc) {
-      seed = static_cast<std::uint32_t>(std::strtoul(argv[++i], nullptr, 10));
-    } else if (arg == "--keep") {
-      keep = true;
-    } else {
-      std::cerr << "usage: qmsync_crash_trials [--trials N] [--seed S] [--keep]\n";
-      return 2;
-    }
+    if (arg == "--trials") trials = std::atoi(argv[i + 1]);
+    else if (arg == "--seed") seed = static_cast<std::uint32_t>(std::strtoul(argv[i + 1], nullptr, 10));
+    else trials = -1;  // not an option: the usage below
+  }
+  if (argc % 2 == 0 || trials < 0) {
+    std::cerr << "usage: qmsync_crash_trials [--trials N] [--seed S]\n";
+    return 2;
   }
   std::cout << "seed " << seed << std::endl;
   std::mt19937 rng(seed);
@@ -180,8 +176,6 @@ int main(int argc, char** argv) {
       reach_s[kind] *= ended ? 0.9 : 1.03;
     }
     const DiskState killed = snapshot(data_dir);
-    const std::string killed_copy = tmp / "killed-copy";
-    if (keep) std::system(("rm -rf '" + killed_copy + "' && cp -a '" + data_dir + "' '" + killed_copy + "'").c_str());
 
     world.store().clear_faults();
     world.api().clear_faults();
@@ -200,13 +194,6 @@ int main(int argc, char** argv) {
                 << std::endl;
     }
     violations += static_cast<int>(problems.size());
-    if (!problems.empty() && keep) {
-      const std::string kept = "/tmp/qmsync-crash-trial-" + std::to_string(seed) + "-" + std::to_string(index);
-      rename_file(killed_copy, kept);
-      std::system(("cp -a '" + data_dir + "' '" + kept + ".after' && cp " + tmp.path() + "/*.log '" + kept + ".after/'").c_str());
-      std::cout << "  kept the directory as the kill left it in " << kept << ", and as the next run left it in "
-                << kept << ".after" << std::endl;
-    }
   };
 
   // First the windows a random kill seldom hits, each once; then random kills.

@@ -25,7 +25,7 @@
 #include "cli/exit_codes.h"
 #include "sync/support/posix_file.h"
 #include "tests/cli/process.h"
-#include "tests/crash/disk_state.h"
+#include "tests/crash/crash_world.h"
 
 using namespace quillmarsh::sync;
 using namespace quillmarsh::sync::testing;

@@ -1,26 +1,44 @@
-// The registry of shared managers and their consumers: one manager per real
+// Managers shared and coordinated: the registry (one manager per real
 // directory, the threads that the first consumer starts and the last one
-// stops, the count on disk, and the monitor that acquire starts.
+// stops, the count on disk, the monitor that acquire starts);
+// request_for_sync and its sharing of one pass, the found-file listing it
+// returns and the era callbacks; and old-era cleanup (which directories go
+// and what they count, the links it must never follow, the failure of its
+// background run).
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "sync/collaborators/transport_security.h"
 #include "sync/era/era_thread.h"
 #include "sync/errors.h"
+#include "sync/paths/manifest_paths.h"
+#include "sync/support/json_text.h"
+#include "sync/support/log.h"
 #include "sync/support/posix_file.h"
+#include "sync/sync_manager.h"
 #include "tests/support/era_fixture.h"
+#include "tests/support/sync_fixture.h"
 #include "tests/support/wait_until.h"
 
 namespace quillmarsh::sync {
 namespace {
 
+using Paths = std::vector<std::string>;
 using testing::EraFixture;
+using testing::EventLog;
+using testing::Fault;
+using testing::SyncFixture;
 using testing::outcome;
 using testing::wait_until;
 
@@ -193,6 +211,245 @@ TEST_F(Registry, AnAcquireThatStartsNoMonitorStillCountsAndTheLastReleaseStops) 
   m->release();
   m->release();
   EXPECT_FALSE(m->_running.load());
+}
+
+const std::string kInTransition = "StateError: Sync is in era transition mode \xE2\x80\x94 request_for_sync rejected";
+
+class Coordination : public SyncFixture {
+ protected:
+  // Writes `bytes` at manifest path `rel` and returns a matching entry.
+  Json local_file(const std::string& rel, const std::string& bytes, const std::string& kind) {
+    put_local(rel, bytes);
+    return {{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}, {"kind", kind}};
+  }
+  std::string local(const std::string& rel) const { return _manifest_local_path(dir_.path(), rel); }
+
+  // A started manager with `in_force` on disk, its era artefacts beside it.
+  // The version document names that version and no era, so polls never find
+  // work while every pass still fetches `served`, with its artefacts, from
+  // /data/manifest.
+  std::shared_ptr<SyncManager> running_manager(Json in_force, const Json& served) {
+    write_local_artefacts(in_force["files"], in_force["era_id"].get<std::int64_t>());
+    _write_manifest_json(dir_.path(), in_force);
+    publish(with_artefacts(served), Json{{"version", in_force["version"]}});
+    auto m = make_manager();
+    m->start();
+    return m;
+  }
+};
+
+// request_for_sync is refused outside a polling manager, the transition test
+// first. A request made while another's pass is under way joins that pass
+// and gets the list as it stands after it; only the pass's own caller sees it
+// fail.
+TEST_F(Coordination, RequestForSyncIsRefusedOutsideAPollingManagerAndConcurrentRequestsShareOnePass) {
+  auto idle = make_manager();
+  EXPECT_EQ(outcome([&] { idle->request_for_sync(); }),
+            "StateError: Sync thread is not running. Call start() or acquire() first.");
+  write_file(path(".transition_lock"), "4242");
+  EXPECT_EQ(outcome([&] { idle->request_for_sync(); }), kInTransition);
+  remove_file(path(".transition_lock"));
+
+  const std::string rel = "found_signals/a/b/c/pnl.arrow";
+  Json files = Json::object();
+  files[rel] = local_file(rel, "signal", "found_signal_is_pnl");
+  auto m = running_manager(manifest(1, 1), manifest(1, 2, files));
+  m->_in_transition = true;
+  EXPECT_EQ(outcome([&] { m->request_for_sync(); }), kInTransition);
+  m->_in_transition = false;
+  EXPECT_EQ(api_.request_count("/data/manifest"), 0u);
+  for (const bool fail : {true, false}) {
+    SCOPED_TRACE(fail ? "failing pass" : "completing pass");
+    Fault slow{.delay_before_head_s = 0.5, .times = 1};
+    if (fail) slow.status = 500;
+    api_.fault("/data/manifest", slow);
+    const std::size_t requests_before = api_.request_count("/data/manifest");
+    Paths first;
+    std::string first_outcome;
+    std::jthread caller([&] { first_outcome = outcome([&] { first = m->request_for_sync(); }); });
+    ASSERT_TRUE(wait_until([&] { return api_.request_count("/data/manifest") == requests_before + 1; }));
+    const Paths second = m->request_for_sync();
+    caller.join();
+    EXPECT_EQ(first_outcome, fail ? "SyncError: Failed to fetch manifest: HTTP 500" : "ok");
+    EXPECT_EQ(first, fail ? Paths{} : Paths{local(rel)});
+    EXPECT_EQ(second, fail ? Paths{} : Paths{local(rel)});
+    // Nothing of a pass is left to wait on: the next call runs its own.
+    EXPECT_EQ(api_.request_count("/data/manifest"), requests_before + 1);
+  }
+  EXPECT_EQ(m->get_manifest()->version, 2);
+  m->stop();
+}
+
+TEST_F(Coordination, FoundFilePathsAreNewestFirstAndOnDiskOnly) {
+  EXPECT_TRUE(make_manager()->_get_found_file_paths().empty());  // no manifest
+
+  struct Entry {
+    const char* rel;
+    const char* kind;
+    std::int64_t mtime_s;  // 0: not on disk
+  };
+  const Entry entries[] = {
+      {"found_signals/a/b/c/pnl.arrow", "found_signal_is_pnl", 100},
+      {"found_strategies/s/t/u/pnl.arrow", "found_strategy_is_pnl", 300},
+      {"found_signals/d/e/f/pnl.arrow", "found_signal_is_pnl", 200},
+      {"found_signals/g/h/i/pnl.arrow", "found_signal_is_pnl", 200},
+      {"found_signals/x/y/z/pnl.arrow", "found_signal_is_pnl", 0},
+      {"features/u/a.bin", "feature", 900},
+      {"found_signals/j/k/l/meta.json", "", 900},
+  };
+  Json files = Json::object();
+  for (const Entry& e : entries) {
+    files[e.rel] = {{"sha256", "00"}};
+    if (*e.kind) files[e.rel]["kind"] = e.kind;
+    if (!e.mtime_s) continue;
+    local_file(e.rel, "x", e.kind);
+    const timespec times[2] = {{e.mtime_s, 0}, {e.mtime_s, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path(e.rel).c_str(), times, 0), 0);
+  }
+  _write_manifest_json(dir_.path(), manifest(1, 1, files));
+  // Equal times keep manifest order.
+  EXPECT_EQ(make_manager()->_get_found_file_paths(),
+            (Paths{local("found_strategies/s/t/u/pnl.arrow"), local("found_signals/d/e/f/pnl.arrow"),
+                   local("found_signals/g/h/i/pnl.arrow"), local("found_signals/a/b/c/pnl.arrow")}));
+}
+
+// A callback may change the list while it is being called, from the next
+// notification on. A failing one is the Python suite's (a warning, and the
+// rest are still called).
+TEST_F(Coordination, AnEraCallbackMayChangeTheListForTheNextNotification) {
+  auto m = make_manager();
+  EventLog calls;
+  const auto a = calls.callback("a");
+  const auto late = calls.callback("late");
+  SyncManager::EraCallback self;
+  self = std::make_shared<const SyncManager::EraCallbackFn>([&](const std::string& event, std::int64_t era) {
+    calls.add("self:" + event + ":" + std::to_string(era));
+    m->unregister_era_callback(self);
+    m->register_era_callback(late);
+  });
+  m->register_era_callback(self);
+  m->register_era_callback(a);
+  m->_notify_era_callbacks("kill", 3);
+  EXPECT_EQ(calls.events(), (Paths{"self:kill:3", "a:kill:3"}));
+  calls.clear();
+  m->_notify_era_callbacks("restart", 8);
+  EXPECT_EQ(calls.events(), (Paths{"a:restart:8", "late:restart:8"}));
+}
+
+class Cleanup : public testing::SyncFixture {
+ protected:
+  static void set_manifest_era(SyncManager& m, Json era_id) {
+    m._manifest.store(std::make_shared<Manifest>(Json{{"era_id", std::move(era_id)}, {"files", Json::object()}}));
+  }
+  std::string outside(const std::string& relative) const { return outside_ / relative; }
+  bool present(const std::string& relative) const { return path_exists(path(relative)); }
+  // Writes `size` bytes at `full_path`, making its parents.
+  void put(const std::string& full_path, std::size_t size) {
+    make_dirs(dir_name(full_path));
+    write_file(full_path, std::string(size, 'q'));
+  }
+  // Links data directory paths to paths outside it.
+  void link(std::initializer_list<std::pair<const char*, const char*>> target_and_relative) {
+    for (const auto& [target, relative] : target_and_relative) {
+      make_dirs(dir_name(path(relative)));
+      ASSERT_EQ(::symlink(outside(target).c_str(), path(relative).c_str()), 0) << relative;
+    }
+  }
+
+  testing::TempDir outside_;
+};
+
+TEST_F(Cleanup, KeepCurrentSparesTheManifestsEraAndCountsTheRest) {
+  const std::string manifest_text = "{\"era_id\": 2, \"version\": 1, \"files\": {}}";
+  write_file(path("manifest.json"), manifest_text);
+  // Other spellings of the current era are the current era too, and only
+  // direct child directories with an era name are era directories.
+  const struct {
+    const char* rel;
+    std::size_t size;
+    bool kept;
+  } files[] = {{"era_1/a.bin", 10, false},  {"era_1/sub/deeper/b.bin", 25, false}, {"era3/c.bin", 7, false},
+               {"era_2/d.bin", 100, true},  {"era_02/e.bin", 1, true},            {"era2/f.bin", 1, true},
+               {"eras/keep.bin", 4, true},  {"features/u/vocabulary.json", 9, true}, {"era_4", 6, true},
+               {"features/era_1/keep.bin", 4, true}};
+  for (const auto& f : files) put(path(f.rel), f.size);
+  make_dirs(path("era_1/empty"));
+  auto m = make_manager();
+  ASSERT_NE(m->get_manifest(), nullptr);
+
+  EXPECT_EQ(m->cleanup_old_eras(), 42);
+  EXPECT_FALSE(present("era_1") || present("era3"));
+  for (const auto& f : files) EXPECT_EQ(present(f.rel), f.kept) << f.rel;
+  EXPECT_EQ(read_file(path("manifest.json")), manifest_text);
+  // A second run finds nothing left to free.
+  EXPECT_EQ(m->cleanup_old_eras(true), 0);
+}
+
+TEST_F(Cleanup, WithoutAUsableCurrentEraEveryEraDirectoryGoes) {
+  auto m = make_manager();
+  ASSERT_EQ(m->get_manifest(), nullptr);
+  for (const Json& era_id : {Json("no manifest"), Json(nullptr), Json("two"), Json::array({2}), Json(1e30)}) {
+    if (era_id == "no manifest") m->_manifest.store(nullptr);
+    else set_manifest_era(*m, era_id);
+    for (const auto& [rel, size] : {std::pair{"era_1/x", 1}, {"era_2/x", 20}, {"era_3/y/x", 300}}) put(path(rel), size);
+    EXPECT_EQ(m->cleanup_old_eras(true), 321) << era_id;
+    for (const char* gone : {"era_1", "era_2", "era_3"}) EXPECT_FALSE(present(gone)) << era_id << " " << gone;
+  }
+}
+
+TEST_F(Cleanup, LinksAndTheCurrentDataGoButLinkTargetsAndHiddenStateStay) {
+  const std::pair<const char*, std::int64_t> targets[] = {{"tree/big.bin", 1000}, {"file.bin", 33}, {"seed", 60},
+                                                          {"manifest", 12}};
+  for (const auto& [rel, size] : targets) put(outside(rel), size);
+  auto m = make_manager();
+  set_manifest_era(*m, 2);
+
+  // Inside an era directory: a link to a file counts by its target; a link
+  // to a directory is not entered; a dangling link counts nothing.
+  put(path("era_1/real.bin"), 5);
+  // A linked era directory: the link goes, its target is not entered; the
+  // current era's stays.
+  link({{"tree", "era_1/tree"}, {"file.bin", "era_1/deep/file.bin"}, {"missing", "era_1/dangling"}, {"tree", "era_7"},
+        {"tree", "era_2"}});
+  EXPECT_EQ(m->cleanup_old_eras(true), 5 + 33);
+  EXPECT_FALSE(present("era_1") || present("era_7"));
+  EXPECT_TRUE(present("era_2"));
+
+  // Without keep_current the current data goes, top-level links with it but
+  // never their targets; hidden state and files of no data folder stay.
+  link({{"tree", "linked"}, {"tree", "features/inner"}, {"tree", ".hidden_link"}, {"manifest", "manifest.json"},
+        {"seed", "shuffle_seed.enc"}});
+  put(path("features/own.bin"), 4);
+  put(path("found_signals/a/b/signal_is/s.bin"), 4000);
+  make_dirs(path("empty"));
+  const char* kept[] = {"shuffle_seed.enc.meta.json", ".consumer_count", ".transition_era3.tmp/x.bin", "notes.txt",
+                        "era_9"};  // the last a file, not a directory
+  for (const char* rel : kept) put(path(rel), 1);
+  EXPECT_EQ(m->cleanup_old_eras(false), 12 + 60 + 4 + 4000);
+  for (const char* gone :
+       {"linked", "features", "found_signals", "empty", "manifest.json", "shuffle_seed.enc", "era_2"}) {
+    EXPECT_FALSE(present(gone)) << gone;
+  }
+  for (const char* rel : kept) EXPECT_TRUE(present(rel)) << rel;
+  EXPECT_TRUE(present(".hidden_link"));
+  // The manifest in memory stays until a later check finds its files gone.
+  EXPECT_NE(m->get_manifest(), nullptr);
+  EXPECT_EQ(m->cleanup_old_eras(false), 0);
+
+  for (const auto& [rel, size] : targets) EXPECT_EQ(stat_path(outside(rel)).size, size) << rel;
+}
+
+TEST_F(Cleanup, ADataDirectoryThatCannotBeListedFailsAsItselfAndIsLoggedOnce) {
+  auto m = make_manager();
+  ASSERT_EQ(::rename(dir_.path().c_str(), outside("moved").c_str()), 0);
+  EXPECT_TRUE(outcome([&] { m->cleanup_old_eras(true); }).starts_with("FileNotFoundError: [Errno 2] "));
+  m->_schedule_cleanup_old_eras(true);
+  ASSERT_TRUE(m->_cleanup_thread->join_for(30.0));
+  ASSERT_EQ(log_.records().size(), 1u);
+  EXPECT_EQ(log_.count(LogLevel::warning, "Background old-era cleanup failed: [Errno 2] No such file or directory: '" +
+                                              dir_.path() + "'"),
+            1u);
+  EXPECT_TRUE(log_.records()[0].failure.starts_with("FileNotFoundError: ")) << log_.records()[0].failure;
 }
 
 }  // namespace

@@ -1,12 +1,83 @@
 """A stand-in for the host library: the sibling modules that quillmarsh_sync
-calls, each recording its calls so that tests can see them."""
+imports by name, made here and entered in sys.modules, each recording its
+calls so that tests can see them."""
 
-import importlib
+import sys
+import types
+from urllib.parse import urlsplit
 
-MODULES = ("_transport_security", "auth", "deployment", "search_tracking", "identity", "agent_onboarding")
+
+class AuthError(Exception):
+    pass
+
+
+class LibraryUpdateRequired(Exception):
+    pass
+
+
+class Identity:
+    def __init__(self, data_dir):
+        self.data_dir = data_dir
+
+
+class SearchTracker:
+    def __init__(self, data_dir, **keywords):
+        search_tracking.calls.append(("open", data_dir, keywords))
+
+    def handle_era_transition(self, *, new_era_id, previous_era_id):
+        search_tracking.calls.append(("handle_era_transition", new_era_id, previous_era_id))
+
+    def close(self):
+        search_tracking.calls.append(("close",))
+
+
+def validate_bearer_transport_url(url):
+    _transport_security.calls.append(url)
+    parts = urlsplit(url)
+    if parts.hostname and (parts.scheme == "https" or parts.hostname in ("localhost", "127.0.0.1", "::1")
+                           and parts.scheme == "http"):
+        return
+    raise ValueError(f"Refusing to send a bearer token over {url!r}")
+
+
+def check_update(current_version):
+    deployment.calls.append(("check_update", current_version))
+    if deployment.check_update_failure is not None:
+        raise deployment.check_update_failure
+
+
+def _compare_versions(a, b):
+    left, right = [int(p) for p in a.split(".")], [int(p) for p in b.split(".")]
+    n = max(len(left), len(right))
+    left, right = left + [0] * (n - len(left)), right + [0] * (n - len(right))
+    return (left > right) - (left < right)
+
+
+def _module(name, **attributes):
+    module = types.ModuleType(f"{__name__}.{name}")
+    module.__dict__.update(attributes)
+    sys.modules[module.__name__] = module
+    return module
+
+
+_transport_security = _module("_transport_security", validate_bearer_transport_url=validate_bearer_transport_url)
+auth = _module("auth", AuthError=AuthError, notify_era_change=lambda new_era_id: auth.calls.append(new_era_id))
+deployment = _module("deployment", LibraryUpdateRequired=LibraryUpdateRequired, _CURRENT_VERSION="0.0.3",
+                     check_update=check_update, _compare_versions=_compare_versions)
+identity = _module("identity", resolve_identity_for_data_dir=lambda data_dir: identity.calls.append(data_dir)
+                   or Identity(data_dir))
+search_tracking = _module("search_tracking", SearchTracker=SearchTracker)
+agent_onboarding = _module("agent_onboarding", update_nudge=lambda event, *, new_era_id, previous_era_id:
+                           agent_onboarding.calls.append((event, new_era_id, previous_era_id)))
+MODULES = (_transport_security, auth, deployment, identity, search_tracking, agent_onboarding)
 
 
 def reset():
-    """Puts every module back in its first state."""
-    for name in MODULES:
-        importlib.import_module(f"{__name__}.{name}").reset()
+    """Puts every module back in its first state; check_update_failure is
+    what check_update raises."""
+    for module in MODULES:
+        module.calls = []
+    deployment.check_update_failure = None
+
+
+reset()

@@ -1,0 +1,290 @@
+"""The binding's own contract, against qmsync serve: the records a sync, a
+verification and a repair hand to Python; the shared manager per real
+directory; failures as Python classes, both ways across the binding; the
+typed API; and era transitions driven from Python, with the era callbacks and
+the host's sibling modules as they are called, missing or failing. What the
+passes do is the engine suites' business."""
+
+import dataclasses
+import errno
+import importlib.util
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+from unittest import mock
+
+import quillmarsh_sync
+from support import TOKEN, ServedEraTest, run_qmsync, wait_until
+from quillmarsh_sync import EraError, IntegrityError, StateError, SyncError, SyncManager, SyncResult, VerifyResult
+
+
+class RecordsTest(ServedEraTest):
+    def test_sync_verify_and_repair_hand_back_pythons_own_records(self):
+        manager = self.manager()
+        self.assertIsNone(manager.get_manifest())
+        result = manager.sync()
+        # The same pass by qmsync, into a directory of its own, prints the
+        # same fields in the same order with the same values.
+        printed = json.loads(run_qmsync("sync", "--json", "--data-dir", tempfile.mkdtemp(dir=self.tmp), "--server",
+                                        self.api_url, "--ca-file", self.ca_file, "--token-file",
+                                        self.token_path).stdout)
+        self.assertEqual(list(printed), [field.name for field in dataclasses.fields(SyncResult)])
+        self.assertEqual(dataclasses.asdict(result), printed)
+
+        manifest = manager.get_manifest()
+        with open(os.path.join(self.data_dir, "manifest.json")) as f:
+            self.assertEqual(manifest.to_dict(), json.load(f))
+        self.assertEqual((manifest.era_id, manifest.files["docs/empty.txt"]["size_bytes"]), (1, 0))
+
+        with open(os.path.join(self.data_dir, "features/equities/prices.bin"), "r+b") as f:
+            f.write(b"\0" * 16)
+        os.remove(os.path.join(self.data_dir, "docs/readme.txt"))
+        check = manager.verify()
+        self.assertEqual(check, VerifyResult(valid=False, corrupted_files=["features/equities/prices.bin"],
+                                             missing_files=["docs/readme.txt"]))
+        # The lists go back in as the paths to repair.
+        manager.repair(check.corrupted_files + check.missing_files)
+        self.assertEqual(manager.verify(), VerifyResult(valid=True, corrupted_files=[], missing_files=[]))
+
+    def test_the_progress_observer_is_throttled_but_told_of_the_last_file(self):
+        manager = self.manager()
+        seen = []
+        # Nothing between the start and the last file passes an hour's throttle.
+        manager.set_progress_observer(seen.append, min_interval_s=3600)
+        result = manager.sync()
+        self.assertGreater(seen[-1].files_selected, 2)
+        self.assertEqual([p.files_done for p in seen], [0, seen[-1].files_selected])
+        self.assertEqual(seen[-1].bytes_done, seen[-1].bytes_selected)
+        self.assertLessEqual(seen[-1].bytes_done, result.bytes_downloaded)
+        with self.assertRaises(ValueError):
+            manager.set_progress_observer(seen.append, min_interval_s=-1)
+
+        # A failing observer changes nothing about the pass, and Python hears
+        # of the failure as of any ignored one.
+        os.remove(os.path.join(self.data_dir, "docs/readme.txt"))
+        manager.set_progress_observer(lambda progress: 1 / 0)
+        ignored = []
+        previous_hook, sys.unraisablehook = sys.unraisablehook, ignored.append
+        try:
+            with self.assertLogs("quillmarsh.sync", "WARNING"):
+                self.assertEqual(manager.sync().bytes_downloaded, len(self.files["docs/readme.txt"]))
+        finally:
+            sys.unraisablehook = previous_hook
+        self.assertTrue(ignored)
+        self.assertTrue(all(isinstance(u.exc_value, ZeroDivisionError) for u in ignored))
+
+
+class RegistryTest(ServedEraTest):
+    # How many consumers keep a manager is the service suite's business;
+    # here, that Python gets the one object back.
+    def test_one_python_object_per_real_directory_until_its_last_consumer_leaves(self):
+        first = self.manager(shared=True)
+        link = os.path.join(self.tmp, "link-" + os.path.basename(self.data_dir))
+        os.symlink(self.data_dir, link)
+        self.assertIs(self.manager(link, shared=True), first)
+        first.acquire()
+        self.assertTrue(first.is_alive())
+        first.release()
+        self.assertFalse(first.is_alive())
+        self.assertIsNot(self.manager(shared=True), first)
+
+
+class FailureTest(ServedEraTest):
+    def test_the_components_failures_arrive_as_pythons_own_classes(self):
+        from quillmarsh.auth import AuthError
+        missing = os.path.join(self.tmp, "no-such-dir")
+        vault_down = ConnectionError("token vault unreachable")
+
+        def unreachable_vault():
+            raise vault_down
+
+        started = self.manager()
+        started.start()
+        # The manager's checks come in its order: the token source before the
+        # URL, the URL before the directory; None is an empty URL.
+        cases = [
+            (lambda: SyncManager(missing, self.api_url, lambda: TOKEN), FileNotFoundError,
+             "^data_dir does not exist: " + re.escape(missing) + "$"),
+            (lambda: SyncManager(missing, None, None), TypeError, "^get_token must be callable, got NoneType$"),
+            (lambda: SyncManager.get_or_create(missing, None, lambda: TOKEN), ValueError,
+             "^server_url must not be empty$"),
+            (lambda: SyncManager.get_or_create(missing, "", lambda: TOKEN), ValueError,
+             "^server_url must not be empty$"),
+            # The host's transport check decides, and its failure comes through.
+            (lambda: SyncManager(self.data_dir, "http://example.com", lambda: TOKEN), ValueError,
+             "^Refusing to send a bearer token over 'http://example.com'$"),
+            (started.start, StateError, "^SyncManager already running$"),
+            (lambda: self.manager(get_token=lambda: "wrong").sync(), AuthError, "HTTP 401"),
+            (lambda: self.manager().trigger_era_transition(7), EraError, "requested transition era_id=7$"),
+            # A Python failure crosses the component unchanged.
+            (lambda: self.manager(get_token=unreachable_vault).sync(), ConnectionError, "^token vault unreachable$"),
+        ]
+        for call, cls, message in cases:
+            with self.subTest(cls.__name__, message=message):
+                with self.assertRaisesRegex(cls, message) as raised:
+                    call()
+                if cls is FileNotFoundError:
+                    self.assertEqual(raised.exception.errno, errno.ENOENT)
+                if cls is ConnectionError:
+                    self.assertIs(raised.exception, vault_down)
+        self.assertIn("http://example.com", self.quillmarsh._transport_security.calls)
+        # StateError is misuse, which no SyncError handler may catch.
+        self.assertFalse(issubclass(StateError, SyncError))
+        self.assertTrue(issubclass(IntegrityError, SyncError) and issubclass(EraError, SyncError))
+        self.assertIs(quillmarsh_sync.AuthError, AuthError)
+
+    def test_the_transport_check_is_the_hosts_and_without_a_host_the_components_own(self):
+        with mock.patch.dict(sys.modules, {"quillmarsh._transport_security": None}):
+            with self.assertRaises(ImportError):
+                SyncManager(self.data_dir, self.api_url, lambda: TOKEN)
+        # Imported at each use: the module back, the manager builds.
+        self.assertEqual(SyncManager(self.data_dir, self.api_url, lambda: TOKEN).sync().era_id, 1)
+
+        self.quillmarsh.reset()
+        with mock.patch.dict(sys.modules, {"quillmarsh": None}):
+            with self.assertRaisesRegex(ValueError, "^Refusing to send a bearer token over 'http://example.com': "
+                                                    "use https, or http only to a loopback host$"):
+                SyncManager(self.data_dir, "http://example.com", lambda: TOKEN)
+            loopback = SyncManager(self.data_dir, self.api_url.replace("https:", "http:"), lambda: TOKEN)
+            self.assertTrue(loopback._server_url.startswith("http://127.0.0.1:"))
+            self.assertEqual(SyncManager(self.data_dir, self.api_url, lambda: TOKEN).sync().era_id, 1)
+        self.assertEqual(self.quillmarsh._transport_security.calls, [])
+
+
+# Every line of USAGE_MISTAKES after the import is a mistake a type checker must see.
+TYPED_USAGE = """
+from typing import List, Optional
+import quillmarsh_sync as qs
+
+def run(manager: qs.SyncManager) -> List[str]:
+    manager.set_progress_observer(lambda p: print(p.files_done, p.bytes_selected), min_interval_s=1.0)
+    manager.register_era_callback(lambda event_type, era_id: print(event_type.upper(), era_id + 1))
+    result: qs.SyncResult = manager.sync()
+    manifest: Optional[qs.Manifest] = manager.get_manifest()
+    try:
+        manager.repair(manager.verify().corrupted_files)
+    except qs.StateError:
+        pass
+    return manager.request_for_sync() + [str(result.era_id), str(manifest)]
+
+run(qs.SyncManager.get_or_create("/data", "https://example.com", lambda: "token"))
+"""
+USAGE_MISTAKES = """import quillmarsh_sync as qs
+qs.SyncManager("/data", "https://example.com", lambda: 1)
+qs.SyncManager("/data", "https://example.com", lambda: "token").sync().era_id.upper()
+qs.SyncManager("/data", "https://example.com", lambda: "token").verify().missing_files + "x"
+"""
+
+
+@unittest.skipUnless(importlib.util.find_spec("mypy"), "mypy is not installed")
+class TypingTest(unittest.TestCase):
+    def test_a_type_checker_sees_the_api_and_its_misuse(self):
+        package = os.path.dirname(quillmarsh_sync.__file__)
+        self.assertTrue(os.path.exists(os.path.join(package, "py.typed")))
+        with tempfile.TemporaryDirectory() as tmp:
+            def mypy(text):
+                with open(os.path.join(tmp, "usage.py"), "w") as f:
+                    f.write(text)
+                return subprocess.run(
+                    [sys.executable, "-m", "mypy", "--strict", "--cache-dir", os.path.join(tmp, "cache"), "usage.py"],
+                    cwd=tmp, capture_output=True, text=True, env={**os.environ, "MYPYPATH": os.path.dirname(package)})
+
+            checked = mypy(TYPED_USAGE)
+            self.assertEqual(checked.returncode, 0, checked.stdout)
+            checked = mypy(USAGE_MISTAKES)
+            errors = {line.split(":")[1] for line in checked.stdout.splitlines() if ": error:" in line}
+            self.assertEqual(errors, {"2", "3", "4"}, checked.stdout)
+
+
+class EraTest(ServedEraTest):
+    def test_refusals_reach_the_caller_as_their_own_classes_and_the_host_hears_of_each_move(self):
+        from quillmarsh.deployment import LibraryUpdateRequired
+        # Two directories on era 1: one moved by trigger_era_transition, one
+        # by the monitor that acquire starts.
+        manager = self.manager()
+        manager.sync()
+        monitored = self.manager(tempfile.mkdtemp(dir=self.tmp), shared=True)
+        monitored.sync()
+        self.publish(era=2)
+
+        class SearchesBusy(Exception):
+            pass
+
+        busy = SearchesBusy("cannot stop now")
+
+        def kill():
+            raise busy
+
+        killed = []
+        self.set_era_state({"era": {"era_id": 2, "min_library_version": "999.0"}, "state": "active"})
+        with self.assertRaisesRegex(LibraryUpdateRequired, r"^quillmarsh >= 999\.0 required for era 2\."):
+            manager.trigger_era_transition(2)
+        self.set_era_state({"era": {"era_id": 2}, "state": "active"})
+        with self.assertRaises(SearchesBusy) as raised:
+            manager.trigger_era_transition(2, kill)
+        self.assertIs(raised.exception, busy)
+        with mock.patch.dict(sys.modules, {"quillmarsh.search_tracking": None}), self.assertRaises(ImportError):
+            manager.trigger_era_transition(2, lambda: killed.append(True))
+        self.assertEqual(killed, [])
+        # What a refused move leaves on disk is the transition suite's business.
+        self.assertEqual(manager.get_manifest().era_id, 1)
+
+        # A connection failure of check_update is a warning, and without an
+        # identity module the tracker is opened without one.
+        self.quillmarsh.reset()
+        self.quillmarsh.deployment.check_update_failure = ConnectionError("wheel cache unreachable")
+        searches = []
+        with mock.patch.dict(sys.modules, {"quillmarsh.identity": None}):
+            with self.assertLogs("quillmarsh.sync", "WARNING") as logs:
+                manager.trigger_era_transition(2, lambda: searches.append("kill"), lambda: searches.append("restart"))
+        self.assertIn("Could not check local wheel cache for library update: wheel cache unreachable",
+                      [r.getMessage() for r in logs.records])
+        self.assertEqual(searches, ["kill", "restart"])
+        self.assertEqual(manager.get_manifest().era_id, 2)
+        self.assertEqual(self.quillmarsh.deployment.calls, [("check_update", "0.0.3")])
+        self.assertEqual(self.quillmarsh.search_tracking.calls[0], ("open", manager._data_dir, {}))
+
+        heard = []
+
+        def twice(event_type, era_id):
+            heard.append((event_type, era_id))
+
+        class Listener:
+            def on_era(self, event_type, era_id):
+                heard.append(("listener", event_type, era_id))
+
+        def failing(event_type, era_id):
+            raise KeyError("no such search")
+
+        for callback in (twice, twice, failing, twice):
+            monitored.register_era_callback(callback)
+        monitored.unregister_era_callback(twice)  # the first of three
+        listener = Listener()
+        monitored.register_era_callback(listener.on_era)
+        monitored.unregister_era_callback(listener.on_era)  # an equal bound method, not the same object
+        monitored.unregister_era_callback(print)  # never registered: nothing happens
+        self.quillmarsh.reset()
+        with self.assertLogs("quillmarsh.sync", "WARNING") as logs:
+            monitored.acquire()
+            wait_until(lambda: ("restart", 2) in heard, "the restart callbacks")
+            wait_until(lambda: self.quillmarsh.agent_onboarding.calls, "the update nudge")
+        self.assertEqual(heard, [("kill", 1)] * 2 + [("restart", 2)] * 2)
+        failures = [r for r in logs.records if r.getMessage() == "Era callback failed (kill): 'no such search'"]
+        self.assertEqual(len(failures), 1)
+        self.assertEqual(failures[0].exc_text, "KeyError: 'no such search'")
+        self.assertEqual(monitored.get_manifest().era_id, 2)
+        # The host's modules, each called as it expects.
+        self.assertEqual(self.quillmarsh.auth.calls, [2])
+        opened, handled, closed = self.quillmarsh.search_tracking.calls
+        self.assertEqual(opened[:2], ("open", monitored._data_dir))
+        self.assertEqual(opened[2]["identity"].data_dir, monitored._data_dir)
+        self.assertEqual((handled, closed), (("handle_era_transition", 2, 1), ("close",)))
+        self.assertEqual(self.quillmarsh.agent_onboarding.calls, [("era_change", 2, 1)])
+
+
+if __name__ == "__main__":
+    unittest.main()
