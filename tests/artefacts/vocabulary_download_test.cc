@@ -144,23 +144,5 @@ TEST_F(VocabularyDownload, AFailingUniverseStopsTheWorkAndKeepsWhatCameBefore) {
             "SyncError: manifest is missing per-universe vocabulary.json entries");
 }
 
-// The repaired entry is what the pass writes to manifest.json.
-TEST_F(VocabularyDownload, APassWritesTheRepairedManifest) {
-  Json files = Json::object();
-  files["features/u/x.arrow"] = store_file("features/u/x.arrow", "feature bytes", "feature");
-  const Json u = vocabulary(4, "u", {{"t_signal_is", 11}, {"n_instruments", 13}});
-  files[vocabulary_path("u")] = store_file(vocabulary_path("u"), json_text(u));
-  files[vocabulary_path("u")].erase("sha256");  // the server left the digest out
-  const Json m = manifest(4, 1, files);
-  publish(m);
-  publish_seed(4);
-
-  const SyncResult result = manager_->sync();
-  EXPECT_EQ(result.bytes_downloaded, 13);  // vocabularies do not count
-  Json written = m;
-  written["files"][vocabulary_path("u")]["sha256"] = _sha256(json_text(u));
-  EXPECT_EQ(read_file(path("manifest.json")), json_text(written));
-}
-
 }  // namespace
 }  // namespace quillmarsh::sync
