@@ -95,8 +95,6 @@ TEST_F(VocabularyDownload, OnlyBytesThatValidateStayAndAStatedDigestIsNeverOverr
        kRepaired + p + ": ", "; Download failed for " + p + " after 3 attempts: Download failed for " + p + ": HTTP 416"},
       {"wrong bytes", [](Json&) {}, std::nullopt, 4, true, "SyncError: vocabulary.json is not valid JSON: ", false,
        ""},
-      {"served of another era", [](Json&) {}, std::nullopt, 3, false,
-       "EraError: vocabulary.json era_id=3 does not match manifest era_id=4", false, ""},
       {"local of another era", [](Json&) {}, 3, 4, false, "ok", true, revalidated},
   };
   for (const Case& c : cases) {

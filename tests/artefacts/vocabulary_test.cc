@@ -20,22 +20,18 @@ using testing::vocabulary;
 using testing::vocabulary_path;
 
 TEST(NamedUniverse, CleansOrRefuses) {
-  struct Case {
-    std::optional<std::string> input;
-    std::string expected;  // the cleaned name, or the failure
-  };
   const std::string unsafe = "SyncError: named_universe must be a single safe path segment: ";
-  const Case cases[] = {
+  // The cleaned name, or the failure.
+  const std::pair<std::optional<std::string>, std::string> cases[] = {
       {"...", "..."},
       {" \n ", "SyncError: named_universe is required"},
       {" . ", unsafe + "' . '"},  // the input as received, not the stripped name
       {std::string("a\0b", 3), unsafe + "'a\\x00b'"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.input.value_or("<absent>"));
+  for (const auto& [input, expected] : cases) {
     std::string got;
-    const std::string failure = outcome([&] { got = _validate_named_universe(c.input); });
-    EXPECT_EQ(failure == "ok" ? got : failure, c.expected);
+    const std::string failure = outcome([&] { got = _validate_named_universe(input); });
+    EXPECT_EQ(failure == "ok" ? got : failure, expected) << input.value_or("<absent>");
   }
 }
 
