@@ -133,12 +133,7 @@ TEST(ManifestPathsUrl, JoinsBaseAndSafePathAndComparesNetworkLocationsExactly) {
 }
 
 TEST(ManifestPathsGroupKey, KeysFilesUnderTheirRootsEpochAndNothingElse) {
-  struct Case {
-    Json path;
-    const char* prefix;
-    std::optional<std::string> key;
-  };
-  const Case cases[] = {
+  const std::tuple<Json, const char*, std::optional<std::string>> cases[] = {
       {"useful_signals/a/b/signal_os/deep/er.bin", "useful_signals", "useful_signals/a/b"},
       {"found_signals/x/y/signal_is/f", "found_signals/", "found_signals/x/y"},
       {"found_strategies/x/y/strategy_is/f", "found_strategies/", "found_strategies/x/y"},
@@ -149,7 +144,7 @@ TEST(ManifestPathsGroupKey, KeysFilesUnderTheirRootsEpochAndNothingElse) {
       {"useful_signalsX/a/b/signal_os/f", "useful_signals", std::nullopt},
       {7, "useful_signals/", std::nullopt},
   };
-  for (const Case& c : cases) EXPECT_EQ(_agent_signal_group_key(c.path, c.prefix), c.key) << c.path << " " << c.prefix;
+  for (const auto& [path, prefix, key] : cases) EXPECT_EQ(_agent_signal_group_key(path, prefix), key) << path << prefix;
 }
 
 // The common names are the clean-up suite's; the edges are here.
