@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <tuple>
 #include <string>
 
 #include "server/publisher.h"
@@ -23,17 +24,16 @@ namespace quillmarsh::sync::testing {
 namespace {
 
 TEST(FaultText, ReadsWhatServeTakesAndNamesWhatItRefuses) {
-  const server::Fault f = server::parse_fault(
-      "status=503,cut=10,wrong-bytes,delay=0.5,stall=7@2.5,ignore-range,half-range,empty-206,times=2,skip=1,body=a,b");
-  EXPECT_EQ(f.status, 503);
-  EXPECT_EQ(f.cut_after_bytes, 10u);
-  EXPECT_TRUE(f.wrong_bytes && f.ignore_range && f.half_range && f.empty_206);
-  EXPECT_EQ(f.delay_before_head_s, 0.5);
-  EXPECT_EQ(f.stall_after_bytes, 7u);
-  EXPECT_EQ(f.stall_s, 2.5);
-  EXPECT_EQ(f.times, 2);
-  EXPECT_EQ(f.skip, 1);
-  EXPECT_EQ(f.body, "a,b");  // the rest, commas and all
+  const auto fields = [](const server::Fault& f) {
+    return std::tie(f.status, f.body, f.cut_after_bytes, f.wrong_bytes, f.delay_before_head_s, f.stall_after_bytes,
+                    f.stall_s, f.ignore_range, f.half_range, f.empty_206, f.redirect_to, f.times, f.skip);
+  };
+  // The body is the rest, commas and all.
+  EXPECT_EQ(fields(server::parse_fault("status=503,cut=10,wrong-bytes,delay=0.5,stall=7@2.5,ignore-range,half-range,"
+                                       "empty-206,times=2,skip=1,body=a,b")),
+            fields({.status = 503, .body = "a,b", .cut_after_bytes = 10, .wrong_bytes = true, .delay_before_head_s = 0.5,
+                    .stall_after_bytes = 7, .stall_s = 2.5, .ignore_range = true, .half_range = true, .empty_206 = true,
+                    .times = 2, .skip = 1}));
   EXPECT_EQ(server::parse_fault("redirect=https://h/x?a=1,b=2").redirect_to, "https://h/x?a=1,b=2");
   const std::pair<const char*, std::string> refused[] = {
       {"cut", "ValueError: fault cut needs a number that is not negative, not ''"},
