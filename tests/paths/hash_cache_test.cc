@@ -42,21 +42,16 @@ class HashCache : public testing::DataDirFixture {
   std::string cache_file() { return path(".sync_hash_cache.json"); }
 };
 
-TEST_F(HashCache, PersistsSortedOneLineTextThatARestartedManagerTrusts) {
+// The text form written is pinned by DigestCacheText below.
+TEST_F(HashCache, PersistsWhatARestartedManagerTrusts) {
   const std::string b = put_local("b/second.bin", "BBBB");
-  const std::string a = put_local("a/\xc3\xa9.bin", "aa");
   auto first = make_manager();
-  // Remembered in the opposite order to the one the file holds; b's digest
-  // is not that of its bytes, so only a check that trusts the cache passes it.
+  // b's digest is not that of its bytes, so only a check that trusts the
+  // cache passes it.
   first->_remember_local_sha("b/second.bin", b, _sha256("bbbb"));
-  EXPECT_TRUE(first->_local_file_matches_manifest("a/\xc3\xa9.bin", a, entry_of("aa")));
   EXPECT_TRUE(first->_hash_cache_dirty);
   first->_persist_hash_cache();
   EXPECT_FALSE(first->_hash_cache_dirty);
-
-  EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"a/\\u00e9.bin\": " + json_text(cache_entry(a, _sha256("aa"))) +
-                                         ", \"b/second.bin\": " + json_text(cache_entry(b, _sha256("bbbb"))) +
-                                         "}, \"version\": 1}");
 
   // A new manager on the same directory checks the file without reading it;
   // without the cache the same check reads it.
