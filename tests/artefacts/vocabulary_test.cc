@@ -1,8 +1,10 @@
-// The vocabulary validators: names, paths, parsed values, bytes, files and
-// whole manifests.
+// The vocabulary validators (names, paths, parsed values, bytes, files and
+// whole manifests); bringing vocabularies down, keeping valid local ones,
+// and the repair of incomplete manifest entries from validated bytes.
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <optional>
 
 #include "sync/artefacts/vocabulary.h"
 #include "sync/errors.h"
@@ -14,28 +16,25 @@ namespace quillmarsh::sync {
 namespace {
 
 using testing::outcome_and_cause;
+using testing::Fault;
 using testing::outcome;
 using testing::TempDir;
 using testing::vocabulary;
 using testing::vocabulary_path;
 
 TEST(NamedUniverse, CleansOrRefuses) {
-  struct Case {
-    std::optional<std::string> input;
-    std::string expected;  // the cleaned name, or the failure
-  };
   const std::string unsafe = "SyncError: named_universe must be a single safe path segment: ";
-  const Case cases[] = {
+  // The cleaned name, or the failure.
+  const std::pair<std::optional<std::string>, std::string> cases[] = {
       {"...", "..."},
       {" \n ", "SyncError: named_universe is required"},
       {" . ", unsafe + "' . '"},  // the input as received, not the stripped name
       {std::string("a\0b", 3), unsafe + "'a\\x00b'"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.input.value_or("<absent>"));
+  for (const auto& [input, expected] : cases) {
     std::string got;
-    const std::string failure = outcome([&] { got = _validate_named_universe(c.input); });
-    EXPECT_EQ(failure == "ok" ? got : failure, c.expected);
+    const std::string failure = outcome([&] { got = _validate_named_universe(input); });
+    EXPECT_EQ(failure == "ok" ? got : failure, expected) << input.value_or("<absent>");
   }
 }
 
@@ -131,6 +130,130 @@ TEST(VocabularyFile, MissingUnreadableUndecodableAndMismatchedFilesAreTold) {
   // An era that will not convert is no finding about the files.
   EXPECT_THROW(_validate_manifest_vocabulary_files(dir.path(), manifest_of({"beta"}, "seven")), ValueError);
   EXPECT_THROW(_validate_manifest_vocabulary_files(dir.path(), manifest_of({"beta"}, nullptr)), TypeError);
+}
+
+class VocabularyDownload : public testing::SyncFixture {
+ protected:
+  // Serves the vocabulary of `era` for `universe` and returns its entry.
+  Json serve(const std::string& universe, std::int64_t era = 4) {
+    return store_file(vocabulary_path(universe), json_text(vocabulary(era, universe)));
+  }
+  // A manifest of era 4 over `files`, sharing its JSON with `data_`.
+  Manifest manifest_over(const Json& files) {
+    data_ = std::make_shared<Json>(manifest(4, 1, files));
+    return Manifest(data_);
+  }
+  void put_vocabulary(const std::string& universe, std::int64_t era = 4) {
+    put_local(vocabulary_path(universe), json_text(vocabulary(era, universe)));
+  }
+  std::vector<std::string> warnings() const {
+    std::vector<std::string> out;
+    for (const LogRecord& r : log_.records()) if (r.level == LogLevel::warning) out.push_back(r.message);
+    return out;
+  }
+  static constexpr const char* kRepaired = "Manifest vocabulary metadata repaired for ";
+
+  std::shared_ptr<SyncManager> manager_ = make_manager();
+  std::shared_ptr<Json> data_;
+};
+
+// Valid local files are kept, become the manager's vocabularies in sorted
+// order, and complete an incomplete entry in the JSON the manifest shares.
+TEST_F(VocabularyDownload, ValidLocalFilesAreKeptAndCompleteTheirEntries) {
+  Json files = Json::object();
+  for (const char* universe : {"gamma", "beta", "alpha"}) {
+    files[vocabulary_path(universe)] = serve(universe);
+    put_vocabulary(universe);
+  }
+  const Json right = files;
+  files[vocabulary_path("beta")]["sha256"] = "";
+  files[vocabulary_path("gamma")]["size_bytes"] = 3;  // the digest alone does not do
+  Manifest m = manifest_over(files);
+
+  EXPECT_FALSE(manager_->_download_vocabulary(m));
+  EXPECT_TRUE(store_.requests().empty());
+  ASSERT_NE(manager_->_vocabulary.load(), nullptr);
+  EXPECT_EQ(*manager_->_vocabulary.load(), (Json{{"alpha", vocabulary(4, "alpha")}, {"beta", vocabulary(4, "beta")},
+                                                 {"gamma", vocabulary(4, "gamma")}}));
+  EXPECT_EQ(warnings().size(), 2u);
+  EXPECT_EQ(logged_starting(kRepaired + vocabulary_path("beta") + ": "), 1u);
+  EXPECT_EQ((*data_)["files"], right);
+}
+
+// One universe, its entry, local file and served bytes spoiled in turn:
+// only bytes that validate stay, and a stated digest is never overruled.
+TEST_F(VocabularyDownload, OnlyBytesThatValidateStayAndAStatedDigestIsNeverOverruled) {
+  const std::string p = vocabulary_path("u");
+  const std::string bytes = json_text(vocabulary(4, "u"));
+  const std::string stated(64, 'a');
+  const std::string refusal = "Refusing to repair vocabulary manifest hash for " + p + ": expected " + stated +
+                              ", got " + _sha256(bytes);
+  const std::string revalidated = "Local vocabulary " + p + " failed validation; re-downloading: ";
+  struct Case {
+    const char* name;
+    std::function<void(Json&)> edit_entry;
+    std::optional<std::int64_t> local_era;  // a local file of that era
+    std::int64_t served_era;
+    bool wrong_bytes;
+    std::string failure;  // a prefix; "ok" for success
+    bool file_stays;      // this era's bytes end up at p
+    std::string logged;   // a prefix of the one warning, or none
+    std::string logged_end = "";
+  };
+  const Case cases[] = {
+      {"stated digest", [&](Json& e) { e["sha256"] = stated; }, 4, 4, false, "IntegrityError: " + refusal, true,
+       revalidated + refusal},
+      // The staged file was whole after the first attempt; the resumes
+      // asked past its end, and the repair tells why.
+      {"overstated size", [&](Json& e) { e["size_bytes"] = bytes.size() + 10; }, std::nullopt, 4, false, "ok", true,
+       kRepaired + p + ": ", "; Download failed for " + p + " after 3 attempts: Download failed for " + p + ": HTTP 416"},
+      {"wrong bytes", [](Json&) {}, std::nullopt, 4, true, "SyncError: vocabulary.json is not valid JSON: ", false,
+       ""},
+      {"local of another era", [](Json&) {}, 3, 4, false, "ok", true, revalidated},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    remove_file(path(p));
+    store_.clear_faults();
+    log_.clear();
+    const Json served = serve("u", c.served_era);
+    Json entry = served;
+    c.edit_entry(entry);
+    if (c.local_era) put_vocabulary("u", *c.local_era);
+    if (c.wrong_bytes) store_.fault("/bucket/" + p, Fault{.wrong_bytes = true});
+    Manifest m = manifest_over(Json{{p, entry}});
+    manager_ = make_manager();
+
+    const std::string failure = outcome([&] { manager_->_download_vocabulary(m); });
+    EXPECT_TRUE(failure.starts_with(c.failure)) << failure;
+    EXPECT_FALSE(path_exists(path(p) + ".tmp"));
+    EXPECT_EQ(path_exists(path(p)) && read_file(path(p)) == bytes, c.file_stays);
+    EXPECT_EQ(manager_->_vocabulary.load() != nullptr, c.failure == "ok");
+    // The entry is completed from validated bytes only, never overruled.
+    EXPECT_EQ((*data_)["files"][p], c.failure == "ok" ? served : entry);
+    EXPECT_EQ(warnings().size(), c.logged.empty() ? 0u : 1u);
+    if (!c.logged.empty() && !warnings().empty()) {
+      EXPECT_TRUE(warnings()[0].starts_with(c.logged) && warnings()[0].ends_with(c.logged_end)) << warnings()[0];
+    }
+  }
+}
+
+TEST_F(VocabularyDownload, AFailingUniverseStopsTheWorkAndKeepsWhatCameBefore) {
+  Json files = Json::object();
+  files[vocabulary_path("alpha")] = serve("alpha");
+  files[vocabulary_path("beta")] = serve("beta");
+  store_.fault("/bucket/" + vocabulary_path("beta"), Fault{.status = 404});
+  Manifest m = manifest_over(files);
+
+  EXPECT_THROW(manager_->_download_vocabulary(m), SyncError);
+  EXPECT_TRUE(path_exists(path(vocabulary_path("alpha"))));
+  EXPECT_FALSE(path_exists(path(vocabulary_path("beta"))));
+  EXPECT_FALSE(path_exists(path(vocabulary_path("beta")) + ".tmp"));
+  EXPECT_EQ(manager_->_vocabulary.load(), nullptr);
+
+  Manifest none = manifest_over(Json{{"features/a.arrow", Json::object()}});
+  EXPECT_EQ(outcome([&] { manager_->_download_vocabulary(none); }),
+            "SyncError: manifest is missing per-universe vocabulary.json entries");
 }
 
 }  // namespace

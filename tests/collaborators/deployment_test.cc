@@ -10,22 +10,16 @@ namespace {
 // Versions compare part by part as numbers, either way round; anything but
 // dotted digits is refused on either side.
 TEST(DeploymentDefault, ComparesDottedNumbersPartByPartAndRefusesTheRest) {
-  struct Case {
-    const char* a;
-    const char* b;
-    int sign;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, int> cases[] = {
       {"1.10", "1.9", 1},   {"1.2", "1.2.0", 0},     {"1.2.0.0", "1.2", 0}, {"0.0.3", "0.1", -1},
       {"2", "1.99.99", 1},  {"1.02", "1.2", 0},      {"10.0", "9.999", 1},
       {"123456789012345678", "123456789012345677", 1},
   };
   DefaultDeployment deployment;
-  for (const Case& c : cases) {
-    const int forward = deployment._compare_versions(c.a, c.b);
-    const int backward = deployment._compare_versions(c.b, c.a);
-    EXPECT_EQ((forward > 0) - (forward < 0), c.sign) << c.a << " vs " << c.b;
-    EXPECT_EQ((backward > 0) - (backward < 0), -c.sign) << c.b << " vs " << c.a;
+  for (const auto& [a, b, sign] : cases) {
+    const int forward = deployment._compare_versions(a, b), backward = deployment._compare_versions(b, a);
+    EXPECT_EQ((forward > 0) - (forward < 0), sign) << a << " vs " << b;
+    EXPECT_EQ((backward > 0) - (backward < 0), -sign) << b << " vs " << a;
   }
   for (const char* bad : {"", "1..2", "1.a", "v1", "1.", ".1", "1.2-rc1", " 1.2", "-1"}) {
     EXPECT_THROW(deployment._compare_versions(bad, "1.0"), ValueError) << '"' << bad << '"';

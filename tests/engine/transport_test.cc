@@ -39,7 +39,8 @@ sockaddr_in loopback(int port) {
 
 // A forward proxy that knows only CONNECT, as a company's proxy does for
 // HTTPS: it answers the tunnel's own head at once, then copies bytes both
-// ways until either side closes.
+// ways until either side closes. One tunnel at a time: a client's attempts
+// come one after another.
 class TunnelProxy {
  public:
   TunnelProxy() {
@@ -51,9 +52,7 @@ class TunnelProxy {
     }
     port_ = ntohs(addr.sin_port);
     acceptor_ = std::thread([this] {
-      for (int client; (client = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-        tunnels_.emplace_back([this, client] { tunnel(client); });
-      }
+      for (int client; (client = ::accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) tunnel(client);
     });
   }
   ~TunnelProxy() {
@@ -61,7 +60,6 @@ class TunnelProxy {
     ::shutdown(listen_fd_, SHUT_RDWR);
     acceptor_.join();
     ::close(listen_fd_);
-    for (std::thread& t : tunnels_) t.join();
   }
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
   int tunnels_opened() const { return opened_; }
@@ -101,7 +99,6 @@ class TunnelProxy {
   std::atomic<bool> stop_{false};
   std::atomic<int> opened_{0};
   std::thread acceptor_;
-  std::vector<std::thread> tunnels_;  // touched by the acceptor alone until it is joined
 };
 
 class Transport : public testing::SyncFixture {
@@ -156,7 +153,7 @@ TEST_F(Transport, ASlowHeadIsRetriedDirectOrThroughAProxy) {
 }
 
 TEST_F(Transport, ARefusedPortOrAnUntrustedCertificateIsAConnectionFailure) {
-  const std::string url = "https://127.0.0.1:" + std::to_string(testing::unused_loopback_port()) + "/x";
+  const std::string url = TestServer().url("/x");  // a port closed with its server refuses
   const auto [failure, cause] = outcome_and_cause([&] { _http_get(url, "t"); });
   EXPECT_TRUE(failure.starts_with("ConnectionError: Connection failed to " + url + ": ")) << failure;
   EXPECT_TRUE(cause.starts_with("URLError: ")) << cause;

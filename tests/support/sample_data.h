@@ -25,15 +25,9 @@ inline std::string pseudo_random_bytes(std::size_t n, std::uint32_t seed) {
 // universe's name.
 inline Json vocabulary(std::int64_t era, const std::string& universe, Json metadata = Json::object()) {
   metadata["named_universe"] = universe;
-  Json v = Json::object();
-  v["era_id"] = era;
-  v["named_universe"] = universe;
-  v["rotations"] = Json::array();
-  v["filtrations"] = Json::array();
-  v["reductions"] = Json::object();
-  v["features"] = Json::array({"f1", "f2"});
-  v["metadata"] = std::move(metadata);
-  return v;
+  return Json{{"era_id", era}, {"named_universe", universe}, {"rotations", Json::array()},
+              {"filtrations", Json::array()}, {"reductions", Json::object()},
+              {"features", Json::array({"f1", "f2"})}, {"metadata", std::move(metadata)}};
 }
 
 // The text of a vocabulary with the metadata a sync result reports.

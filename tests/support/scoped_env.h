@@ -18,16 +18,15 @@ class ScopedEnv {
   ScopedEnv(const ScopedEnv&) = delete;
   ScopedEnv& operator=(const ScopedEnv&) = delete;
 
-  ScopedEnv& set(const std::string& name, const std::string& value) { return change(name, value); }
-  ScopedEnv& unset(const std::string& name) { return change(name, std::nullopt); }
-
- private:
-  ScopedEnv& change(const std::string& name, const std::optional<std::string>& value) {
+  ScopedEnv& set(const std::string& name, const std::optional<std::string>& value) {
     const char* old = std::getenv(name.c_str());
     saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
     apply(name, value);
     return *this;
   }
+  ScopedEnv& unset(const std::string& name) { return set(name, std::nullopt); }
+
+ private:
   static void apply(const std::string& name, const std::optional<std::string>& value) {
     if (value) ::setenv(name.c_str(), value->c_str(), 1);
     else ::unsetenv(name.c_str());

@@ -108,31 +108,20 @@ class SyncFixture : public DataDirFixture {
 
   // A manifest of `era` and `version` over `files`, served from the store.
   Json manifest(std::int64_t era, std::int64_t version, Json files = Json::object()) const {
-    Json m = Json::object();
-    m["era_id"] = era;
-    m["version"] = version;
-    m["base_url"] = base_url();
-    m["files"] = std::move(files);
-    return m;
+    return Json{{"era_id", era}, {"version", version}, {"base_url", base_url()}, {"files", std::move(files)}};
   }
 
   // Serves `m` at /data/manifest and its version document beside it.
   void publish(const Json& m, std::optional<Json> version_doc = std::nullopt) {
     api_.put("/data/manifest", json_text(m), {{"Content-Type", "application/json"}});
-    if (!version_doc) {
-      version_doc = Json::object();
-      (*version_doc)["version"] = m.value("version", Json(0));
-      (*version_doc)["era_id"] = m.value("era_id", Json(0));
-    }
+    if (!version_doc) version_doc = Json{{"version", m.value("version", Json(0))}, {"era_id", m.value("era_id", Json(0))}};
     api_.put("/data/manifest/version", json_text(*version_doc), {{"Content-Type", "application/json"}});
   }
 
   // Puts `bytes` on the store under manifest path `path`; returns its entry.
   Json store_file(const std::string& path, const std::string& bytes, const std::string& kind = "") {
     store_.put("/bucket/" + path, bytes);
-    Json entry = Json::object();
-    entry["size_bytes"] = bytes.size();
-    entry["sha256"] = _sha256(bytes);
+    Json entry = {{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}};
     if (!kind.empty()) entry["kind"] = kind;
     return entry;
   }

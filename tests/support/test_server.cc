@@ -1,13 +1,7 @@
 #include "tests/support/test_server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <mutex>
-#include <stdexcept>
 
 #include "server/object_store.h"
 #include "server/routes.h"
@@ -106,22 +100,5 @@ void TestServer::clear_requests() {
 }
 
 std::size_t TestServer::connection_count() const { return impl_->site_.connection_count(); }
-
-int unused_loopback_port() {
-  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0) throw std::runtime_error("unused_loopback_port: socket()");
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(addr);
-  int port = -1;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
-    port = ntohs(addr.sin_port);
-  }
-  ::close(fd);
-  if (port < 0) throw std::runtime_error("unused_loopback_port: bind()");
-  return port;
-}
 
 }  // namespace quillmarsh::sync::testing

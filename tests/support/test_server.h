@@ -79,9 +79,6 @@ class TestServer {
   std::unique_ptr<Impl> impl_;
 };
 
-// A port on 127.0.0.1 with nothing listening on it (bound, read, closed).
-int unused_loopback_port();
-
 }  // namespace quillmarsh::sync::testing
 
 #endif  // QUILLMARSH_SYNC_TESTS_SUPPORT_TEST_SERVER_H_

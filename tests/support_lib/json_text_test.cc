@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "sync/errors.h"
+#include "sync/support/integer.h"
 
 namespace quillmarsh::sync {
 namespace {
@@ -50,6 +53,15 @@ TEST(JsonText, NestingIsBoundedSoAHostileDocumentCannotExhaustTheStack) {
   for (int i = 0; i < 1000; ++i) ok += "{\"a\": ";
   ok += "1" + std::string(1000, '}');
   EXPECT_EQ(json_text(parse_json_text(ok)), ok);
+}
+
+// The fuzz target checks text against strtoll and every JSON kind by its
+// rule; what JSON text cannot carry (NaN, infinities) is checked here.
+TEST(IntegerOf, TruncatesFloatsAndRefusesThoseNoIntegerHolds) {
+  EXPECT_EQ(integer_of(Json(-2.9)), -2);  // toward zero, not down
+  EXPECT_THROW(integer_of(Json(std::numeric_limits<double>::quiet_NaN())), ValueError);
+  EXPECT_THROW(integer_of(Json(-std::numeric_limits<double>::infinity())), ValueError);
+  EXPECT_THROW(integer_of(Json(1e19)), ValueError);
 }
 
 }  // namespace

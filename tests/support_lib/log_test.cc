@@ -22,17 +22,9 @@ TEST(LogCapture, CollectsRecordsWithTheirCausesAndRestoresTheSink) {
   LogSink previous = set_log_sink([&](const LogRecord& r) { outer_seen.push_back(r); });
   {
     LogCapture capture;
-    std::exception_ptr failure;
-    try {
-      try {
-        throw TimeoutError("read timed out");
-      } catch (...) {
-        throw ConnectionError("Timed out fetching x", std::current_exception());
-      }
-    } catch (...) {
-      failure = std::current_exception();
-    }
-    log_message(LogLevel::warning, "failed: %s", {"x"}, failure);
+    log_message(LogLevel::warning, "failed: %s", {"x"},
+                std::make_exception_ptr(
+                    ConnectionError("Timed out fetching x", std::make_exception_ptr(TimeoutError("read timed out")))));
     EXPECT_EQ(capture.records().back().failure,
               "ConnectionError: Timed out fetching x\nCaused by TimeoutError: read timed out");
     EXPECT_TRUE(outer_seen.empty());

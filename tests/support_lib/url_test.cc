@@ -8,31 +8,24 @@ namespace quillmarsh::sync {
 namespace {
 
 TEST(SplitUrl, SeparatesEveryPartDropsControlsAndChecksIpv6Brackets) {
-  struct Case {
-    const char* url;
-    const char* scheme;
-    const char* netloc;
-    const char* path;
-  };
-  const Case cases[] = {
-      {"HTTPS://User:Pw@Host.Example:8443/a/B?q=1&r=/x#frag?not-query", "https", "User:Pw@Host.Example:8443", "/a/B"},
+  // Scheme, network location and path, each followed by "|".
+  const std::pair<const char*, const char*> cases[] = {
+      {"HTTPS://User:Pw@Host.Example:8443/a/B?q=1&r=/x#frag?not-query", "https|User:Pw@Host.Example:8443|/a/B|"},
       // Leading controls and blanks go, and tabs and newlines anywhere.
-      {" \x01https://ho\tst.ex\r\nample/p ", "https", "host.example", "/p "},
-      {"data/files:x", "", "", "data/files:x"},  // "/" is no scheme character
-      {"svn+ssh://h/p", "svn+ssh", "h", "/p"},
-      {"host:8080/p", "host", "", "8080/p"},
-      {"//host:1/p", "", "host:1", "/p"},
-      {"https://u@[fe80::1%25eth0]/p", "https", "u@[fe80::1%25eth0]", "/p"},
-      {"https://[v1.fe]/p", "https", "[v1.fe]", "/p"},
-      {"https://h/p?x=[1", "https", "h", "/p"},  // brackets in the query are not the host's business
+      {" \x01https://ho\tst.ex\r\nample/p ", "https|host.example|/p |"},
+      {"data/files:x", "||data/files:x|"},  // "/" is no scheme character
+      {"svn+ssh://h/p", "svn+ssh|h|/p|"},
+      {"host:8080/p", "host||8080/p|"},
+      {"//host:1/p", "|host:1|/p|"},
+      {"https://u@[fe80::1%25eth0]/p", "https|u@[fe80::1%25eth0]|/p|"},
+      {"https://[v1.fe]/p", "https|[v1.fe]|/p|"},
+      {"https://h/p?x=[1", "https|h|/p|"},  // brackets in the query are not the host's business
   };
-  for (const Case& c : cases) {
-    const UrlParts p = split_url(c.url);
-    EXPECT_EQ(p.scheme, c.scheme) << c.url;
-    EXPECT_EQ(p.netloc, c.netloc) << c.url;
-    EXPECT_EQ(p.path, c.path) << c.url;
+  for (const auto& [url, parts] : cases) {
+    const UrlParts p = split_url(url);
+    EXPECT_EQ(p.scheme + "|" + p.netloc + "|" + p.path + "|", parts) << url;
   }
-  const UrlParts p = split_url(cases[0].url);
+  const UrlParts p = split_url(cases[0].first);
   EXPECT_EQ(p.query, "q=1&r=/x");
   EXPECT_EQ(p.fragment, "frag?not-query");
   for (const char* bad : {"https://[::1/p", "https://::1]/p", "https://x[::1]/p", "https://[::1]x/p",
