@@ -5,9 +5,9 @@
 #include <charconv>
 #include <cmath>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include <strings.h>
 
@@ -74,18 +74,145 @@ class SharedState {
   std::mutex mu_[kSlots];
 };
 
-// The certificates a handshake trusts: the system's bundle, where libcurl
-// would look for it, and the extra ones. The bundle is parsed once per trust
-// setting; left to libcurl, each new connection would parse it again (some
-// 30 ms each).
+// The system's bundle, read only as far as a verification needs it. Each
+// certificate's subject is read once, which decodes no key; a certificate is
+// decoded whole only when a chain asks for its subject. Decoding the whole
+// bundle up front costs some 30 ms under OpenSSL 3, mostly in public keys,
+// where a chain needs one or two certificates, and none when the extra
+// certificates vouch for the server.
+class LazyBundle {
+ public:
+  explicit LazyBundle(std::string path) : path_(std::move(path)) {}
+  LazyBundle(const LazyBundle&) = delete;
+  LazyBundle& operator=(const LazyBundle&) = delete;
+
+  // Puts every certificate of the bundle whose subject is `name` into
+  // `store`; returns the first of them, or null.
+  X509* add_matches(X509_STORE* store, const X509_NAME* name) {
+    std::call_once(indexed_, [this] { index(); });
+    std::lock_guard<std::mutex> lock(mu_);
+    X509* first = nullptr;
+    for (Entry& entry : entries_) {
+      if (X509_NAME_cmp(entry.subject.get(), name) != 0) continue;
+      if (entry.cert == nullptr) {
+        const unsigned char* p = reinterpret_cast<const unsigned char*>(entry.der.data());
+        const long n = static_cast<long>(entry.der.size());
+        entry.cert.reset(entry.trusted_form ? d2i_X509_AUX(nullptr, &p, n) : d2i_X509(nullptr, &p, n));
+        if (entry.cert == nullptr) continue;
+        // Filled now, under the lock: OpenSSL fills this cache lazily, without one.
+        X509_check_purpose(entry.cert.get(), -1, 0);
+      }
+      // A certificate the store holds already is no failure.
+      X509_STORE_add_cert(store, entry.cert.get());
+      if (first == nullptr) first = entry.cert.get();
+    }
+    ERR_clear_error();
+    return first;
+  }
+
+ private:
+  struct Entry {
+    std::string der;
+    bool trusted_form = false;  // "TRUSTED CERTIFICATE": trust settings follow the certificate
+    std::unique_ptr<X509_NAME, decltype(&X509_NAME_free)> subject{nullptr, &X509_NAME_free};
+    std::unique_ptr<X509, decltype(&X509_free)> cert{nullptr, &X509_free};
+  };
+
+  // The certificates' encodings and subjects, in the bundle's order. A file
+  // that cannot be read adds nothing: a handshake then fails for want of
+  // trust, never succeeds without it.
+  void index() {
+    std::string text;
+    try {
+      text = read_file(path_);
+    } catch (const std::exception&) {
+      return;
+    }
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())),
+                                                   &BIO_free);
+    char* name = nullptr;
+    char* header = nullptr;
+    unsigned char* data = nullptr;
+    long len = 0;
+    while (bio && PEM_read_bio(bio.get(), &name, &header, &data, &len) == 1) {
+      const std::string_view kind(name);
+      Entry entry;
+      entry.trusted_form = kind == PEM_STRING_X509_TRUSTED;
+      if (kind == PEM_STRING_X509 || kind == PEM_STRING_X509_OLD || entry.trusted_form) {
+        entry.der.assign(reinterpret_cast<const char*>(data), static_cast<std::size_t>(len));
+        entry.subject.reset(subject_of(entry.der));
+        if (entry.subject) entries_.push_back(std::move(entry));
+      }
+      OPENSSL_free(name);
+      OPENSSL_free(header);
+      OPENSSL_free(data);
+    }
+    ERR_clear_error();
+  }
+
+  // The subject of an encoded certificate, read by walking the outer
+  // structure: Certificate and TBSCertificate, then past the optional
+  // version, the serial number, the signature algorithm, the issuer and the
+  // validity.
+  static X509_NAME* subject_of(const std::string& der) {
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(der.data());
+    const unsigned char* const end = p + der.size();
+    long len = 0;
+    int tag = 0;
+    int xclass = 0;
+    auto enter = [&] {
+      return (ASN1_get_object(&p, &len, &tag, &xclass, end - p) & 0x80) == 0 && tag == V_ASN1_SEQUENCE;
+    };
+    auto skip = [&] {
+      if ((ASN1_get_object(&p, &len, &tag, &xclass, end - p) & 0x80) != 0 || len > end - p) return false;
+      p += len;
+      return true;
+    };
+    if (!enter() || !enter()) return nullptr;
+    const unsigned char* field = p;
+    if ((ASN1_get_object(&field, &len, &tag, &xclass, end - p) & 0x80) == 0 && xclass == V_ASN1_CONTEXT_SPECIFIC &&
+        tag == 0 && !skip()) {
+      return nullptr;
+    }
+    for (int i = 0; i < 4; ++i) {
+      if (!skip()) return nullptr;
+    }
+    return d2i_X509_NAME(nullptr, &p, end - p);
+  }
+
+  const std::string path_;
+  std::once_flag indexed_;
+  std::mutex mu_;
+  std::vector<Entry> entries_;
+};
+
+// The look-up a store makes for a subject its own certificates lack. The
+// caller takes its own reference on what `ret` holds, as it would on one of
+// the store's entries: this one only lends it, the store keeping its own.
+int look_up_in_bundle(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* name, X509_OBJECT* ret) {
+  if (type != X509_LU_X509) return 0;
+  auto* bundle = static_cast<LazyBundle*>(X509_LOOKUP_get_method_data(lookup));
+  X509* first = bundle->add_matches(X509_LOOKUP_get_store(lookup), name);
+  if (first == nullptr || X509_OBJECT_set1_X509(ret, first) != 1) return 0;
+  X509_free(first);
+  return 1;
+}
+
+X509_LOOKUP_METHOD* bundle_lookup_method() {
+  static X509_LOOKUP_METHOD* method = [] {
+    X509_LOOKUP_METHOD* m = X509_LOOKUP_meth_new("quillmarsh system bundle");
+    if (m != nullptr) X509_LOOKUP_meth_set_get_by_subject(m, look_up_in_bundle);
+    return m;
+  }();
+  return method;
+}
+
+// The certificates a handshake trusts: the extra ones, then the system's
+// bundle and directory where libcurl would look for them.
 class TrustStore {
  public:
   explicit TrustStore(std::shared_ptr<const ExtraCa> extra_ca)
       : extra_ca_(std::move(extra_ca)), id_(next_id_.fetch_add(1) + 1) {}
-  ~TrustStore() {
-    if (ahead_.joinable()) ahead_.join();
-    if (bundle_ != nullptr) sk_X509_pop_free(bundle_, X509_free);
-  }
   TrustStore(const TrustStore&) = delete;
   TrustStore& operator=(const TrustStore&) = delete;
 
@@ -96,75 +223,65 @@ class TrustStore {
   X509_STORE* get(CURL* easy) const {
     thread_local ThreadCopy copy;
     if (copy.id != id_) {
-      copy.reset(build(easy));
+      copy.reset(nullptr, nullptr);
+      std::shared_ptr<LazyBundle> bundle;
+      X509_STORE* store = build(easy, bundle);
+      copy.reset(store, std::move(bundle));
       copy.id = id_;
     }
     return copy.store;
-  }
-
-  // Parses the system's bundle on a thread of its own, at most once: that
-  // takes tens of milliseconds, which a first request made a little later
-  // then does not wait for.
-  void parse_ahead() {
-    std::lock_guard<std::mutex> lock(ahead_mu_);
-    if (ahead_started_) return;
-    ahead_started_ = true;
-    ahead_ = std::thread([this] {
-      // A fresh handle names the bundle every request's handle names after
-      // its reset.
-      CURL* easy = curl_easy_init();
-      if (easy == nullptr) return;
-      parse_bundle(easy);
-      curl_easy_cleanup(easy);
-    });
   }
 
  private:
   struct ThreadCopy {
     std::uint64_t id = 0;
     X509_STORE* store = nullptr;
-    void reset(X509_STORE* next) {
+    // What the store's look-up reads, kept while the store is.
+    std::shared_ptr<LazyBundle> bundle;
+    void reset(X509_STORE* next, std::shared_ptr<LazyBundle> next_bundle) {
       if (store != nullptr) X509_STORE_free(store);  // connections hold their own references
       store = next;
+      bundle = std::move(next_bundle);
     }
-    ~ThreadCopy() { reset(nullptr); }
+    ~ThreadCopy() { reset(nullptr, nullptr); }
   };
 
-  // The bundle `easy` names, parsed once.
-  void parse_bundle(CURL* easy) const {
-    std::call_once(parsed_, [&] {
-      char* ca_file = nullptr;
-      curl_easy_getinfo(easy, CURLINFO_CAINFO, &ca_file);
-      X509_STORE* scratch = X509_STORE_new();
-      // A location that cannot be read adds nothing; the handshake then
-      // fails for want of trust, never succeeds without it.
-      if (scratch != nullptr && ca_file != nullptr) X509_STORE_load_file(scratch, ca_file);
-      if (scratch != nullptr) bundle_ = X509_STORE_get1_all_certs(scratch);
-      X509_STORE_free(scratch);
-      ERR_clear_error();
-    });
+  // The bundle at `path`, read at most once under this trust setting.
+  std::shared_ptr<LazyBundle> bundle_at(const std::string& path) const {
+    std::lock_guard<std::mutex> lock(bundle_mu_);
+    if (!bundle_ || bundle_path_ != path) {
+      bundle_ = std::make_shared<LazyBundle>(path);
+      bundle_path_ = path;
+    }
+    return bundle_;
   }
 
-  X509_STORE* build(CURL* easy) const {
+  X509_STORE* build(CURL* easy, std::shared_ptr<LazyBundle>& bundle) const {
+    char* ca_file = nullptr;
     char* ca_path = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_CAINFO, &ca_file);
     curl_easy_getinfo(easy, CURLINFO_CAPATH, &ca_path);
-    parse_bundle(easy);
-    {
-      // The parse is done, so this waits at most for the reader to return.
-      // Joined here, not at exit only: a process that leaves through _exit
-      // (an interrupted command) would otherwise end with it unjoined.
-      std::lock_guard<std::mutex> lock(ahead_mu_);
-      if (ahead_.joinable()) ahead_.join();
+    // Where a system keeps them elsewhere, it says so as for any OpenSSL program.
+    if (const char* file = std::getenv(X509_get_default_cert_file_env()); file != nullptr && *file != 0) {
+      ca_file = const_cast<char*>(file);
+    }
+    if (const char* dir = std::getenv(X509_get_default_cert_dir_env()); dir != nullptr && *dir != 0) {
+      ca_path = const_cast<char*>(dir);
     }
     X509_STORE* store = X509_STORE_new();
     if (store == nullptr) return nullptr;
-    for (int i = 0; bundle_ != nullptr && i < sk_X509_num(bundle_); ++i) X509_STORE_add_cert(store, sk_X509_value(bundle_, i));
-    // A directory is looked up lazily, per store.
-    if (ca_path != nullptr) X509_STORE_load_path(store, ca_path);
-    ERR_clear_error();
     if (extra_ca_) {
       for (X509* cert : extra_ca_->certs) X509_STORE_add_cert(store, cert);
     }
+    if (ca_file != nullptr && bundle_lookup_method() != nullptr) {
+      if (X509_LOOKUP* lookup = X509_STORE_add_lookup(store, bundle_lookup_method())) {
+        bundle = bundle_at(ca_file);
+        X509_LOOKUP_set_method_data(lookup, bundle.get());
+      }
+    }
+    // A directory is looked up lazily, per store.
+    if (ca_path != nullptr) X509_STORE_load_path(store, ca_path);
+    ERR_clear_error();
     // As libcurl sets it on a store of its own: a trusted intermediate suffices.
     X509_STORE_set_flags(store, X509_V_FLAG_PARTIAL_CHAIN);
     return store;
@@ -173,12 +290,9 @@ class TrustStore {
   static inline std::atomic<std::uint64_t> next_id_{0};
   std::shared_ptr<const ExtraCa> extra_ca_;
   const std::uint64_t id_;
-  mutable std::once_flag parsed_;
-  mutable STACK_OF(X509)* bundle_ = nullptr;  // the system's bundle, parsed
-  mutable std::mutex ahead_mu_;
-  mutable std::thread ahead_;
-  bool ahead_started_ = false;
-
+  mutable std::mutex bundle_mu_;
+  mutable std::shared_ptr<LazyBundle> bundle_;
+  mutable std::string bundle_path_;
 };
 
 // The certificates trusted now, and the state shared only under them.
@@ -608,8 +722,6 @@ void TransferLoop::run(int max_wait_ms) {
   if (ended || running_.empty() || wait_ms == 0) return;
   curl_multi_poll(multi_, nullptr, 0, wait_ms, nullptr);
 }
-
-void prepare_trust() { current_trust().store->parse_ahead(); }
 
 void set_extra_ca_file(const std::optional<std::string>& pem_path) {
   std::shared_ptr<ExtraCa> loaded;

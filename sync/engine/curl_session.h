@@ -102,11 +102,6 @@ class TransferLoop {
   std::unique_ptr<Pinned> trust_;
 };
 
-// Starts reading the system's trusted certificates on a thread of its own,
-// so that a request made a little later does not wait for them. Optional:
-// the first request reads them otherwise.
-void prepare_trust();
-
 // Process-wide: a PEM bundle of CA certificates trusted beside the system's
 // own, or nothing. Fails with OSError or ValueError when the file cannot be
 // read or holds no certificate; the previous setting then stays.

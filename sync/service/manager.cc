@@ -8,7 +8,6 @@
 #include "sync/support/log.h"
 #include "sync/support/posix_file.h"
 #include "sync/support/text.h"
-#include "sync/engine/curl_session.h"
 #include "sync/sync_manager.h"
 
 namespace quillmarsh::sync {
@@ -35,9 +34,6 @@ SyncManager::SyncManager(PassKey, std::string data_dir, std::string server_url, 
       _consumer_count_path(join_path(_data_dir, ".consumer_count")),
       _flock_path(join_path(_data_dir, ".sync_flock")),
       _get_token(std::move(get_token)) {
-  // A manager is made to talk to its server: the certificates that will
-  // take are read while the state files are.
-  prepare_trust();
   // Every attribute exists before the first fallible read, so a directory
   // whose state files are all unreadable still gives a usable manager.
   _hash_cache = _load_hash_cache();

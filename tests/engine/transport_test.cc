@@ -164,6 +164,20 @@ TEST_F(Transport, ARefusedPortOrAnUntrustedCertificateIsAConnectionFailure) {
   set_extra_ca_file(std::nullopt);
   EXPECT_THROW(_http_get_public(server_.url("/file.bin")), ConnectionError);
   EXPECT_EQ(server_.request_count("/file.bin"), 1u);
+
+  // The system's bundle is searched by subject among real certificates of
+  // every kind; the one that signed the server's is found there, and where
+  // the variables point, not only where libcurl was built to look.
+  const std::string bundle = path("bundle.pem"), empty_dir = path("no-certs");
+  make_dirs(empty_dir);
+  write_file(bundle, read_file("/etc/ssl/certs/ca-certificates.crt") + read_file(TestServer::ca_file()));
+  env_.set("SSL_CERT_FILE", bundle);
+  env_.set("SSL_CERT_DIR", empty_dir);
+  set_extra_ca_file(std::nullopt);  // a new trust setting: stores are built again
+  EXPECT_EQ(_http_get_public(server_.url("/file.bin")).status, 200);
+  write_file(bundle, read_file("/etc/ssl/certs/ca-certificates.crt"));
+  set_extra_ca_file(std::nullopt);
+  EXPECT_THROW(_http_get_public(server_.url("/file.bin")), ConnectionError);
 }
 
 TEST_F(Transport, TheTransportPolicyRefusesBeforeAnyTraffic) {
