@@ -109,7 +109,6 @@ void download_on_worker(const Batch& batch, std::size_t index, std::optional<Dow
         failure = std::current_exception();
       }
       batch.board->finish(index, local, failure);
-      return 0;
     });
   } catch (...) {
     // Only a batch that timed out has shut its pool; its files stay pending.
@@ -282,10 +281,7 @@ void SyncManager::_download_files_parallel(const Json& files_to_download, SyncRe
   Board& board = *batch.board;
   for (std::int64_t i = 0; i < loops; ++i) {
     const std::int64_t slots = max_workers / loops + (i < max_workers % loops ? 1 : 0);
-    batch.pool->submit([batch, slots] {
-      run_transfer_loop(batch, slots);
-      return 0;
-    });
+    batch.pool->submit([batch, slots] { run_transfer_loop(batch, slots); });
   }
 
   const std::optional<double> parallel_timeout = _sync_parallel_timeout_seconds(count, max_workers);
