@@ -59,40 +59,11 @@ class Api {
   }
 
   void manifest(httplib::Response& res) const {
-    if (auto era = served_era(res)) answer_json(res, 200, era->manifest);
+    answer_kept(res, &Answers::manifest);
   }
 
   void manifest_version(httplib::Response& res) const {
-    // Clients ask this on every pass, and a large manifest takes a second
-    // to digest: the answer is kept while the manifest file stays the same
-    // file, which a publish (a rename into place) always changes.
-    std::optional<FileKey> key;
-    const std::optional<Json> state = read_era_state(root_);
-    if (const std::optional<std::int64_t> era_id = state ? named_era(*state) : std::nullopt) {
-      const std::string path = root_.manifest_path(*era_id);
-      if (const auto st = lstat_path(path)) {
-        key = std::make_tuple(path, st->size, st->mtime_ns, st->ctime_ns, st->inode);
-        std::lock_guard<std::mutex> lock(version_mu_);
-        if (version_key_ == key) return answer_json(res, 200, version_doc_);
-      }
-    }
-    const auto era = served_era(res);
-    if (!era) return;
-    // A client keeps the filtered manifest, so the digest is of that.
-    auto kept = _drop_retired_found_pnl_long_files(
-        _drop_agent_bundle_declaration_files(std::make_shared<Json>(era->manifest)));
-    Json doc = Json::object();
-    doc["version"] = era->manifest.value("version", Json(0));
-    doc["era_id"] = era->manifest.value("era_id", Json(era->era_id));
-    doc["manifest_sha256"] = _sha256(json_text(*kept));
-    answer_json(res, 200, doc);
-    // Keyed by the file as it was before the read: a change meanwhile is
-    // answered afresh next time.
-    if (key) {
-      std::lock_guard<std::mutex> lock(version_mu_);
-      version_key_ = std::move(key);
-      version_doc_ = std::move(doc);
-    }
+    answer_kept(res, &Answers::version);
   }
 
   void shuffle(httplib::Response& res) const {
@@ -139,13 +110,66 @@ class Api {
     return era;
   }
 
+  using FileKey = std::tuple<std::string, std::int64_t, std::int64_t, std::int64_t, std::uint64_t>;
+  // What the served era's manifest alone decides, as sent.
+  struct Answers {
+    std::string manifest;
+    std::string version;
+  };
+
+  static Answers answers_of(const ServedEra& era) {
+    Answers out;
+    out.manifest = json_text(era.manifest);
+    // A client keeps the filtered manifest, so the digest is of that.
+    auto kept = _drop_retired_found_pnl_long_files(
+        _drop_agent_bundle_declaration_files(std::make_shared<Json>(era.manifest)));
+    Json doc = Json::object();
+    doc["version"] = era.manifest.value("version", Json(0));
+    doc["era_id"] = era.manifest.value("era_id", Json(era.era_id));
+    doc["manifest_sha256"] = _sha256(json_text(*kept));
+    out.version = json_text(doc);
+    return out;
+  }
+
+  // Answers are kept while the manifest file stays the same file, which a
+  // publish (a rename into place) always changes: a manifest of 100000
+  // files takes most of a second to parse and print again, and every
+  // client pass asks for the version first and the manifest next.
+  void answer_kept(httplib::Response& res, std::string Answers::*which) const {
+    std::optional<FileKey> key;
+    const std::optional<Json> state = read_era_state(root_);
+    if (const std::optional<std::int64_t> era_id = state ? named_era(*state) : std::nullopt) {
+      const std::string path = root_.manifest_path(*era_id);
+      if (const auto st = lstat_path(path)) {
+        key = std::make_tuple(path, st->size, st->mtime_ns, st->ctime_ns, st->inode);
+        std::lock_guard<std::mutex> lock(kept_mu_);
+        if (kept_key_ == key) {
+          res.status = 200;
+          res.set_content(kept_.*which, "application/json");
+          return;
+        }
+      }
+    }
+    const auto era = served_era(res);
+    if (!era) return;
+    Answers answers = answers_of(*era);
+    res.status = 200;
+    res.set_content(answers.*which, "application/json");
+    // Keyed by the file as it was before the read: a change meanwhile is
+    // answered afresh next time.
+    if (key) {
+      std::lock_guard<std::mutex> lock(kept_mu_);
+      kept_key_ = std::move(key);
+      kept_ = std::move(answers);
+    }
+  }
+
   const ServerRoot root_;
   const ExpectedToken token_;
   const std::string files_url_;
-  using FileKey = std::tuple<std::string, std::int64_t, std::int64_t, std::int64_t, std::uint64_t>;
-  mutable std::mutex version_mu_;
-  mutable std::optional<FileKey> version_key_;
-  mutable Json version_doc_;
+  mutable std::mutex kept_mu_;
+  mutable std::optional<FileKey> kept_key_;
+  mutable Answers kept_;
 };
 
 }  // namespace
