@@ -184,11 +184,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void _download_files_parallel(const Json& files_to_download, SyncResult& result);
   // The parts of _download_file that a batch also runs apart. The target,
   // its parent directory made; fails as _download_file would before any
-  // request. `paths`, when given, resolves under this manager's own data
-  // directory: a batch walks each directory its files share once.
+  // request. `places`, when given, resolves and makes under this manager's
+  // own data directory: a batch walks each directory its files share once.
   DownloadTarget _download_target(const std::string& file_path, const Json& file_info,
                                   const std::optional<std::string>& target_data_dir,
-                                  ManifestPathResolver* paths = nullptr);
+                                  TargetPlaces* places = nullptr);
   // The attempts from `first_attempt` on; a later first attempt waits first
   // as the attempt before it would have.
   void _download_attempts(const DownloadTarget& target, SyncResult& result, int max_retries,
@@ -221,12 +221,14 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void _persist_hash_cache();
   // OSError when the stat fails.
   static CacheStatKey _cache_stat_key(const std::string& local_path);
+  static CacheStatKey _cache_stat_key_of(const FileStat& st);
   // `expected_sha` when the cache proves the file still has that digest.
   std::optional<std::string> _cached_local_sha(const std::string& file_path, const std::string& local_path,
                                                const std::string& expected_sha);
-  // Records the digest just computed for the file as it stands now.
+  // Records the digest just computed for the file as it stands now, or as
+  // `now` says it stands when the caller has just looked.
   void _remember_local_sha(const std::string& file_path, const std::string& local_path,
-                           const std::string& actual_sha);
+                           const std::string& actual_sha, const FileStat* now = nullptr);
   // Whether the local file has the entry's size and digest; the cache is
   // neither read nor written unless `cache_allowed`.
   bool _local_file_matches_manifest(const std::string& file_path, const std::string& local_path,

@@ -53,8 +53,27 @@ double wait_after(int attempt) { return std::min(0.25 * std::pow(2.0, attempt), 
 
 }  // namespace
 
-StagedFile::StagedFile(const std::string& tmp_path, std::atomic<std::int64_t>& arrived)
-    : fh_(tmp_path, UpdatableFile::create), arrived_(arrived) {
+std::shared_ptr<const DirectoryHandle> TargetPlaces::made_directory(const std::string& dir) {
+  if (dir != last_path_) {
+    make_dirs(dir);
+    last_ = std::make_shared<const DirectoryHandle>(dir);
+    if (!last_->is_open()) last_.reset();
+    last_path_ = dir;
+  }
+  return last_;
+}
+
+namespace {
+
+UpdatableFile open_staging(const DownloadTarget& target) {
+  if (target.dir) return UpdatableFile(*target.dir, target.tmp_name, target.tmp_path, UpdatableFile::create);
+  return UpdatableFile(target.tmp_path, UpdatableFile::create);
+}
+
+}  // namespace
+
+StagedFile::StagedFile(const DownloadTarget& target, std::atomic<std::int64_t>& arrived)
+    : fh_(open_staging(target)), arrived_(arrived) {
   // Reading it through leaves the position at its end. Not zeroed: nearly
   // always the first read finds the file empty.
   const std::unique_ptr<char[]> piece(new char[kRehashPieceBytes]);
@@ -116,7 +135,7 @@ bool staged_digest_fits(const DownloadTarget& target, const std::string& actual_
 
 DownloadTarget SyncManager::_download_target(const std::string& file_path, const Json& file_info,
                                              const std::optional<std::string>& target_data_dir,
-                                             ManifestPathResolver* paths) {
+                                             TargetPlaces* places) {
   if (!file_info.is_object()) throw TypeError("file entry for " + file_path + " is not a mapping");
   DownloadTarget t;
   t.file_path = file_path;
@@ -128,9 +147,9 @@ DownloadTarget SyncManager::_download_target(const std::string& file_path, const
   t.url = _manifest_file_url(_server_url, file_path, base_url);
   t.public_download = base_url.is_string() && !strip(base_url.get_ref<const std::string&>()).empty();
   const bool other_root = target_data_dir && !target_data_dir->empty();
-  t.local_path = paths != nullptr && !other_root
-                     ? paths->local_path(file_path)
-                     : _manifest_local_path(other_root ? *target_data_dir : _data_dir, file_path);
+  if (other_root) places = nullptr;
+  t.local_path = places != nullptr ? places->paths().local_path(file_path)
+                                   : _manifest_local_path(other_root ? *target_data_dir : _data_dir, file_path);
 
   t.expected_sha = file_info.contains("sha256") ? file_info["sha256"] : Json("");
   t.expected_size = file_info.contains("size_bytes") ? integer_of(file_info["size_bytes"]) : 0;
@@ -138,15 +157,34 @@ DownloadTarget SyncManager::_download_target(const std::string& file_path, const
   t.tmp_path = t.local_path + ".tmp";
   t.remembered = (!target_data_dir || *target_data_dir == _data_dir) && t.file_type != "vault_module" &&
                  t.file_type != "backtester_module";
-  if (const std::string parent = dir_name(t.local_path); !parent.empty()) make_dirs(parent);
+  const std::string parent = dir_name(t.local_path);
+  if (places != nullptr && !parent.empty()) {
+    t.dir = places->made_directory(parent);
+    t.name = t.local_path.substr(t.local_path.rfind('/') + 1);
+    t.tmp_name = t.name + ".tmp";
+  } else if (!parent.empty()) {
+    make_dirs(parent);
+  }
   return t;
 }
 
 void SyncManager::_commit_download(const DownloadTarget& target, StagedFile& staged, const std::string& actual_sha,
                                    SyncResult& result) {
   staged.close();
-  rename_file(target.tmp_path, target.local_path);
-  if (target.remembered) _remember_local_sha(target.file_path, target.local_path, actual_sha);
+  if (target.dir) {
+    target.dir->rename_at(target.tmp_name, target.name, target.tmp_path);
+    if (target.remembered) {
+      std::optional<FileStat> now;
+      try {
+        now = target.dir->stat_at(target.name, target.local_path);
+      } catch (const OSError&) {
+      }
+      if (now) _remember_local_sha(target.file_path, target.local_path, actual_sha, &*now);
+    }
+  } else {
+    rename_file(target.tmp_path, target.local_path);
+    if (target.remembered) _remember_local_sha(target.file_path, target.local_path, actual_sha);
+  }
   result.bytes_downloaded += staged.total_written();
   if (target.file_type == "feature") result.features_downloaded += 1;
 }
@@ -206,7 +244,7 @@ void SyncManager::_download_attempts(const DownloadTarget& target, SyncResult& r
 
   for (int attempt = first_attempt; attempt <= last_attempt; ++attempt) {
     const double wait_s = wait_after(attempt);
-    StagedFile staged(target.tmp_path, _bytes_arrived);
+    StagedFile staged(target, _bytes_arrived);
     const std::int64_t range_start = staged.range_start();
 
     // Bodies stream into the staging file and the digest as they arrive, so
@@ -226,7 +264,7 @@ void SyncManager::_download_attempts(const DownloadTarget& target, SyncResult& r
 
     try {
       const std::int64_t chunk_bytes = _sync_http_chunk_bytes();
-      if (expected_size > chunk_bytes) {
+      if (comes_in_chunks(expected_size, chunk_bytes)) {
         while (staged.total_written() < expected_size) {
           const std::int64_t chunk_start = staged.total_written();
           const std::int64_t chunk_end = std::min(chunk_start + chunk_bytes - 1, expected_size - 1);

@@ -138,7 +138,7 @@ void run_transfer_loop(const Batch& batch, std::int64_t slots) {
 
   try {
     TransferLoop loop;
-    ManifestPathResolver paths(manager._data_dir);
+    TargetPlaces places(manager._data_dir);
     auto take = [&](InFlight* flight) {
       std::unique_ptr<InFlight> owned;
       for (auto& r : running) {
@@ -206,9 +206,9 @@ void run_transfer_loop(const Batch& batch, std::int64_t slots) {
       try {
         auto flight = std::make_unique<InFlight>();
         flight->index = index;
-        flight->target = manager._download_target(file_path, file_info, std::nullopt, &paths);
-        if (flight->target.expected_size <= chunk_bytes) {
-          flight->staged = std::make_unique<StagedFile>(flight->target.tmp_path, manager._bytes_arrived);
+        flight->target = manager._download_target(file_path, file_info, std::nullopt, &places);
+        if (!comes_in_chunks(flight->target.expected_size, chunk_bytes)) {
+          flight->staged = std::make_unique<StagedFile>(flight->target, manager._bytes_arrived);
         }
         if (!flight->staged || flight->staged->range_start() > 0) {
           flight->staged.reset();

@@ -11,6 +11,7 @@
 
 #include "sync/engine/curl_session.h"
 #include "sync/engine/file_primitives.h"
+#include "sync/paths/manifest_paths.h"
 #include "sync/support/json_text.h"
 #include "sync/support/posix_file.h"
 
@@ -23,6 +24,12 @@ struct DownloadTarget {
   bool public_download = false;
   std::string local_path;
   std::string tmp_path;
+  // The directory the file goes to, held open, and the names in it of the
+  // file and its staging file, when a batch knows them: each call on the
+  // file then looks up one name rather than the whole path. Null otherwise.
+  std::shared_ptr<const DirectoryHandle> dir;
+  std::string name;
+  std::string tmp_name;
   Json expected_sha;
   std::int64_t expected_size = 0;
   Json file_type;
@@ -31,13 +38,30 @@ struct DownloadTarget {
   bool remembered = false;
 };
 
+// Where a run of downloads puts its files: local paths resolved once per
+// directory they share, and the directory of the files that come next made
+// once and held open.
+class TargetPlaces {
+ public:
+  explicit TargetPlaces(std::string_view data_dir) : paths_(data_dir) {}
+  ManifestPathResolver& paths() { return paths_; }
+  // `dir`, made if missing, and held open; null when it cannot be opened,
+  // which leaves its files to whole paths.
+  std::shared_ptr<const DirectoryHandle> made_directory(const std::string& dir);
+
+ private:
+  ManifestPathResolver paths_;
+  std::string last_path_;
+  std::shared_ptr<const DirectoryHandle> last_;
+};
+
 // The staging file, opened for one attempt: whatever an earlier attempt
 // (or call) left is kept and hashed again, so that the next request goes
 // on behind it. Bodies stream in through `sink`, hashed as they come and
 // written in batches that still fit the CPU's cache.
 class StagedFile {
  public:
-  StagedFile(const std::string& tmp_path, std::atomic<std::int64_t>& arrived);
+  StagedFile(const DownloadTarget& target, std::atomic<std::int64_t>& arrived);
   StagedFile(const StagedFile&) = delete;
   StagedFile& operator=(const StagedFile&) = delete;
 
@@ -69,6 +93,12 @@ class StagedFile {
   std::int64_t range_start_ = 0;
   std::string pending_;  // arrived and hashed, not yet written
 };
+
+// Whether a file of `expected_size` bytes comes in ranged chunks rather
+// than by one whole-file GET.
+inline bool comes_in_chunks(std::int64_t expected_size, std::int64_t chunk_bytes) {
+  return expected_size > chunk_bytes;
+}
 
 // Whether the digest of what was staged is the one the manifest gives
 // (always, when it gives none).

@@ -123,9 +123,13 @@ void SyncManager::_persist_hash_cache() {
   }
 }
 
+SyncManager::CacheStatKey SyncManager::_cache_stat_key_of(const FileStat& st) {
+  return CacheStatKey{st.size, st.mtime_ns, st.ctime_ns, static_cast<std::int64_t>(st.inode)};
+}
+
 SyncManager::CacheStatKey SyncManager::_cache_stat_key(const std::string& local_path) {
   const FileStat st = stat_path(local_path);
-  return CacheStatKey{st.size, st.mtime_ns, st.ctime_ns, static_cast<std::int64_t>(st.inode)};
+  return _cache_stat_key_of(st);
 }
 
 std::optional<std::string> SyncManager::_cached_local_sha(const std::string& file_path, const std::string& local_path,
@@ -142,13 +146,17 @@ std::optional<std::string> SyncManager::_cached_local_sha(const std::string& fil
 }
 
 void SyncManager::_remember_local_sha(const std::string& file_path, const std::string& local_path,
-                                      const std::string& actual_sha) {
+                                      const std::string& actual_sha, const FileStat* now) {
   if (actual_sha.empty()) return;
   CacheStatKey key;
-  try {
-    key = _cache_stat_key(local_path);
-  } catch (const OSError&) {
-    return;
+  if (now) {
+    key = _cache_stat_key_of(*now);
+  } else {
+    try {
+      key = _cache_stat_key(local_path);
+    } catch (const OSError&) {
+      return;
+    }
   }
   CachedDigest fresh(key.size_bytes, key.mtime_ns, key.ctime_ns, key.inode, actual_sha);
   std::lock_guard<std::mutex> lock(_hash_cache_lock);
@@ -165,7 +173,7 @@ bool SyncManager::_local_file_matches_entry(const ManifestEntry& entry, const st
   // One stat serves the existence test, the size test and the cache lookup.
   CacheStatKey key;
   if (known) {
-    key = CacheStatKey{known->size, known->mtime_ns, known->ctime_ns, static_cast<std::int64_t>(known->inode)};
+    key = _cache_stat_key_of(*known);
   } else {
     try {
       key = _cache_stat_key(local_path);

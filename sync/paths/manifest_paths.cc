@@ -113,7 +113,11 @@ ManifestPathResolver::Resolved ManifestPathResolver::resolve(std::string_view fi
       open_dir_ = *dir;
       open_handle_ = DirectoryHandle(open_dir_);
     }
-    out.stat = open_handle_.is_open() ? open_handle_.lstat_at(std::string(name), out.path) : lstat_path(out.path);
+    if (open_handle_.is_open()) {
+      out.stat = open_handle_.lstat_at(std::string(name), out.path);
+    } else if (!open_handle_.is_missing()) {  // nothing is below a directory that is not there
+      out.stat = lstat_path(out.path);
+    }
     out.answered = true;
   } catch (const OSError&) {
     out.stat.reset();  // left to the walk, which takes such a name as it stands

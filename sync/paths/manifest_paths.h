@@ -64,7 +64,8 @@ class ManifestPathResolver {
   std::optional<std::string> base_;                    // resolved on first use, as a lone call would
   std::unordered_map<std::string, std::string> dirs_;  // safe relative directory -> resolved
   // The directory of the last look-up, held open: a manifest lists the
-  // files of one directory together.
+  // files of one directory together. One found missing stays so for the
+  // names that follow in it: only their own downloads can bring them.
   std::string open_dir_;
   DirectoryHandle open_handle_;
 };

@@ -50,6 +50,13 @@ UpdatableFile::UpdatableFile(const std::string& path, Open how) : path_(path) {
   if (fd_ < 0) raise_os_error(errno, path);
 }
 
+UpdatableFile::UpdatableFile(const DirectoryHandle& dir, const std::string& name, const std::string& path, Open how)
+    : path_(path) {
+  fd_ = how == create ? ::openat(dir.fd_, name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666)
+                      : ::openat(dir.fd_, name.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd_ < 0) raise_os_error(errno, path);
+}
+
 std::size_t UpdatableFile::read(char* buffer, std::size_t n) {
   for (;;) {
     const ssize_t got = ::read(fd_, buffer, n);
@@ -206,20 +213,32 @@ FileStat stat_path(const std::string& path) {
 }
 
 DirectoryHandle::DirectoryHandle(const std::string& path)
-    : fd_(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+    : fd_(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)), missing_(fd_ < 0 && (errno == ENOENT || errno == ENOTDIR)) {}
 
 DirectoryHandle::~DirectoryHandle() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-DirectoryHandle::DirectoryHandle(DirectoryHandle&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+DirectoryHandle::DirectoryHandle(DirectoryHandle&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)), missing_(other.missing_) {}
 
 DirectoryHandle& DirectoryHandle::operator=(DirectoryHandle&& other) noexcept {
   if (this != &other) {
     if (fd_ >= 0) ::close(fd_);
     fd_ = std::exchange(other.fd_, -1);
+    missing_ = other.missing_;
   }
   return *this;
+}
+
+FileStat DirectoryHandle::stat_at(const std::string& name, const std::string& full_path) const {
+  struct stat st;
+  if (::fstatat(fd_, name.c_str(), &st, 0) != 0) raise_os_error(errno, full_path);
+  return file_stat_of(st);
+}
+
+void DirectoryHandle::rename_at(const std::string& from, const std::string& to, const std::string& full_path) const {
+  if (::renameat(fd_, from.c_str(), fd_, to.c_str()) != 0) raise_os_error(errno, full_path);
 }
 
 std::optional<FileStat> DirectoryHandle::lstat_at(const std::string& name, const std::string& full_path) const {

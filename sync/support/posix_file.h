@@ -37,10 +37,13 @@ class ReadableFile {
 // open never truncates, and creates the file only when asked. Writes go
 // straight to the descriptor, so there is nothing to flush. Closed when it
 // goes, if not before.
+class DirectoryHandle;
 class UpdatableFile {
  public:
   enum Open { existing, create };
   explicit UpdatableFile(const std::string& path, Open how = existing);
+  // `name` in the directory held by `dir`; `path` names it in failures.
+  UpdatableFile(const DirectoryHandle& dir, const std::string& name, const std::string& path, Open how);
   ~UpdatableFile();
   UpdatableFile(const UpdatableFile&) = delete;
   UpdatableFile& operator=(const UpdatableFile&) = delete;
@@ -93,7 +96,7 @@ std::optional<FileStat> lstat_path(const std::string& path);
 
 // A directory held open so that the names in it are looked up from it, not
 // along the whole path each time. Holds nothing when `path` cannot be opened
-// as a directory.
+// as a directory. In each call, `full_path` names the file in failures.
 class DirectoryHandle {
  public:
   DirectoryHandle() = default;
@@ -104,12 +107,20 @@ class DirectoryHandle {
   DirectoryHandle(DirectoryHandle&& other) noexcept;
   DirectoryHandle& operator=(DirectoryHandle&& other) noexcept;
   bool is_open() const { return fd_ >= 0; }
-  // lstat_path(path + "/" + name) for the directory held; `full_path` names
-  // the file in failures.
+  // Whether the open failed as nothing is there (or a component on the way
+  // is no directory): then nothing can be found below it either.
+  bool is_missing() const { return missing_; }
+  // lstat_path(path + "/" + name) for the directory held.
   std::optional<FileStat> lstat_at(const std::string& name, const std::string& full_path) const;
+  // stat_path(path + "/" + name) for the directory held.
+  FileStat stat_at(const std::string& name, const std::string& full_path) const;
+  // rename_file between two names of the directory held.
+  void rename_at(const std::string& from, const std::string& to, const std::string& full_path) const;
 
  private:
+  friend class UpdatableFile;
   int fd_ = -1;
+  bool missing_ = false;
 };
 bool path_exists(const std::string& path);
 
