@@ -76,8 +76,11 @@ class RecordingAuth : public Auth {
   EventLog& log_;
 };
 
-// Logs "open identity=owner|<other>|null|absent", "handle N prev=P|None", "close".
-class RecordingSearchTracking : public SearchTracking, public std::enable_shared_from_this<RecordingSearchTracking> {
+// Logs "open identity=owner|<other>|null|absent", "handle N prev=P|None",
+// "close"; every tracker it opens is itself.
+class RecordingSearchTracking : public SearchTracking,
+                                public SearchTracker,
+                                public std::enable_shared_from_this<RecordingSearchTracking> {
  public:
   RecordingSearchTracking(EventLog& log, std::shared_ptr<Identity> owner) : log_(log), owner_(std::move(owner)) {}
   bool fail_with_identity = false;  // a construction that passes the keyword fails
@@ -86,22 +89,19 @@ class RecordingSearchTracking : public SearchTracking, public std::enable_shared
 
   std::shared_ptr<SearchTracker> open_tracker(const std::string&,
                                               std::optional<std::shared_ptr<Identity>> identity) override {
-    log_.add("open identity=" + std::string(!identity ? "absent" : !*identity ? "null" : *identity == owner_ ? "owner" : "<other>"));
+    log_.add("open identity=" +
+             std::string(!identity ? "absent" : !*identity ? "null" : *identity == owner_ ? "owner" : "<other>"));
     if (fail_always || (fail_with_identity && identity)) throw RuntimeError("tracker database locked");
-    return std::make_shared<Tracker>(shared_from_this());
+    return shared_from_this();
   }
+  void handle_era_transition(std::int64_t new_era_id, std::optional<std::int64_t> previous_era_id) override {
+    log_.add("handle " + std::to_string(new_era_id) +
+             " prev=" + (previous_era_id ? std::to_string(*previous_era_id) : std::string("None")));
+    if (fail_handle) throw RuntimeError("search table busy");
+  }
+  void close() override { log_.add("close"); }
 
  private:
-  struct Tracker : SearchTracker {
-    explicit Tracker(std::shared_ptr<RecordingSearchTracking> module) : m(std::move(module)) {}
-    void handle_era_transition(std::int64_t new_era_id, std::optional<std::int64_t> previous_era_id) override {
-      m->log_.add("handle " + std::to_string(new_era_id) +
-                  " prev=" + (previous_era_id ? std::to_string(*previous_era_id) : std::string("None")));
-      if (m->fail_handle) throw RuntimeError("search table busy");
-    }
-    void close() override { m->log_.add("close"); }
-    std::shared_ptr<RecordingSearchTracking> m;
-  };
   EventLog& log_;
   std::shared_ptr<Identity> owner_;
 };
