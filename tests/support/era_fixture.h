@@ -175,7 +175,8 @@ class EraFixture : public SyncFixture {
   std::shared_ptr<ScriptedDeployment> deployment_ = std::make_shared<ScriptedDeployment>();
   std::shared_ptr<ScriptedIdentityModule> identity_ = std::make_shared<ScriptedIdentityModule>();
   std::shared_ptr<RecordingAuth> auth_ = std::make_shared<RecordingAuth>(events_);
-  std::shared_ptr<RecordingSearchTracking> tracking_ = std::make_shared<RecordingSearchTracking>(events_, identity_->owner);
+  std::shared_ptr<RecordingSearchTracking> tracking_ =
+      std::make_shared<RecordingSearchTracking>(events_, identity_->owner);
 
  private:
   // The library's default deployment unless a test scripts one.
