@@ -110,13 +110,21 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
       {"in closing: between eras", true, 1, wrapped_era(nullptr), std::nullopt, false, true},
       {"unknown state, era = K", false, 1, flat_era(1, "paused"), std::nullopt, false, false},
       {"null state, era = K, in closing", true, 1, Json{{"era_id", 1}, {"state", nullptr}}, std::nullopt, false, true},
+      // Unreadable answers are failed polls that change nothing; a string
+      // stands for a body sent as it is.
+      {"in closing: no JSON", true, 1, "{not json", std::nullopt, false, true},
+      {"in closing: no object", true, 1, Json::array({1, 2}), std::nullopt, false, true},
   };
   auto manager = make_manager();
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     events_.clear();
     log_.clear();
-    answer_era(row.answer);
+    if (row.answer.is_string()) {
+      api_.put("/era/current", row.answer.get<std::string>());
+    } else {
+      answer_era(row.answer);
+    }
     auto mon = monitor(manager);
     mon->_last_known_era_id = row.known;
     mon->_in_closing = row.in_closing;
@@ -140,11 +148,12 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
     EXPECT_EQ(log_.count(LogLevel::info, "Scheduled close announced at None. Continue normal operation."),
               row.failure == "closing" ? 1u : 0u);
     for (const std::string& event : events_.events()) EXPECT_FALSE(event.starts_with("nudge")) << event;
-    EXPECT_EQ(logged_starting("Era poll failed: "), 0u);
+    EXPECT_EQ(logged_starting("Era poll failed: "), row.answer.is_object() ? 0u : 1u);
   }
 }
 
-TEST_F(EraMonitor, UnansweredOrUnreadablePollsChangeNothing) {
+// An unanswered poll is silent; a token source that fails is a failed poll.
+TEST_F(EraMonitor, UnansweredPollsChangeNothing) {
   auto mon = monitor(make_manager());
   mon->_last_known_era_id = 1;
   mon->_in_closing = true;
@@ -152,18 +161,9 @@ TEST_F(EraMonitor, UnansweredOrUnreadablePollsChangeNothing) {
   api_.fault("/era/current", {.status = 503, .times = 1});
   mon->_poll_once();
   EXPECT_TRUE(log_.records().empty());
-
-  for (const char* body : {"{not json", "[1, 2]"}) {
-    api_.put("/era/current", body);
-    mon->_poll_once();
-  }
-  EXPECT_EQ(logged_starting("Era poll failed: "), 2u);
-  EXPECT_EQ(log_.records().size(), 2u);
   EXPECT_TRUE(events_.events().empty());
   EXPECT_TRUE(mon->_last_known_era_id == 1 && mon->_in_closing && !mon->_transition_failed);
 
-  // A token source that fails is one more failed poll.
-  log_.clear();
   auto tokenless = std::make_shared<EraThread>(
       api_.base_url(), []() -> std::string { throw AuthError("token store locked"); }, make_manager());
   tokenless->_poll_once();
