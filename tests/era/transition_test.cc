@@ -110,13 +110,21 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
       {"in closing: between eras", true, 1, wrapped_era(nullptr), std::nullopt, false, true},
       {"unknown state, era = K", false, 1, flat_era(1, "paused"), std::nullopt, false, false},
       {"null state, era = K, in closing", true, 1, Json{{"era_id", 1}, {"state", nullptr}}, std::nullopt, false, true},
+      // Unreadable answers are failed polls that change nothing; a string
+      // stands for a body sent as it is.
+      {"in closing: no JSON", true, 1, "{not json", std::nullopt, false, true},
+      {"in closing: no object", true, 1, Json::array({1, 2}), std::nullopt, false, true},
   };
   auto manager = make_manager();
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     events_.clear();
     log_.clear();
-    answer_era(row.answer);
+    if (row.answer.is_string()) {
+      api_.put("/era/current", row.answer.get<std::string>());
+    } else {
+      answer_era(row.answer);
+    }
     auto mon = monitor(manager);
     mon->_last_known_era_id = row.known;
     mon->_in_closing = row.in_closing;
@@ -140,11 +148,12 @@ TEST_F(EraMonitor, EachStateAndAnswerLeadsToItsAction) {
     EXPECT_EQ(log_.count(LogLevel::info, "Scheduled close announced at None. Continue normal operation."),
               row.failure == "closing" ? 1u : 0u);
     for (const std::string& event : events_.events()) EXPECT_FALSE(event.starts_with("nudge")) << event;
-    EXPECT_EQ(logged_starting("Era poll failed: "), 0u);
+    EXPECT_EQ(logged_starting("Era poll failed: "), row.answer.is_object() ? 0u : 1u);
   }
 }
 
-TEST_F(EraMonitor, UnansweredOrUnreadablePollsChangeNothing) {
+// An unanswered poll is silent; a token source that fails is a failed poll.
+TEST_F(EraMonitor, UnansweredPollsChangeNothing) {
   auto mon = monitor(make_manager());
   mon->_last_known_era_id = 1;
   mon->_in_closing = true;
@@ -152,18 +161,9 @@ TEST_F(EraMonitor, UnansweredOrUnreadablePollsChangeNothing) {
   api_.fault("/era/current", {.status = 503, .times = 1});
   mon->_poll_once();
   EXPECT_TRUE(log_.records().empty());
-
-  for (const char* body : {"{not json", "[1, 2]"}) {
-    api_.put("/era/current", body);
-    mon->_poll_once();
-  }
-  EXPECT_EQ(logged_starting("Era poll failed: "), 2u);
-  EXPECT_EQ(log_.records().size(), 2u);
   EXPECT_TRUE(events_.events().empty());
   EXPECT_TRUE(mon->_last_known_era_id == 1 && mon->_in_closing && !mon->_transition_failed);
 
-  // A token source that fails is one more failed poll.
-  log_.clear();
   auto tokenless = std::make_shared<EraThread>(
       api_.base_url(), []() -> std::string { throw AuthError("token store locked"); }, make_manager());
   tokenless->_poll_once();
@@ -181,8 +181,7 @@ TEST_F(EraMonitor, AClosingWithoutAnEraTouchesNothingANewEraIsRetriedAndItsSucce
   EXPECT_EQ(mon->_last_transition_error, "closing: '>' not supported between instances of 'NoneType' and 'int'");
   EXPECT_TRUE(mon->_in_closing);
   EXPECT_TRUE(events_.events().empty());
-  EXPECT_FALSE(path_exists(path(".transition_lock")));
-  EXPECT_FALSE(manager->_in_transition);
+  expect_no_run_leftovers(*manager, 1);
 
   publish_era_data(2, {{"features/a/one.bin", "era two"}, {"features/a/same.bin", "kept"}});
 
@@ -199,11 +198,8 @@ TEST_F(EraMonitor, AClosingWithoutAnEraTouchesNothingANewEraIsRetriedAndItsSucce
   EXPECT_EQ(manager->get_manifest()->era_id, 2);
   EXPECT_EQ(mon->_last_known_era_id, 2);
   EXPECT_FALSE(mon->_transition_failed || mon->_last_transition_error.has_value());
-  const std::vector<std::string> events = events_.events();
-  ASSERT_GE(events.size(), 3u);
-  EXPECT_EQ(events.front(), "kill");
-  EXPECT_EQ(count("restart"), 1u);
-  EXPECT_EQ(events.back(), "nudge era_change 2 prev=1");
+  EXPECT_EQ(events_.events(), (Events{"kill", "auth 2", "open identity=owner", "handle 2 prev=1", "close", "restart",
+                                      "nudge era_change 2 prev=1"}));
 }
 
 const std::string kWheelAdvice =
@@ -233,11 +229,9 @@ class Transition : public EraFixture {
     manager_->trigger_era_transition(era, kill_fn(), with_restart ? restart_fn() : nullptr);
   }
   // Events of a run that reached the host's modules: kill, auth, tracker, restart.
-  static Events told(std::int64_t era, const std::string& prev, bool with_restart = true) {
-    Events e = {"kill", "auth " + std::to_string(era), "open identity=owner",
-                "handle " + std::to_string(era) + " prev=" + prev, "close"};
-    if (with_restart) e.push_back("restart");
-    return e;
+  static Events told(std::int64_t era, const std::string& prev) {
+    const std::string n = std::to_string(era);
+    return {"kill", "auth " + n, "open identity=owner", "handle " + n + " prev=" + prev, "close", "restart"};
   }
   // Records each retry wait of a run with the status shown during it.
   void record_waits(double at_least = 0) {
@@ -255,7 +249,7 @@ class Transition : public EraFixture {
 TEST_F(Transition, TheSameEraWhileClosingTellsNobodyAndTheNextEraFetchesOnlyWhatChanged) {
   sync_era1();
   const Files synced = live_files();
-  publish_era(1, "closing");
+  answer_era(flat_era(1, "closing"));
   transition(1);
   EXPECT_EQ(events_.events(), (Events{"kill", "restart"}));
   for (const auto& [rel, bytes] : era1_files()) EXPECT_EQ(store_.request_count("/bucket/" + rel), 0u) << rel;
@@ -340,62 +334,86 @@ TEST_F(Transition, TheSameEraWhileClosingTellsNobodyAndTheNextEraFetchesOnlyWhat
   EXPECT_EQ(events_.events(), told(2, "1"));
 }
 
-TEST_F(Transition, AFirstEraMovesInWithNoPreviousEra) {
-  const Json m1 = publish_era_data(1, era1_files());
-  put_local("features/old/stray.bin", "stray");
+// Each row moves the directory one era on, the first from no era at all.
+// Whatever the deployment or the host's modules do wrong lets the commit
+// through: the new era is in place, and only a tracker's failure reaches the
+// caller.
+TEST_F(Transition, EachRunPutsItsEraInPlaceAndTellsTheHostsModulesWhateverFailsAmongThem) {
   manager_ = make_manager();
-  ASSERT_FALSE(manager_->get_manifest());
-  transition(1, false);
-  EXPECT_EQ(read_file(path("manifest.json")), json_text(m1));
-  for (const auto& [rel, bytes] : era1_files()) EXPECT_EQ(read_file(path(rel)), bytes) << rel;
-  EXPECT_FALSE(path_exists(path("features/old/stray.bin")));
-  EXPECT_EQ(events_.events(), told(1, "None", false));
-  // No restart callback: no confirmation after the reload.
-  EXPECT_EQ(era_requests(), 1u + (era1_files().size() + 1) + 2u);
-  expect_no_run_leftovers(*manager_, 1);
-}
-
-// Whatever the host's modules do wrong comes after the commit: the new era
-// is in place, and only a tracker's failure reaches the caller.
-TEST_F(Transition, TheHostsModulesAreToldWhateverFailsAmongThem) {
-  sync_era1();
   struct Case {
+    const char* name;
     std::function<void()> arrange;
     Events after_auth;  // "H" stands for the tracker's handling of the era
     std::string failure = "ok";
+    std::vector<std::string> warnings = {};
+    std::optional<std::string> min_library_version = std::nullopt;
   };
   const std::vector<Case> cases = {
-      {[this] { identity_->fail = true; }, {"open identity=null", "H", "close", "restart"}},
-      {[this] { tracking_->fail_with_identity = true; },
+      {"a first era, no restart", [this] { put_local("features/old/stray.bin", "stray"); },
+       {"open identity=owner", "H", "close"}},
+      {"no identity", [this] { identity_->fail = true; }, {"open identity=null", "H", "close", "restart"}},
+      {"a tracker that refuses the identity", [this] { tracking_->fail_with_identity = true; },
        {"open identity=owner", "open identity=absent", "H", "close", "restart"}},
-      {[this] { auth_->fail = true; }, {"open identity=owner", "H", "close", "restart"}},
-      {[this] { tracking_->fail_handle = true; }, {"open identity=owner", "H", "close"},
+      {"auth fails", [this] { auth_->fail = true; }, {"open identity=owner", "H", "close", "restart"}, "ok",
+       {"Failed to notify auth about era change: token store locked"}},
+      {"the tracker's handling fails", [this] { tracking_->fail_handle = true; }, {"open identity=owner", "H", "close"},
        "RuntimeError: search table busy"},
-      {[this] { tracking_->fail_always = true; }, {"open identity=owner", "open identity=absent"},
+      {"no tracker opens", [this] { tracking_->fail_always = true; }, {"open identity=owner", "open identity=absent"},
        "RuntimeError: tracker database locked"},
+      // Below the minimum, and the update answers without a success flag: done.
+      {"an update that names no outcome",
+       [this] {
+         deployment_slot().set(deployment_);
+         deployment_->newer_version = "2.1.0";
+       },
+       {"open identity=owner", "H", "close", "restart"}, "ok", {}, "2.0"},
+      // A minimum the era cannot state counts as met; the update is asked for
+      // the running version, and its failure is only logged, as is a lock
+      // file that cannot be written.
+      {"a minimum that is no version",
+       [this] {
+         deployment_->update_result = UpdateResult{false, "disk full"};
+         make_dirs(path(".transition_lock"));
+       },
+       {"open identity=owner", "H", "close", "restart"}, "ok",
+       {"Invalid min_library_version from era config: two", "Auto-update failed: disk full",
+        "Failed to write transition lock file: "},
+       "two"},
   };
-  std::int64_t era = 1;
-  std::string previous_file = "features/a/keep.bin";
+  std::int64_t era = 0;
+  std::string previous_file = "features/old/stray.bin";
   for (const Case& c : cases) {
-    SCOPED_TRACE("era " + std::to_string(++era));
-    const std::string file = "features/a/x" + std::to_string(era) + ".bin";
+    SCOPED_TRACE(c.name);
+    const std::string file = "features/a/x" + std::to_string(++era) + ".bin";
     identity_->fail = auth_->fail = false;
     tracking_->fail_with_identity = tracking_->fail_handle = tracking_->fail_always = false;
-    c.arrange();
     const Json m = publish_era_data(era, {{file, "era " + std::to_string(era)}});
+    answer_era(flat_era(era, "active", c.min_library_version));
+    c.arrange();
     events_.clear();
-    EXPECT_EQ(outcome([&] { transition(era); }), c.failure);
+    log_.clear();
+    api_.clear_requests();
+    // The first run is given no restart callback.
+    EXPECT_EQ(outcome([&] { transition(era, era > 1); }), c.failure);
     Events expected = {"kill", "auth " + std::to_string(era)};
     for (const std::string& e : c.after_auth) {
-      expected.push_back(e == "H" ? "handle " + std::to_string(era) + " prev=" + std::to_string(era - 1) : e);
+      expected.push_back(e != "H" ? e
+                                  : "handle " + std::to_string(era) +
+                                        " prev=" + (era == 1 ? "None" : std::to_string(era - 1)));
     }
     EXPECT_EQ(events_.events(), expected);
+    for (const std::string& warning : c.warnings) EXPECT_EQ(logged_starting(warning), 1u) << warning;
+    EXPECT_EQ(log_.count_at(LogLevel::warning), c.warnings.size());
+    // The gate, a look before each of the two files and two confirmations;
+    // a third before the searches restart.
+    EXPECT_EQ(era_requests(), 5u + (expected.back() == "restart"));
     EXPECT_EQ(read_file(path("manifest.json")), json_text(m));
+    EXPECT_EQ(read_file(path(file)), "era " + std::to_string(era));
     EXPECT_EQ(manager_->get_manifest()->era_id, era);
     EXPECT_FALSE(path_exists(path(std::exchange(previous_file, file))));
     expect_no_run_leftovers(*manager_, era);
   }
-  EXPECT_EQ(log_.count(LogLevel::warning, "Failed to notify auth about era change: token store locked"), 1u);
+  EXPECT_EQ(deployment_->auto_update_calls, (std::vector<std::string>{"2.0", "1.0.0"}));
 }
 
 TEST_F(Transition, ANewerEraWhileStagingRestartsTheRunForIt) {
@@ -448,8 +466,12 @@ TEST_F(Transition, ANewerEraWhileStagingRestartsTheRunForIt) {
   expect_no_run_leftovers(*manager_, 3);
 }
 
-TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
+// A refusal leaves the live data as it was; an era that moves once the
+// commit is done leaves the new data in place, deletes nothing and tells
+// nobody.
+TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWasAndAMoveAfterTheCommitStopsThere) {
   sync_era1();
+  put_local("features/x/stray.bin", "stray");
   const Json m2 = publish_era_data(2, era2_files());
   const Files before = live_files();
   const std::shared_ptr<Manifest> manifest_before = manager_->get_manifest();
@@ -459,16 +481,17 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
   const std::string era_error = "EraError: ";
   // The deployment finds a newer build; its update fails as `fail` says.
   const auto update_fails = [this](std::function<void()> fail, std::optional<bool> success = std::nullopt) {
-    use_scripted_deployment();
+    deployment_slot().set(deployment_);
     deployment_->newer_version = "1.5.0";
     deployment_->update_result = UpdateResult{success, std::nullopt};
     deployment_->auto_update_throws = std::move(fail);
-    publish_era(2, "active", "2.0");
+    answer_era(flat_era(2, "active", "2.0"));
   };
   struct Case {
     const char* name;
     std::function<void()> arrange;
     std::string failure;
+    bool committed = false;
   };
   const std::vector<Case> cases = {
       {"update answers failure without a warning", [&] { update_fails(nullptr, false); },
@@ -478,10 +501,10 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
       {"the module's own LibraryUpdateRequired passes untouched",
        [&] { update_fails([] { throw LibraryUpdateRequired("restart the kernel"); }); },
        "LibraryUpdateRequired: restart the kernel"},
-      {"closing on a real advance", [this] { publish_era(2, "closing"); },
+      {"closing on a real advance", [this] { answer_era(flat_era(2, "closing")); },
        era_error + "Active era confirmation for era_id=2 returned state='closing'"},
       // No default state, whatever shape leaves it out or null.
-      {"no state", [this] { publish_era(2, std::nullopt); },
+      {"no state", [this] { answer_era(flat_era(2, std::nullopt)); },
        era_error + "Active era confirmation for era_id=2 returned state=None"},
       {"a null state inside an active wrapper",
        [this] { answer_era(wrapped_era(Json{{"era_id", 2}, {"state", nullptr}}, Json("active"))); },
@@ -503,6 +526,11 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
       {"era moves just before the commit",
        [this] { api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(3)), .skip = 6}); },
        era_error + "Active era_id=3 does not match requested transition era_id=2"},
+      // The gate, five looks and the confirmation before the renames see
+      // era 2; the one after the manifest swap sees era 3.
+      {"era moves right after the commit",
+       [this] { api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(3)), .skip = 7}); },
+       era_error + "Active era_id=3 does not match requested transition era_id=2", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -510,62 +538,25 @@ TEST_F(Transition, RefusalsLeaveTheLiveDataAsItWas) {
     deployment_slot().set(std::make_shared<DefaultDeployment>());
     api_.clear_faults();
     api_.put("/data/manifest", json_text(m2));
-    publish_era(2);
+    answer_era(flat_era(2));
     events_.clear();
     c.arrange();
     EXPECT_EQ(outcome([&] { transition(2); }), c.failure);
-    EXPECT_EQ(live_files(), before);
-    EXPECT_EQ(manager_->get_manifest(), manifest_before);
-    EXPECT_EQ(manager_->_vocabulary.load(), vocabulary_before);  // staged, never loaded
+    if (c.committed) {
+      EXPECT_EQ(read_file(path("manifest.json")), json_text(m2));
+      EXPECT_EQ(read_file(path("features/a/change.bin")), "era two bytes");
+      EXPECT_EQ(read_file(path("shuffle_seed.enc")), seed_bytes(2));
+      EXPECT_EQ(manager_->get_manifest()->era_id, 2);
+      EXPECT_TRUE(path_exists(path("named_universes/gone.json")) && path_exists(path("features/x/stray.bin")));
+    } else {
+      EXPECT_EQ(live_files(), before);
+      EXPECT_EQ(manager_->get_manifest(), manifest_before);
+      EXPECT_EQ(manager_->_vocabulary.load(), vocabulary_before);  // staged, never loaded
+    }
     EXPECT_EQ(events_.events(), Events{"kill"});  // searches stay killed
     expect_no_run_leftovers(*manager_, 2);
   }
   EXPECT_EQ(deployment_->auto_update_calls, (std::vector<std::string>{"2.0", "2.0", "2.0"}));
-}
-
-TEST_F(Transition, AnEraThatMovesRightAfterTheCommitKeepsTheNewDataAndStopsThere) {
-  sync_era1();
-  put_local("features/x/stray.bin", "stray");
-  const Json m2 = publish_era_data(2, era2_files());
-  // The gate, five looks and the confirmation before the renames see era 2;
-  // the one after the manifest swap sees era 3.
-  api_.fault("/era/current", Fault{.status = 200, .body = json_text(flat_era(3)), .skip = 7});
-  EXPECT_EQ(outcome([&] { transition(2); }), "EraError: Active era_id=3 does not match requested transition era_id=2");
-  EXPECT_EQ(read_file(path("manifest.json")), json_text(m2));
-  EXPECT_EQ(read_file(path("features/a/change.bin")), "era two bytes");
-  EXPECT_EQ(manager_->get_manifest()->era_id, 2);
-  EXPECT_EQ(read_file(path("shuffle_seed.enc")), seed_bytes(2));
-  // Nothing is deleted and nobody is told.
-  EXPECT_TRUE(path_exists(path("named_universes/gone.json")));
-  EXPECT_TRUE(path_exists(path("features/x/stray.bin")));
-  EXPECT_EQ(events_.events(), Events{"kill"});
-  expect_no_run_leftovers(*manager_, 2);
-}
-
-TEST_F(Transition, TheLibraryGateAndAnUnwritableLockFileLetTheRunOn) {
-  sync_era1();
-  use_scripted_deployment();
-  // Below the minimum, and the update answers without a success flag: done.
-  // A lock file that cannot be written is only a warning.
-  deployment_->newer_version = "2.1.0";
-  make_dirs(path(".transition_lock"));
-  publish_era_data(2, {{"features/a/x.bin", "two"}});
-  publish_era(2, "active", "2.0");
-  transition(2);
-  EXPECT_EQ(logged_starting("Failed to write transition lock file: "), 1u);
-  EXPECT_EQ(read_file(path("features/a/x.bin")), "two");
-  EXPECT_FALSE(manager_->_in_transition.load());
-
-  // A minimum the era cannot state counts as met; the update is asked for
-  // the running version, and its failure is only logged.
-  deployment_->update_result = UpdateResult{false, "disk full"};
-  publish_era_data(3, {{"features/a/x.bin", "three"}});
-  publish_era(3, "active", "two");
-  transition(3);
-  EXPECT_EQ(log_.count(LogLevel::warning, "Invalid min_library_version from era config: two"), 1u);
-  EXPECT_EQ(log_.count(LogLevel::warning, "Auto-update failed: disk full"), 1u);
-  EXPECT_EQ(deployment_->auto_update_calls, (std::vector<std::string>{"2.0", "1.0.0"}));
-  EXPECT_EQ(manager_->get_manifest()->era_id, 3);
 }
 
 TEST_F(Transition, BytesThatStayWrongHoldTheRunUntilTheEraMoves) {

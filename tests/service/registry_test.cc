@@ -60,7 +60,7 @@ class Registry : public EraFixture {
   // nothing to do and log nothing.
   void quiet_server() {
     publish(with_artefacts(manifest(1, 1)));
-    publish_era(1);
+    answer_era(flat_era(1));
   }
 };
 
@@ -223,19 +223,6 @@ class Coordination : public SyncFixture {
     return {{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}, {"kind", kind}};
   }
   std::string local(const std::string& rel) const { return _manifest_local_path(dir_.path(), rel); }
-
-  // A started manager with `in_force` on disk, its era artefacts beside it.
-  // The version document names that version and no era, so polls never find
-  // work while every pass still fetches `served`, with its artefacts, from
-  // /data/manifest.
-  std::shared_ptr<SyncManager> running_manager(Json in_force, const Json& served) {
-    write_local_artefacts(in_force["files"], in_force["era_id"].get<std::int64_t>());
-    _write_manifest_json(dir_.path(), in_force);
-    publish(with_artefacts(served), Json{{"version", in_force["version"]}});
-    auto m = make_manager();
-    m->start();
-    return m;
-  }
 };
 
 // request_for_sync is refused outside a polling manager, the transition test
@@ -253,7 +240,14 @@ TEST_F(Coordination, RequestForSyncIsRefusedOutsideAPollingManagerAndConcurrentR
   const std::string rel = "found_signals/a/b/c/pnl.arrow";
   Json files = Json::object();
   files[rel] = local_file(rel, "signal", "found_signal_is_pnl");
-  auto m = running_manager(manifest(1, 1), manifest(1, 2, files));
+  // Version 1 in force, and a version document that names it and no era:
+  // polls never find work, while every pass still fetches version 2.
+  Json in_force = manifest(1, 1);
+  write_local_artefacts(in_force["files"], 1);
+  _write_manifest_json(dir_.path(), in_force);
+  publish(with_artefacts(manifest(1, 2, files)), Json{{"version", 1}});
+  auto m = make_manager();
+  m->start();
   m->_in_transition = true;
   EXPECT_EQ(outcome([&] { m->request_for_sync(); }), kInTransition);
   m->_in_transition = false;
@@ -359,42 +353,38 @@ class Cleanup : public testing::SyncFixture {
   testing::TempDir outside_;
 };
 
+// Other spellings of the current era are the current era too, and only
+// direct child directories with an era name are era directories; without a
+// usable current era every era directory goes. A second run finds nothing
+// left to free.
 TEST_F(Cleanup, KeepCurrentSparesTheManifestsEraAndCountsTheRest) {
   const std::string manifest_text = "{\"era_id\": 2, \"version\": 1, \"files\": {}}";
   write_file(path("manifest.json"), manifest_text);
-  // Other spellings of the current era are the current era too, and only
-  // direct child directories with an era name are era directories.
+  auto m = make_manager();
+  ASSERT_NE(m->get_manifest(), nullptr);
   const struct {
     const char* rel;
     std::size_t size;
-    bool kept;
-  } files[] = {{"era_1/a.bin", 10, false},  {"era_1/sub/deeper/b.bin", 25, false}, {"era3/c.bin", 7, false},
-               {"era_2/d.bin", 100, true},  {"era_02/e.bin", 1, true},            {"era2/f.bin", 1, true},
-               {"eras/keep.bin", 4, true},  {"features/u/vocabulary.json", 9, true}, {"era_4", 6, true},
-               {"features/era_1/keep.bin", 4, true}};
-  for (const auto& f : files) put(path(f.rel), f.size);
-  make_dirs(path("era_1/empty"));
-  auto m = make_manager();
-  ASSERT_NE(m->get_manifest(), nullptr);
-
-  EXPECT_EQ(m->cleanup_old_eras(), 42);
-  EXPECT_FALSE(present("era_1") || present("era3"));
-  for (const auto& f : files) EXPECT_EQ(present(f.rel), f.kept) << f.rel;
-  EXPECT_EQ(read_file(path("manifest.json")), manifest_text);
-  // A second run finds nothing left to free.
-  EXPECT_EQ(m->cleanup_old_eras(true), 0);
-}
-
-TEST_F(Cleanup, WithoutAUsableCurrentEraEveryEraDirectoryGoes) {
-  auto m = make_manager();
-  ASSERT_EQ(m->get_manifest(), nullptr);
-  for (const Json& era_id : {Json("no manifest"), Json(nullptr), Json("two"), Json::array({2}), Json(1e30)}) {
+    bool in_old_era, in_current_era;
+  } files[] = {{"era_1/a.bin", 10, true, false},   {"era_1/sub/deeper/b.bin", 25, true, false},
+               {"era3/c.bin", 7, true, false},     {"era_2/d.bin", 100, false, true},
+               {"era_02/e.bin", 1, false, true},   {"era2/f.bin", 1, false, true},
+               {"eras/keep.bin", 4, false, false}, {"features/u/vocabulary.json", 9, false, false},
+               {"era_4", 6, false, false},         {"features/era_1/keep.bin", 4, false, false}};
+  for (const Json& era_id :
+       {Json("as read from disk"), Json("no manifest"), Json(nullptr), Json("two"), Json::array({2}), Json(1e30)}) {
+    SCOPED_TRACE(era_id.dump());
     if (era_id == "no manifest") m->_manifest.store(nullptr);
-    else set_manifest_era(*m, era_id);
-    for (const auto& [rel, size] : {std::pair{"era_1/x", 1}, {"era_2/x", 20}, {"era_3/y/x", 300}}) put(path(rel), size);
-    EXPECT_EQ(m->cleanup_old_eras(true), 321) << era_id;
-    for (const char* gone : {"era_1", "era_2", "era_3"}) EXPECT_FALSE(present(gone)) << era_id << " " << gone;
+    if (era_id != "as read from disk" && era_id != "no manifest") set_manifest_era(*m, era_id);
+    const bool usable = era_id == "as read from disk";
+    for (const auto& f : files) put(path(f.rel), f.size);
+    make_dirs(path("era_1/empty"));
+    EXPECT_EQ(m->cleanup_old_eras(), usable ? 42 : 144);
+    EXPECT_FALSE(present("era_1") || present("era3"));
+    for (const auto& f : files) EXPECT_EQ(present(f.rel), !f.in_old_era && (usable || !f.in_current_era)) << f.rel;
+    EXPECT_EQ(m->cleanup_old_eras(true), 0);
   }
+  EXPECT_EQ(read_file(path("manifest.json")), manifest_text);
 }
 
 TEST_F(Cleanup, LinksAndTheCurrentDataGoButLinkTargetsAndHiddenStateStay) {

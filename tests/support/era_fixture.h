@@ -52,18 +52,14 @@ class ScriptedDeployment : public Deployment {
   }
 };
 
-class NamedIdentity : public Identity {
- public:
-  explicit NamedIdentity(std::string name) : name(std::move(name)) {}
-  std::string name;
-};
-
+// Resolves every directory to `owner`, or fails.
 class ScriptedIdentityModule : public IdentityModule {
  public:
   bool fail = false;
+  const std::shared_ptr<Identity> owner = std::make_shared<Identity>();
   std::shared_ptr<Identity> resolve_identity_for_data_dir(const std::string&) override {
     if (fail) throw RuntimeError("no identity file");
-    return std::make_shared<NamedIdentity>("owner");
+    return owner;
   }
 };
 
@@ -80,49 +76,43 @@ class RecordingAuth : public Auth {
   EventLog& log_;
 };
 
-// Logs "open identity=<name>|null|absent", "handle N prev=P|None", "close".
-class RecordingSearchTracking : public SearchTracking, public std::enable_shared_from_this<RecordingSearchTracking> {
+// Logs "open identity=owner|<other>|null|absent", "handle N prev=P|None",
+// "close"; every tracker it opens is itself.
+class RecordingSearchTracking : public SearchTracking,
+                                public SearchTracker,
+                                public std::enable_shared_from_this<RecordingSearchTracking> {
  public:
-  explicit RecordingSearchTracking(EventLog& log) : log_(log) {}
+  RecordingSearchTracking(EventLog& log, std::shared_ptr<Identity> owner) : log_(log), owner_(std::move(owner)) {}
   bool fail_with_identity = false;  // a construction that passes the keyword fails
   bool fail_always = false;
   bool fail_handle = false;
 
   std::shared_ptr<SearchTracker> open_tracker(const std::string&,
                                               std::optional<std::shared_ptr<Identity>> identity) override {
-    const auto* named = identity ? dynamic_cast<const NamedIdentity*>(identity->get()) : nullptr;
-    log_.add("open identity=" + (named ? named->name : identity ? "null" : "absent"));
+    log_.add("open identity=" +
+             std::string(!identity ? "absent" : !*identity ? "null" : *identity == owner_ ? "owner" : "<other>"));
     if (fail_always || (fail_with_identity && identity)) throw RuntimeError("tracker database locked");
-    return std::make_shared<Tracker>(shared_from_this());
+    return shared_from_this();
   }
+  void handle_era_transition(std::int64_t new_era_id, std::optional<std::int64_t> previous_era_id) override {
+    log_.add("handle " + std::to_string(new_era_id) +
+             " prev=" + (previous_era_id ? std::to_string(*previous_era_id) : std::string("None")));
+    if (fail_handle) throw RuntimeError("search table busy");
+  }
+  void close() override { log_.add("close"); }
 
  private:
-  struct Tracker : SearchTracker {
-    explicit Tracker(std::shared_ptr<RecordingSearchTracking> module) : m(std::move(module)) {}
-    void handle_era_transition(std::int64_t new_era_id, std::optional<std::int64_t> previous_era_id) override {
-      m->log_.add("handle " + std::to_string(new_era_id) +
-                  " prev=" + (previous_era_id ? std::to_string(*previous_era_id) : std::string("None")));
-      if (m->fail_handle) throw RuntimeError("search table busy");
-    }
-    void close() override { m->log_.add("close"); }
-    std::shared_ptr<RecordingSearchTracking> m;
-  };
   EventLog& log_;
+  std::shared_ptr<Identity> owner_;
 };
 
 class EraFixture : public SyncFixture {
  protected:
-  void use_scripted_deployment() { deployment_slot().set(deployment_); }
-
   // What /era/current answers.
   void answer_era(const Json& body) {
     api_.put("/era/current", json_text(body), {{"Content-Type", "application/json"}});
   }
   // /era/current in the flat shape; a missing `state` leaves the key out.
-  void publish_era(std::int64_t era_id, std::optional<std::string> state = "active",
-                   std::optional<std::string> min_library_version = std::nullopt) {
-    answer_era(flat_era(era_id, state, min_library_version));
-  }
   static Json flat_era(Json era_id, std::optional<std::string> state = "active",
                        std::optional<std::string> min_library_version = std::nullopt) {
     Json era = {{"era_id", std::move(era_id)}};
@@ -144,7 +134,7 @@ class EraFixture : public SyncFixture {
     for (const auto& [file_path, bytes] : files) entries[file_path] = store_file(file_path, bytes);
     const Json m = with_artefacts(manifest(era, 1, std::move(entries)));
     publish(m);
-    publish_era(era);
+    answer_era(flat_era(era));
     return m;
   }
 
@@ -172,9 +162,10 @@ class EraFixture : public SyncFixture {
     return out;
   }
 
-  // No run left its marks behind.
+  // No run left its marks behind (a directory in the lock file's place is a
+  // test's, to make the file unwritable).
   void expect_no_run_leftovers(const SyncManager& manager, std::int64_t staged_era) const {
-    EXPECT_FALSE(path_exists(path(".transition_lock")));
+    EXPECT_FALSE(path_exists(path(".transition_lock")) && !is_directory(path(".transition_lock")));
     EXPECT_FALSE(path_exists(path(".transition_era" + std::to_string(staged_era) + ".tmp")));
     EXPECT_FALSE(manager._in_transition.load());
     EXPECT_FALSE(manager.status().has_value());
@@ -184,7 +175,8 @@ class EraFixture : public SyncFixture {
   std::shared_ptr<ScriptedDeployment> deployment_ = std::make_shared<ScriptedDeployment>();
   std::shared_ptr<ScriptedIdentityModule> identity_ = std::make_shared<ScriptedIdentityModule>();
   std::shared_ptr<RecordingAuth> auth_ = std::make_shared<RecordingAuth>(events_);
-  std::shared_ptr<RecordingSearchTracking> tracking_ = std::make_shared<RecordingSearchTracking>(events_);
+  std::shared_ptr<RecordingSearchTracking> tracking_ =
+      std::make_shared<RecordingSearchTracking>(events_, identity_->owner);
 
  private:
   // The library's default deployment unless a test scripts one.
