@@ -16,6 +16,7 @@ namespace {
 using testing::Fault;
 using testing::Headers;
 using testing::outcome;
+using testing::result_or_failure;
 using testing::seed_bytes;
 using testing::SyncFixture;
 using testing::TempDir;
@@ -61,74 +62,69 @@ TEST(SeedFile, ValidationRunsItsTestsInOrderAndTheSideFileHoldsTheEra) {
   EXPECT_EQ(read_file(meta), "{\"era_id\": 12}");
 }
 
-class SeedDownload : public SyncFixture {
- protected:
-  void serve(const std::string& body, Headers headers = {{"X-Era-Id", "4"}}) {
-    api_.put("/data/shuffle", body, std::move(headers));
-  }
-  // A seed of era `era` already in the data directory.
-  void place(std::int64_t era) {
-    write_file(path("shuffle_seed.enc"), seed_bytes(era));
-    _write_shuffle_seed_metadata(path("shuffle_seed.enc"), era);
-  }
-  std::string download_failure() {
-    return outcome([&] { manager_->_download_shuffle_seed(*server_manifest_); });
-  }
-  std::shared_ptr<SyncManager> manager_ = make_manager();
-  std::shared_ptr<Manifest> server_manifest_ = std::make_shared<Manifest>(manifest(4, 1));
-};
+using SeedDownload = SyncFixture;
 
-TEST_F(SeedDownload, ABadResponseLeavesTheOldSeedAsItWas) {
-  place(3);
-  const std::string old_meta = read_file(path("shuffle_seed.enc.meta.json"));
-  const std::pair<std::function<void()>, std::string> cases[] = {
-      {[&] { serve(seed_bytes(4).substr(1)); },
+// Each row starts from a valid seed of `local_era` on disk, the manifest in
+// force of `in_force` (none when 0) and the seed of era 4 served, then does
+// what `arrange` says; the server's manifest is of era 4. A fetch replaces
+// seed and side file, anything else leaves both as they were.
+TEST_F(SeedDownload, FetchedUnlessAValidOneOfTheEraInForceIsThereAndABadAnswerChangesNothing) {
+  const std::string seed = path("shuffle_seed.enc"), meta = path("shuffle_seed.enc.meta.json");
+  const auto serve = [this](const std::string& body, Headers headers) {
+    api_.put("/data/shuffle", body, std::move(headers));
+  };
+  struct Case {
+    std::int64_t local_era;
+    std::int64_t in_force;
+    std::function<void()> arrange;
+    std::string expected;  // "fetched", "kept" or the failure
+    std::size_t requests = 1;
+  };
+  const Case cases[] = {
+      // A seed of another era fails validation and is replaced.
+      {3, 0, [&] { serve(seed_bytes(4), {{"x-ERA-id", "0004"}}); }, "fetched"},
+      // A valid seed of the era, but no manifest in force, or one of another era: fetched again.
+      {4, 0, [] {}, "fetched"},
+      {4, 3, [] {}, "fetched"},
+      {4, 4, [] {}, "kept", 0},
+      // A side file that is JSON but no object is not a bad seed: no fetch.
+      {4, 4, [&] { write_file(meta, "4"); }, "TypeError: shuffle_seed.enc era metadata is a JSON number, not an object",
+       0},
+      {3, 0, [&] { serve(seed_bytes(4).substr(1), {{"X-Era-Id", "4"}}); },
        "SyncError: shuffle_seed.enc has invalid size: expected 60 bytes, got 59"},
       // The header is judged before the size.
-      {[&] { serve("short", {}); }, "SyncError: shuffle_seed.enc response is missing X-Era-Id"},
-      {[&] { serve("short", {{"X-Era-Id", "4.0"}}); }, "EraError: shuffle_seed.enc response has invalid X-Era-Id='4.0'"},
-      {[&] { serve(seed_bytes(4), {{"X-Era-Id", "5"}}); },
+      {3, 0, [&] { serve("short", {}); }, "SyncError: shuffle_seed.enc response is missing X-Era-Id"},
+      {3, 0, [&] { serve("short", {{"X-Era-Id", "4.0"}}); },
+       "EraError: shuffle_seed.enc response has invalid X-Era-Id='4.0'"},
+      {3, 0, [&] { serve(seed_bytes(4), {{"X-Era-Id", "5"}}); },
        "EraError: shuffle_seed.enc response era_id=5 does not match manifest era_id=4"},
-      {[&] { api_.fault("/data/shuffle", Fault{.status = 500}); }, "SyncError: Failed to download shuffle seed: HTTP 500"},
+      {3, 0, [&] { api_.fault("/data/shuffle", Fault{.status = 500}); },
+       "SyncError: Failed to download shuffle seed: HTTP 500"},
       // A refused login is not retried.
-      {[&] { api_.fault("/data/shuffle", Fault{.status = 401, .body = "not 60 bytes"}); },
+      {3, 0, [&] { api_.fault("/data/shuffle", Fault{.status = 401, .body = "not 60 bytes"}); },
        "AuthError: Authentication failed while downloading shuffle seed: HTTP 401"},
   };
-  for (const auto& [arrange, expected] : cases) {
-    SCOPED_TRACE(expected);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.expected + " from era " + std::to_string(c.local_era) + ", in force " + std::to_string(c.in_force));
     api_.clear_faults();
     api_.clear_requests();
-    arrange();
-    EXPECT_EQ(download_failure(), expected);
-    EXPECT_EQ(api_.request_count("/data/shuffle"), 1u);
-    EXPECT_EQ(read_file(path("shuffle_seed.enc")), seed_bytes(3));
-    EXPECT_EQ(read_file(path("shuffle_seed.enc.meta.json")), old_meta);
+    log_.clear();
+    write_file(seed, seed_bytes(c.local_era));
+    _write_shuffle_seed_metadata(seed, c.local_era);
+    serve(seed_bytes(4), {{"X-Era-Id", "4"}});
+    c.arrange();
+    auto manager = make_manager();
+    if (c.in_force) manager->_manifest.store(std::make_shared<Manifest>(manifest(c.in_force, 9)));
+    const std::string seed_before = read_file(seed), meta_before = read_file(meta);
+    const std::string got = result_or_failure(
+        [&] { return manager->_download_shuffle_seed(Manifest(manifest(4, 1))) ? "fetched" : "kept"; });
+    EXPECT_EQ(got, c.expected);
+    EXPECT_EQ(api_.request_count("/data/shuffle"), c.requests);
+    EXPECT_EQ(read_file(seed), c.expected == "fetched" ? seed_bytes(4) : seed_before);
+    EXPECT_EQ(read_file(meta), c.expected == "fetched" ? "{\"era_id\": 4}" : meta_before);
+    // Only a seed of another era is told as bad.
+    EXPECT_EQ(logged_starting("Local shuffle seed failed validation; re-downloading: "), c.local_era == 4 ? 0u : 1u);
   }
-}
-
-TEST_F(SeedDownload, ASeedIsFetchedUnlessAValidOneOfTheEraInForceIsThere) {
-  place(3);
-  serve(seed_bytes(4), {{"x-ERA-id", "0004"}});
-  // A seed of another era fails validation and is replaced.
-  EXPECT_TRUE(manager_->_download_shuffle_seed(*server_manifest_));
-  EXPECT_EQ(logged_starting("Local shuffle seed failed validation; re-downloading: "), 1u);
-  EXPECT_EQ(read_file(path("shuffle_seed.enc")), seed_bytes(4));
-  EXPECT_EQ(read_file(path("shuffle_seed.enc.meta.json")), "{\"era_id\": 4}");
-
-  // A valid seed of the era, but no manifest in force, or one of another era: fetched again.
-  EXPECT_TRUE(manager_->_download_shuffle_seed(*server_manifest_));
-  manager_->_manifest.store(std::make_shared<Manifest>(manifest(3, 9)));
-  EXPECT_TRUE(manager_->_download_shuffle_seed(*server_manifest_));
-  EXPECT_EQ(api_.request_count("/data/shuffle"), 3u);
-  manager_->_manifest.store(std::make_shared<Manifest>(manifest(4, 9)));
-  EXPECT_FALSE(manager_->_download_shuffle_seed(*server_manifest_));
-  EXPECT_EQ(api_.request_count("/data/shuffle"), 3u);
-  EXPECT_EQ(log_.records().size(), 1u);
-
-  // A side file that is JSON but no object is not a bad seed: no fetch.
-  write_file(path("shuffle_seed.enc.meta.json"), "4");
-  EXPECT_TRUE(download_failure().starts_with("TypeError: ")) << download_failure();
-  EXPECT_EQ(api_.request_count("/data/shuffle"), 3u);
 }
 
 }  // namespace

@@ -24,11 +24,6 @@ using testing::Fault;
 using testing::outcome_and_cause;
 using testing::TestServer;
 
-// Long enough for a TLS handshake on a loaded machine, short enough for a
-// test; the server's delays outlast it by a wide margin.
-constexpr const char* kShortTimeout = "1.0";
-constexpr double kLongerThanTimeout = 2.5;
-
 sockaddr_in loopback(int port) {
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
@@ -126,8 +121,9 @@ TEST_F(Transport, ARedirectIsFollowedWithItsRange) {
 // head. Either way a slow head is retried; that a slow body is not shows in
 // the Download suite's stall cases.
 TEST_F(Transport, ASlowHeadIsRetriedDirectOrThroughAProxy) {
-  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", kShortTimeout);
-  server_.fault("/slow", Fault{.delay_before_head_s = kLongerThanTimeout});
+  // Long enough for a TLS handshake on a loaded machine; the delays outlast it by a wide margin.
+  env_.set("QUILLMARSH_SYNC_HTTP_TIMEOUT_SECONDS", "1.0");
+  server_.fault("/slow", Fault{.delay_before_head_s = 2.5});
   const std::string url = server_.url("/slow");
   TunnelProxy proxy;
   for (const bool proxied : {false, true}) {
@@ -146,7 +142,7 @@ TEST_F(Transport, ASlowHeadIsRetriedDirectOrThroughAProxy) {
   env_.unset("https_proxy").unset("HTTPS_PROXY");
 
   // Slow once: the retry recovers.
-  server_.fault("/file.bin", Fault{.delay_before_head_s = kLongerThanTimeout, .times = 1});
+  server_.fault("/file.bin", Fault{.delay_before_head_s = 2.5, .times = 1});
   EXPECT_EQ(_http_get_public(server_.url("/file.bin")).body, content_);
   EXPECT_EQ(waits_.events().size(), 5u);
   EXPECT_EQ(server_.request_count("/file.bin"), 2u);

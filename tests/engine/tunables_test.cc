@@ -26,13 +26,9 @@ TEST(Tunables, EachReaderClampsSilentlyOrFallsBackLoudly) {
   const std::function<std::string()> chunk = [] { return shown(_sync_http_chunk_bytes()); };
   const std::function<std::string()> workers = [] { return shown(_sync_max_concurrency()); };
   const std::function<std::string()> batch = [] { return shown(_sync_parallel_timeout_seconds(10, 8)); };
-  struct Case {
-    std::vector<std::pair<const char*, const char*>> env;
-    const std::function<std::string()>& read;
-    std::string expected;
-    bool warns;
-  };
-  const Case cases[] = {
+  // The variables set (without their prefix), the reader, what it reads and whether it warns.
+  using Variables = std::vector<std::pair<const char*, const char*>>;
+  const std::tuple<Variables, std::function<std::string()>, std::string, bool> cases[] = {
       {{{"HTTP_TIMEOUT", "5"}}, timeout, shown(5.0), false},
       // Set but empty: the default, and the old name shadowed.
       {{{"HTTP_TIMEOUT", "5"}, {"HTTP_TIMEOUT_SECONDS", ""}}, timeout, shown(30.0), false},
@@ -53,16 +49,17 @@ TEST(Tunables, EachReaderClampsSilentlyOrFallsBackLoudly) {
       {{{"MAX_CONCURRENCY", "many"}}, workers, "8", true},
       {{{"PARALLEL_TIMEOUT_SECONDS", "nan"}}, batch, "absent", true},
   };
-  for (const Case& c : cases) {
+  for (const auto& [variables, read, expected, warns] : cases) {
+    SCOPED_TRACE(std::string(variables.back().first) + "=" + variables.back().second);
     testing::ScopedEnv env;
     for (const char* name : {"HTTP_TIMEOUT_SECONDS", "HTTP_TIMEOUT", "HTTP_RETRIES", "HTTP_CHUNK_BYTES",
                              "MAX_CONCURRENCY", "PARALLEL_TIMEOUT_SECONDS"}) {
       env.unset(std::string("QUILLMARSH_SYNC_") + name);
     }
-    for (const auto& [name, value] : c.env) env.set(std::string("QUILLMARSH_SYNC_") + name, value);
+    for (const auto& [name, value] : variables) env.set(std::string("QUILLMARSH_SYNC_") + name, value);
     LogCapture log;
-    EXPECT_EQ(c.read(), c.expected) << c.env.back().first << "=" << c.env.back().second;
-    EXPECT_EQ(log.count_at(LogLevel::warning), c.warns ? 1u : 0u) << c.env.back().first << "=" << c.env.back().second;
+    EXPECT_EQ(read(), expected);
+    EXPECT_EQ(log.count_at(LogLevel::warning), warns ? 1u : 0u);
   }
 }
 

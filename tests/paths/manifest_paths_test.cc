@@ -24,15 +24,9 @@ namespace {
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 using testing::outcome;
+using testing::result_or_failure;
 
 const std::string kNotAPath = "ManifestError: Manifest file path must be a non-empty relative path";
-
-// Whatever a call returned, or "Type: message" of what it raised.
-std::string result_or_failure(const std::function<std::string()>& f) {
-  std::string got;
-  const std::string failure = outcome([&] { got = f(); });
-  return failure == "ok" ? got : failure;
-}
 
 // That whatever passes is safe, that the JSON and text forms agree and that
 // the local path never leaves the data directory are the path fuzz target's

@@ -20,6 +20,13 @@ inline std::string outcome(const std::function<void()>& f) {
   return "ok";
 }
 
+// What `f` returned, or "Type: message" of what it raised.
+inline std::string result_or_failure(const std::function<std::string()>& f) {
+  std::string got;
+  const std::string failure = outcome([&] { got = f(); });
+  return failure == "ok" ? got : failure;
+}
+
 struct Outcome {
   std::string failure;  // as outcome() tells it
   std::string cause;    // "Type: message" of the failure's cause, "" when none

@@ -30,6 +30,11 @@ inline std::string vocabulary_path(const std::string& universe) {
   return "features/" + universe + "/vocabulary.json";
 }
 
+// The manifest entry of `bytes`: their size and digest.
+inline Json entry_of(const std::string& bytes) {
+  return Json{{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}};
+}
+
 // What callbacks and stand-in modules were told, in order, from any thread.
 class EventLog {
  public:
@@ -121,14 +126,9 @@ class SyncFixture : public DataDirFixture {
   // Puts `bytes` on the store under manifest path `path`; returns its entry.
   Json store_file(const std::string& path, const std::string& bytes, const std::string& kind = "") {
     store_.put("/bucket/" + path, bytes);
-    Json entry = {{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}};
+    Json entry = entry_of(bytes);
     if (!kind.empty()) entry["kind"] = kind;
     return entry;
-  }
-
-  // Serves the shuffle seed of `era` at /data/shuffle.
-  void publish_seed(std::int64_t era) {
-    api_.put("/data/shuffle", seed_bytes(era), {{"X-Era-Id", std::to_string(era)}});
   }
 
   // `m` with a valid vocabulary per universe added to its files (stored on
@@ -140,7 +140,7 @@ class SyncFixture : public DataDirFixture {
       m["files"][vocabulary_path(universe)] =
           store_file(vocabulary_path(universe), json_text(vocabulary(era, universe)));
     }
-    publish_seed(era);
+    api_.put("/data/shuffle", seed_bytes(era), {{"X-Era-Id", std::to_string(era)}});
     return m;
   }
 
@@ -149,9 +149,8 @@ class SyncFixture : public DataDirFixture {
   void write_local_artefacts(Json& files, std::int64_t era, const std::vector<std::string>& universes = {"u"}) {
     for (const std::string& universe : universes) {
       const std::string bytes = json_text(vocabulary(era, universe));
-      make_dirs(path("features/" + universe));
-      write_file(path(vocabulary_path(universe)), bytes);
-      files[vocabulary_path(universe)] = Json{{"size_bytes", bytes.size()}, {"sha256", _sha256(bytes)}};
+      put_local(vocabulary_path(universe), bytes);
+      files[vocabulary_path(universe)] = entry_of(bytes);
     }
     write_file(path("shuffle_seed.enc"), seed_bytes(era));
     write_file(path("shuffle_seed.enc.meta.json"), "{\"era_id\": " + std::to_string(era) + "}");

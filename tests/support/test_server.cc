@@ -69,7 +69,6 @@ TestServer::TestServer(const std::string& root, const std::string& token)
     : impl_(std::make_unique<Impl>(Scheme::https, root, token)) {}
 TestServer::~TestServer() = default;
 
-int TestServer::port() const { return impl_->site_.port(); }
 std::string TestServer::base_url() const { return impl_->site_.url(); }
 std::string TestServer::url(const std::string& path) const { return base_url() + path; }
 std::string TestServer::ca_file() { return std::string(QMSYNC_TEST_CERT_DIR) + "/ca.pem"; }

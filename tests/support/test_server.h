@@ -50,7 +50,6 @@ class TestServer {
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;
 
-  int port() const;
   std::string base_url() const;                    // "https://127.0.0.1:PORT"
   std::string url(const std::string& path) const;  // base_url() + path
   static std::string ca_file();                    // PEM of the CA to trust
