@@ -17,7 +17,6 @@
 #include <map>
 #include <mutex>
 #include <random>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -107,14 +106,11 @@ int main(int argc, char** argv) {
   }
   for (const std::string& f : convergence_failures(snapshot(data_dir), target)) fail("at the end: " + f, "");
 
-  // Full fetches (no Range, or a range from byte 0) per era and manifest path.
-  static const std::regex kFilePath("^/era_([0-9]+)/(.*)$");
+  // Full fetches (no Range, or a range from byte 0) per store path, which
+  // names the era ("/era_2/...").
   std::map<std::string, int> fetches;
   for (const RecordedRequest& r : world.store().requests()) {
-    std::smatch m;
-    if (std::regex_match(r.path, m, kFilePath) && (!r.range || r.range->starts_with("bytes=0-"))) {
-      ++fetches["era " + m[1].str() + ": " + m[2].str()];
-    }
+    if (!r.range || r.range->starts_with("bytes=0-")) ++fetches[r.path];
   }
   int fetched = 0, refetched = 0;
   for (const auto& [file, count] : fetches) {
