@@ -52,10 +52,9 @@ inline int exit_code_of(int status) { return WIFEXITED(status) ? WEXITSTATUS(sta
 // this goes.
 class Child {
  public:
-  // stdout goes to `out_path`; stderr to `err_path`, or where stdout goes
-  // when it is empty. The environment is this process's without
-  // QUILLMARSH_SYNC_* (a developer's settings must not leak in), plus `env`
-  // ("NAME=value").
+  // stdout goes to `out_path`, stderr to `err_path`. The environment is
+  // this process's without QUILLMARSH_SYNC_* (a developer's settings must not
+  // leak in), plus `env` ("NAME=value").
   Child(std::vector<std::string> argv, const std::string& out_path, const std::string& err_path,
         const std::vector<std::string>& env = {})
       : out_path_(out_path) {
@@ -64,8 +63,7 @@ class Child {
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     const int flags = O_WRONLY | O_CREAT | O_TRUNC;
     posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), flags, 0644);
-    if (err_path.empty()) posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    else posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), flags, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), flags, 0644);
     std::vector<std::string> env_items;
     for (char** e = environ; *e != nullptr; ++e) {
       if (std::strncmp(*e, "QUILLMARSH_SYNC_", 16) != 0) env_items.emplace_back(*e);
@@ -141,24 +139,13 @@ class Child {
   std::size_t read_from_ = 0;
 };
 
-// Runs `argv` to its end, killed after `timeout_s`; the exit code (128 +
-// SIGKILL when killed). stdout and stderr both go to `log_path`.
-inline int run_child(const std::vector<std::string>& argv, const std::string& log_path, double timeout_s,
-                     const std::vector<std::string>& env = {}) {
-  Child child(argv, log_path, "", env);
+// Runs `argv` to its end with stdout and stderr captured in `log_prefix`.out
+// and .err. One that runs past `timeout_s` is killed and says so on stderr.
+inline ProcessResult run_process(const std::vector<std::string>& argv, const std::string& log_prefix,
+                                 const std::vector<std::string>& extra_env = {}, double timeout_s = kProcessTimeoutS) {
+  Child child(argv, log_prefix + ".out", log_prefix + ".err", extra_env);
   const std::optional<int> code = child.wait_for(timeout_s);
-  return code ? *code : child.kill_now();
-}
-
-// Runs `argv` to its end with stdout and stderr captured through files in
-// `scratch_dir`. One that runs past `timeout_s` is killed and says so on stderr.
-inline ProcessResult run_process(const std::vector<std::string>& argv, const std::string& scratch_dir,
-                                 const std::vector<std::string>& extra_env = {},
-                                 double timeout_s = kProcessTimeoutS) {
-  const std::string out_path = scratch_dir + "/stdout.txt", err_path = scratch_dir + "/stderr.txt";
-  Child child(argv, out_path, err_path, extra_env);
-  const std::optional<int> code = child.wait_for(timeout_s);
-  ProcessResult result{code ? *code : child.kill_now(), read_file(out_path), read_file(err_path)};
+  ProcessResult result{code ? *code : child.kill_now(), read_file(log_prefix + ".out"), read_file(log_prefix + ".err")};
   if (!code) result.err += "\n[killed: still running after " + std::to_string(timeout_s) + " s]\n";
   return result;
 }

@@ -42,7 +42,6 @@ TEST_F(ProgressObserverTest, ToldOfEachFileASyncOrARepairBringsAndAThrowingOneCh
     // between them as bytes arrive. Neither count goes back.
     ASSERT_GE(calls.size(), 4u);
     EXPECT_TRUE(on_caller);
-    int completions = 0;
     for (std::size_t i = 0; i < calls.size(); ++i) {
       EXPECT_EQ(calls[i].files_selected, 3);
       EXPECT_EQ(calls[i].bytes_selected, 3210);
@@ -50,9 +49,7 @@ TEST_F(ProgressObserverTest, ToldOfEachFileASyncOrARepairBringsAndAThrowingOneCh
       EXPECT_GE(calls[i].bytes_done, calls[i - 1].bytes_done);
       const std::int64_t step = calls[i].files_done - calls[i - 1].files_done;
       EXPECT_TRUE(step == 0 || step == 1) << i;
-      completions += static_cast<int>(step);
     }
-    EXPECT_EQ(completions, 3);
     EXPECT_EQ(calls.front().files_done, 0);
     EXPECT_EQ(calls.front().bytes_done, 0);
     EXPECT_EQ(calls.back().files_done, 3);

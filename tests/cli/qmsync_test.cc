@@ -31,45 +31,39 @@ namespace {
 
 class QmsyncTest : public ::testing::Test {
  protected:
-  // A chunk size below the larger file's size makes the client fetch it by ranges.
   void SetUp() override {
     make_dirs(data_dir());
-    source_files_ = {{"features/equities/prices.bin", pseudo_random_bytes(40000, 1)},
-                     {"features/futures/rolls.bin", pseudo_random_bytes(3000, 2)},
-                     {"docs/readme.txt", "What this era holds.\n"},
-                     {"docs/empty.txt", ""}};
-    write_source(1);
     write_file(token_path(), "token-1\n");
   }
 
-  // Writes the source files, with vocabularies of `era`.
-  void write_source(std::int64_t era) {
+  // Writes the source of `era` into a directory of its own and publishes it
+  // as version 1; era 2 changes one file, drops one and adds one, and is not
+  // served until set_era_state names it. A chunk size below the larger
+  // file's size makes the client fetch it by ranges.
+  void publish(std::int64_t era) {
+    std::map<std::string, std::string> files = {{"docs/readme.txt", "What this era holds.\n"}, {"docs/empty.txt", ""}};
+    files["features/equities/prices.bin"] = pseudo_random_bytes(30000 + 10000 * era, era);
+    files[era == 1 ? "features/futures/rolls.bin" : "features/futures/curves.bin"] = pseudo_random_bytes(3000, era);
     for (const std::string universe : {"equities", "futures"}) {
-      source_files_["features/" + universe + "/vocabulary.json"] = vocabulary_text(era, universe);
+      files["features/" + universe + "/vocabulary.json"] = vocabulary_text(era, universe);
     }
-    for (const auto& [path, bytes] : source_files_) {
-      make_dirs(dir_name(source_dir() + "/" + path));
-      write_file(source_dir() + "/" + path, bytes);
+    for (const auto& [path, bytes] : files) {
+      make_dirs(dir_name(source_dir(era) + "/" + path));
+      write_file(source_dir(era) + "/" + path, bytes);
     }
-  }
-  // Publishes era 2, not served yet: one file changed, one gone, one new.
-  void publish_era_2() {
-    source_files_["features/equities/prices.bin"] = pseudo_random_bytes(50000, 7);
-    source_files_.erase("features/futures/rolls.bin");
-    remove_file(source_dir() + "/features/futures/rolls.bin");
-    source_files_["features/futures/curves.bin"] = pseudo_random_bytes(2000, 8);
-    write_source(2);
-    publish(1, 2);
+    const ProcessResult r = qmsync({"publish", "--source", source_dir(era), "--out", root_dir(), "--era",
+                                    std::to_string(era), "--version", "1"});
+    ASSERT_EQ(r.exit_code, 0) << r.err;
   }
 
-  std::string source_dir() const { return tmp_ / "source"; }
+  std::string source_dir(std::int64_t era = 1) const { return tmp_ / ("source" + std::to_string(era)); }
   std::string root_dir() const { return tmp_ / "root"; }
   std::string data_dir() const { return tmp_ / "work/data"; }
   std::string token_path() const { return tmp_ / "token"; }
 
   ProcessResult qmsync(std::vector<std::string> args, const std::vector<std::string>& env = {}) {
     args.insert(args.begin(), QMSYNC_BINARY);
-    return run_process(args, tmp_.path(), env);
+    return run_process(args, tmp_ / "run", env);
   }
   // Client options for the running server; with `binary`, a whole command line.
   std::vector<std::string> client(std::vector<std::string> args, bool binary = false) {
@@ -79,11 +73,6 @@ class QmsyncTest : public ::testing::Test {
     return args;
   }
 
-  void publish(std::int64_t version, std::int64_t era = 1) {
-    const ProcessResult r = qmsync({"publish", "--source", source_dir(), "--out", root_dir(), "--era",
-                                    std::to_string(era), "--version", std::to_string(version)});
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-  }
   // Replaces the server's current.json: what /era/current answers.
   void set_era_state(const std::string& state_json) { write_file(root_dir() + "/current.json", state_json); }
 
@@ -106,7 +95,6 @@ class QmsyncTest : public ::testing::Test {
   }
 
   TempDir tmp_;
-  std::map<std::string, std::string> source_files_;
   std::unique_ptr<Child> server_;
   std::string api_url_;
   std::string ca_file_;
@@ -147,7 +135,7 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
   EXPECT_EQ(parse_json_text(qmsync(client({"needs-sync", "--json"})).out), (Json{{"needs_sync", false}}));
   EXPECT_EQ(qmsync(client({"needs-sync"})).out, "false\n");
   const Json status = parse_json_text(qmsync(client({"status", "--json"})).out);
-  EXPECT_EQ(status["file_count"], source_files_.size());
+  EXPECT_EQ(status["file_count"], 6);  // four files and two vocabularies
   EXPECT_EQ(status["needs_sync"], false);
 
   EXPECT_EQ(qmsync({"verify", "--data-dir", data_dir()}).exit_code, 0);
@@ -270,7 +258,7 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
 // status that point to the move, the move itself, and the cleanups after it.
 TEST_F(QmsyncTest, TransitionMovesToTheServedEraAndCleanupFreesTheOldOne) {
   start_synced();
-  publish_era_2();
+  publish(2);
   // Refused while the server still serves era 1, then for want of a newer library.
   for (const auto& [exit_code, says] :
        {std::pair{5, "error: EraError: Active era_id=1 does not match requested transition era_id=2"},
@@ -322,7 +310,7 @@ TEST_F(QmsyncTest, WatchFollowsAnEraChangeAndStopsCleanlyOnSigterm) {
     return true;
   };
   ASSERT_TRUE(wait_for({{"start", "era 1, version 1"}})) << read_file(tmp_ / "watch.err");
-  publish_era_2();
+  publish(2);
   set_era_state(R"({"era_id": 2, "state": "active"})");
   ASSERT_TRUE(wait_for({{"era_changed", "from era 1 to era 2"}, {"manifest", "era 2, version 1"}}))
       << read_file(tmp_ / "watch.err");

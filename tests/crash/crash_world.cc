@@ -47,16 +47,11 @@ void check_hash_cache(const std::string& data_dir, const std::string& text, Disk
     state.state_problems.push_back(std::string(".sync_hash_cache.json is not whole: ") + e.what());
     return;
   }
-  if (!cache.is_object()) return;
-  const Json& entries = cache.contains("files") && cache["files"].is_object() ? cache["files"] : cache;
-  for (const auto& [path, entry] : entries.items()) {
+  if (!cache.is_object() || !cache.contains("files")) return;
+  for (const auto& [path, entry] : cache["files"].items()) {
     if (!entry.is_object() || !entry.contains("sha256") || !state.has(path)) continue;
-    FileStat st;
-    try {
-      st = stat_path(data_dir + "/" + path);
-    } catch (const OSError&) {
-      continue;
-    }
+    // The writer is dead by now: the file is as the snapshot saw it.
+    const FileStat st = stat_path(data_dir + "/" + path);
     const auto number = [&](const char* key) { return entry.value(key, Json(-1)).get<std::int64_t>(); };
     if (number("size_bytes") == st.size && number("mtime_ns") == st.mtime_ns && number("ctime_ns") == st.ctime_ns &&
         number("inode") == static_cast<std::int64_t>(st.inode) && entry["sha256"] != state.digests.at(path)) {
@@ -124,10 +119,8 @@ Published ServedWorld::publish(Published p) {
     make_dirs(dir_name(source + "/" + path));
     write_file(source + "/" + path, bytes);
   }
-  p.prefix = "/era_" + std::to_string(p.era);
-  server::publish_era({source, tmp_ / "root", p.era, p.version, store_.base_url() + p.prefix, true});
+  server::publish_era({source, tmp_ / "root", p.era, p.version, store_.base_url() + p.prefix(), true});
   p.seed = read_file(server::ServerRoot{tmp_ / "root"}.seed_path(p.era));
-  std::lock_guard<std::mutex> lock(mu_);
   return current_ = std::move(p);
 }
 

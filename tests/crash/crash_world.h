@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
@@ -24,9 +23,11 @@ namespace quillmarsh::sync::testing {
 struct Published {
   std::int64_t era = 0;
   std::int64_t version = 0;
-  std::string prefix;                        // "/era_{era}": where the store holds its files
   std::map<std::string, std::string> files;  // manifest path -> bytes, vocabularies included
   std::string seed;                          // the era's shuffle seed
+
+  // Where the store holds the files.
+  std::string prefix() const { return "/era_" + std::to_string(era); }
 };
 
 class ServedWorld {
@@ -35,6 +36,7 @@ class ServedWorld {
   // empty file and two vocabularies, published as era 1, version 1.
   ServedWorld(std::uint32_t seed, int large_files, int small_files);
 
+  // One thread publishes at a time; the runs only read what it served.
   // A new version of the current era: one data file dropped and
   // `added_files` new ones, about a quarter of them large.
   Published publish_next_version(int added_files);
@@ -42,10 +44,7 @@ class ServedWorld {
   // made the era served.
   Published publish_next_era();
 
-  Published current() const {
-    std::lock_guard<std::mutex> lock(mu_);
-    return current_;
-  }
+  const Published& current() const { return current_; }
   TestServer& api() { return api_; }
   TestServer& store() { return store_; }
 
@@ -59,7 +58,6 @@ class ServedWorld {
   TempDir tmp_;
   TestServer api_;
   TestServer store_;
-  mutable std::mutex mu_;
   std::mt19937 rng_;
   int next_file_ = 0;
   Published current_;

@@ -54,36 +54,20 @@ void spoil_responses(ServedWorld& world, const Published& target, const std::vec
       case 4: f.delay_before_head_s = seconds(rng), f.times = 2; break;
       default: f.half_range = true; break;
     }
-    world.store().fault(target.prefix + "/" + path, f);
+    world.store().fault(target.prefix() + "/" + path, f);
   }
   if (rng() % 3 == 0) world.api().fault("/data/manifest", {.delay_before_head_s = seconds(rng), .times = 1});
 }
 
 // Where in its work the process was when it died, read from what it left.
-std::string kill_point(Kind kind, const DiskState& killed, const DiskState& before, const DiskState& after,
-                       const Published& target) {
-  int arrivals = 0;
-  for (const auto& [path, bytes] : target.files) {
-    const auto now = killed.digests.find(path);
-    arrivals += now != killed.digests.end() && now->second == _sha256(bytes) &&
-                (!before.has(path) || before.digests.at(path) != now->second);
-  }
-  const bool committed = killed.manifest_text && killed.manifest_text == after.manifest_text &&
-                         killed.manifest_text != before.manifest_text;
-  if (kind == kTransition) {
-    const std::string staging = ".transition_era" + std::to_string(target.era) + ".tmp";
-    const bool staged = std::ranges::find(killed.tmp_paths, staging) != killed.tmp_paths.end();
-    if (committed) return staged ? "transition: after manifest.json, staging still there" : "transition: after the commit";
-    if (staged) return arrivals ? "transition: inside the commit" : "transition: while staging";
-    return "transition: before staging";
-  }
-  if (committed) return kKindNames[kind] + ": after manifest.json";
-  if (!killed.tmp_paths.empty()) return kKindNames[kind] + ": inside a download";
-  return kKindNames[kind] + (arrivals ? ": between downloads" : ": before any download");
+std::string kill_point(Kind kind, const DiskState& killed, const DiskState& before) {
+  if (killed.manifest_text != before.manifest_text) return kKindNames[kind] + ": after manifest.json";
+  return kKindNames[kind] + (killed.tmp_paths.empty() ? ": outside a download" : ": inside a download or staging");
 }
 
-std::string tail(const std::string& path) {
-  const std::string text = path_exists(path) ? read_file(path) : "";
+// The end of what a run printed, enough to tell its failure.
+std::string tail(const ProcessResult& r) {
+  const std::string text = r.out + r.err;
   return text.size() > 600 ? "..." + text.substr(text.size() - 600) : text;
 }
 
@@ -110,14 +94,14 @@ int main(int argc, char** argv) {
   ServedWorld world(seed, 4, 24);
   // Quarter-MiB chunks: the large files come down in several ranges each.
   const std::vector<std::string> env = {"QUILLMARSH_SYNC_HTTP_CHUNK_BYTES=262144"};
-  // A run of `command` to its end, logged to `log`; a failure adds a problem.
-  const auto run = [&](const std::vector<std::string>& command, const std::string& log, const std::string& what,
+  // A run of `command` to its end; a failure adds a problem.
+  const auto run = [&](const std::vector<std::string>& command, const std::string& what,
                        std::vector<std::string>& problems) {
-    const int code = run_child(world.client(data_dir, command), tmp / log, 120, env);
-    if (code != 0) problems.push_back(what + " failed with exit " + std::to_string(code) + ": " + tail(tmp / log));
+    const ProcessResult r = run_process(world.client(data_dir, command), tmp / "run", env, 120);
+    if (r.exit_code) problems.push_back(what + " failed with exit " + std::to_string(r.exit_code) + ": " + tail(r));
   };
   std::vector<std::string> first;
-  run({"sync"}, "first.log", "the first sync", first);
+  run({"sync"}, "the first sync", first);
   if (!first.empty()) return std::cerr << first[0] << "\n", 1;
 
   std::map<std::string, int> points;
@@ -163,14 +147,14 @@ int main(int argc, char** argv) {
       // The run stops itself at the named place; no faults, so that it gets there.
       std::vector<std::string> stopping = env;
       stopping.push_back("QMSYNC_STOP_AT=" + *stop_at);
-      const int code = run_child(world.client(data_dir, command), tmp / "killed.log", 120, stopping);
-      if (code != 128 + SIGKILL) {
-        problems.push_back("never reached the stop point (exit " + std::to_string(code) + "): " + tail(tmp / "killed.log"));
+      const ProcessResult r = run_process(world.client(data_dir, command), tmp / "killed", stopping, 120);
+      if (r.exit_code != 128 + SIGKILL) {
+        problems.push_back("never reached the stop point (exit " + std::to_string(r.exit_code) + "): " + tail(r));
       }
     } else {
       spoil_responses(world, target, likely_fetched, rng);
       kill_after_s = std::uniform_real_distribution<double>(0, reach_s[kind])(rng);
-      Child child(world.client(data_dir, command), tmp / "killed.log", "", env);
+      Child child(world.client(data_dir, command), tmp / "killed.out", tmp / "killed.err", env);
       ended = child.wait_for(kill_after_s);
       if (!ended) child.kill_now();
       reach_s[kind] *= ended ? 0.9 : 1.03;
@@ -179,15 +163,15 @@ int main(int argc, char** argv) {
 
     world.store().clear_faults();
     world.api().clear_faults();
-    run(command, "again.log", "the next run", problems);
-    run({"verify"}, "verify.log", "verify after the next run", problems);
+    run(command, "the next run", problems);
+    run({"verify"}, "verify after the next run", problems);
     const DiskState after = snapshot(data_dir);
 
     for (std::string& p : broken_promises(killed, before, after, {old, target})) problems.push_back(std::move(p));
     for (std::string& p : convergence_failures(after, target)) problems.push_back("after the next run: " + p);
     const std::string point = stop_at ? "stopped at " + *stop_at
                               : ended ? kKindNames[kind] + ": ran to its end (exit " + std::to_string(*ended) + ")"
-                                      : kill_point(kind, killed, before, after, target);
+                                      : kill_point(kind, killed, before);
     ++points[point];
     for (const std::string& p : problems) {
       std::cout << "VIOLATION trial " << index << " (" << point << ", killed after " << kill_after_s << " s): " << p

@@ -17,7 +17,6 @@
 #include <map>
 #include <mutex>
 #include <random>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -53,9 +52,12 @@ int main(int argc, char** argv) {
 
   std::mutex mu;
   std::vector<std::string> failures;
-  const auto fail = [&](const std::string& what, const std::string& log) {
+  const auto fail = [&](const std::string& what, const std::string& printed) {
     std::lock_guard<std::mutex> lock(mu);
-    failures.push_back(what + ": " + (path_exists(log) ? read_file(log) : std::string("(no output)")));
+    failures.push_back(what + ": " + printed);
+  };
+  const auto run = [&](const std::vector<std::string>& command, const std::string& log) {
+    return run_process(world.client(data_dir, command), tmp / log, env, 300);
   };
   // Each worker runs its syncs one after another, as separate processes.
   // Before the era moves a sync must succeed; after, it may also meet the
@@ -64,12 +66,12 @@ int main(int argc, char** argv) {
   std::atomic<int> syncs_run{0};
   const auto worker = [&](int id, int count) {
     for (int i = 0; i < count; ++i) {
-      const std::string log = tmp / ("sync-" + std::to_string(id) + "-" + std::to_string(i) + ".log");
       const bool may_meet_new_era = era_moving.load();
-      const int code = run_child(world.client(data_dir, {"sync"}), log, 300, env);
+      const ProcessResult r = run({"sync"}, "sync-" + std::to_string(id) + "-" + std::to_string(i));
       ++syncs_run;
-      if (code == 0 || (may_meet_new_era && code == cli::kExitEra)) continue;
-      fail("process " + std::to_string(id) + " sync " + std::to_string(i) + " exited " + std::to_string(code), log);
+      if (r.exit_code == 0 || (may_meet_new_era && r.exit_code == cli::kExitEra)) continue;
+      fail("process " + std::to_string(id) + " sync " + std::to_string(i) + " exited " + std::to_string(r.exit_code),
+           r.out + r.err);
     }
   };
 
@@ -96,23 +98,19 @@ int main(int argc, char** argv) {
   {
     std::vector<std::jthread> workers;
     for (int id = 1; id < processes; ++id) workers.emplace_back(worker, id, 3);
-    const std::string log = tmp / "transition.log";
-    const int code = run_child(world.client(data_dir, {"transition", std::to_string(target.era)}), log, 300, env);
-    if (code != 0) fail("the transition exited " + std::to_string(code), log);
+    const ProcessResult r = run({"transition", std::to_string(target.era)}, "transition");
+    if (r.exit_code != 0) fail("the transition exited " + std::to_string(r.exit_code), r.out + r.err);
   }
-  if (const int code = run_child(world.client(data_dir, {"verify"}), tmp / "verify.log", 300, env); code != 0) {
-    fail("verify at the end exited " + std::to_string(code), tmp / "verify.log");
+  if (const ProcessResult r = run({"verify"}, "verify"); r.exit_code != 0) {
+    fail("verify at the end exited " + std::to_string(r.exit_code), r.out + r.err);
   }
   for (const std::string& f : convergence_failures(snapshot(data_dir), target)) fail("at the end: " + f, "");
 
-  // Full fetches (no Range, or a range from byte 0) per era and manifest path.
-  static const std::regex kFilePath("^/era_([0-9]+)/(.*)$");
+  // Full fetches (no Range, or a range from byte 0) per store path, which
+  // names the era ("/era_2/...").
   std::map<std::string, int> fetches;
   for (const RecordedRequest& r : world.store().requests()) {
-    std::smatch m;
-    if (std::regex_match(r.path, m, kFilePath) && (!r.range || r.range->starts_with("bytes=0-"))) {
-      ++fetches["era " + m[1].str() + ": " + m[2].str()];
-    }
+    if (!r.range || r.range->starts_with("bytes=0-")) ++fetches[r.path];
   }
   int fetched = 0, refetched = 0;
   for (const auto& [file, count] : fetches) {

@@ -3,6 +3,7 @@
 // integer_of_text is checked against strtoll on the stripped text; quoted
 // must print one line of printable bytes between quotes that reads back to
 // the input.
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -22,18 +23,8 @@ namespace quillmarsh::sync {
 namespace {
 
 bool is_decimal_literal(std::string_view body) {
-  if (!body.empty() && (body.front() == '+' || body.front() == '-')) body.remove_prefix(1);
-  if (body.empty()) return false;
-  for (char c : body) {
-    if (c < '0' || c > '9') return false;
-  }
-  return true;
-}
-
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
+  if (body.starts_with('+') || body.starts_with('-')) body.remove_prefix(1);
+  return !body.empty() && std::ranges::all_of(body, [](char c) { return c >= '0' && c <= '9'; });
 }
 
 // The text between quoted()'s quotes with its escapes undone; absent when it
@@ -41,31 +32,23 @@ int hex_value(char c) {
 std::optional<std::string> unquote(std::string_view text) {
   if (text.size() < 2 || text.front() != '\'' || text.back() != '\'') return std::nullopt;
   text = text.substr(1, text.size() - 2);
+  constexpr std::string_view kEscaped = "\\'nrt", kMeant = "\\'\n\r\t";
   std::string out;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '\'') return std::nullopt;
-    if (c != '\\') {
-      out += c;
-      continue;
-    }
-    if (++i == text.size()) return std::nullopt;
-    switch (text[i]) {
-      case '\\': out += '\\'; break;
-      case '\'': out += '\''; break;
-      case 'n': out += '\n'; break;
-      case 'r': out += '\r'; break;
-      case 't': out += '\t'; break;
-      case 'x': {
-        if (i + 2 >= text.size()) return std::nullopt;
-        const int high = hex_value(text[i + 1]);
-        const int low = hex_value(text[i + 2]);
-        if (high < 0 || low < 0) return std::nullopt;
-        out += static_cast<char>(high * 16 + low);
-        i += 2;
-        break;
-      }
-      default: return std::nullopt;
+    if (text[i] == '\'') return std::nullopt;
+    if (text[i] != '\\') {
+      out += text[i];
+    } else if (++i == text.size()) {
+      return std::nullopt;
+    } else if (const std::size_t k = kEscaped.find(text[i]); k != std::string_view::npos) {
+      out += kMeant[k];
+    } else {
+      // \xhh, in lower-case hex.
+      const std::string_view hex = text.substr(i + 1, 2);
+      const auto is_hex = [](char c) { return std::string_view("0123456789abcdef").find(c) != std::string_view::npos; };
+      if (text[i] != 'x' || hex.size() != 2 || !std::ranges::all_of(hex, is_hex)) return std::nullopt;
+      out += static_cast<char>(std::stoi(std::string(hex), nullptr, 16));
+      i += 2;
     }
   }
   return out;
@@ -73,11 +56,7 @@ std::optional<std::string> unquote(std::string_view text) {
 
 void check_integer_of_text(std::string_view text) {
   const std::string_view body = strip(text);
-  std::optional<std::int64_t> value;
-  try {
-    value = integer_of_text(text);
-  } catch (const ValueError&) {
-  }
+  const std::optional<std::int64_t> value = unless_refused<ValueError>([&] { return integer_of_text(text); });
   // strtoll agrees on every literal of digits; it stops at the first NUL,
   // which a literal cannot hold.
   if (is_decimal_literal(body)) {
@@ -100,12 +79,9 @@ void check_integer_of_text(std::string_view text) {
 
 // integer_of on the input as JSON, when it is JSON.
 void check_integer_of(std::string_view text) {
-  Json value;
-  try {
-    value = parse_json_text(text);
-  } catch (const ValueError&) {
-    return;
-  }
+  const std::optional<Json> parsed = unless_refused<ValueError>([&] { return parse_json_text(text); });
+  if (!parsed) return;
+  const Json& value = *parsed;
   std::optional<std::int64_t> result;
   try {
     result = integer_of(value);
@@ -119,8 +95,7 @@ void check_integer_of(std::string_view text) {
   if (value.is_number_integer()) {
     FUZZ_CHECK(Json(*result) == value, "an integer did not stay");
   } else if (value.is_number_float()) {
-    FUZZ_CHECK(static_cast<double>(*result) == std::trunc(value.get<double>()),
-               "a float was not cut toward zero");
+    FUZZ_CHECK(static_cast<double>(*result) == std::trunc(value.get<double>()), "a float was not cut toward zero");
   } else if (value.is_boolean()) {
     FUZZ_CHECK(*result == (value.get<bool>() ? 1 : 0), "a boolean is not 0 or 1");
   }

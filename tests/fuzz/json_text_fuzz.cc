@@ -44,35 +44,13 @@ void check_round_trip(const Json& value) {
   FUZZ_CHECK(json_text(back) == text, "json_text is not stable over a round trip");
 }
 
-void check_parsed(std::string_view input) {
-  std::optional<Json> value;
-  try {
-    value = parse_json_text(input);
-  } catch (const ValueError&) {
-    return;
-  }
-  check_round_trip(*value);
-}
-
-void check_as_string(std::string_view input) {
-  bool utf8 = true;
-  try {
-    check_utf8(input);
-  } catch (const ValueError&) {
-    utf8 = false;
-  }
-  const Json value = std::string(input);
-  if (utf8) {
-    check_round_trip(value);
-    return;
-  }
-  bool refused = false;
-  try {
-    json_text(value);
-  } catch (const ValueError&) {
-    refused = true;
-  }
-  FUZZ_CHECK(refused, "json_text printed a string that is not UTF-8");
+// Whatever parses round-trips; the bytes as a JSON string print exactly when
+// they are UTF-8.
+void check(std::string_view input) {
+  if (const auto value = unless_refused<ValueError>([&] { return parse_json_text(input); })) check_round_trip(*value);
+  const Json text = std::string(input);
+  if (!refuses<ValueError>([&] { check_utf8(input); })) check_round_trip(text);
+  else FUZZ_CHECK(refuses<ValueError>([&] { json_text(text); }), "json_text printed a string that is not UTF-8");
 }
 
 }  // namespace
@@ -81,7 +59,6 @@ void check_as_string(std::string_view input) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quillmarsh::sync;
   const std::string_view input(reinterpret_cast<const char*>(data), size);
-  check_parsed(input);
-  check_as_string(input);
+  check(input);
   return 0;
 }

@@ -33,20 +33,16 @@ namespace fs = std::filesystem;
 // How often the tree is listed again to see that nothing appeared.
 constexpr std::uint64_t kListingInterval = 128;
 
-std::string real_path_of(const std::string& path) {
-  char buf[PATH_MAX];
-  FUZZ_CHECK(realpath(path.c_str(), buf) != nullptr, "realpath of the fixture failed");
-  return buf;
-}
-
 // root/data is the data directory, root/data_link a link to it; root/outside
 // and root/data2 lie beside it.
 class Fixture {
  public:
   Fixture() {
     std::string pattern = (fs::temp_directory_path() / "qmsync-fuzz-paths-XXXXXX").string();
-    FUZZ_CHECK(mkdtemp(pattern.data()) != nullptr, "mkdtemp failed");
-    root_ = real_path_of(pattern);
+    char real[PATH_MAX];
+    FUZZ_CHECK(mkdtemp(pattern.data()) != nullptr && realpath(pattern.c_str(), real) != nullptr,
+               "could not make the fixture's root");
+    root_ = real;
     for (const char* dir : {"outside", "data2", "data/a/b", "data/features/us_equities", "data/era_3"}) {
       fs::create_directories(root_ + "/" + dir);
     }
@@ -90,9 +86,7 @@ class Fixture {
   // The data directory's real path, and other spellings of it, one of which
   // each input is also tried with.
   const std::string& data_dir() const { return data_dir_; }
-  const std::string& other_spelling(std::size_t pick) const {
-    return other_spellings_[pick % other_spellings_.size()];
-  }
+  const std::string& other_spelling(std::size_t pick) const { return other_spellings_[pick % other_spellings_.size()]; }
 
   void check_unchanged() const { FUZZ_CHECK(listing() == listing_, "the gate changed the file system"); }
 
@@ -189,23 +183,14 @@ void check_against_kernel(const std::string& rel, const std::optional<std::strin
   FUZZ_CHECK(inside ? local == expected : !local, "the gate disagrees with the kernel's resolution");
 }
 
-// The gate's answer, absent where it refuses; Input is Json or string_view.
+// The gate's answers, absent where it refuses; Input is Json or string_view.
 template <typename Input>
 std::optional<std::string> safe_path(const Input& input) {
-  try {
-    return _safe_manifest_relative_path(input);
-  } catch (const ManifestError&) {
-    return std::nullopt;
-  }
+  return unless_refused<ManifestError>([&] { return _safe_manifest_relative_path(input); });
 }
-
 template <typename Input>
 std::optional<std::string> local_path(const std::string& data_dir, const Input& input) {
-  try {
-    return _manifest_local_path(data_dir, input);
-  } catch (const ManifestError&) {
-    return std::nullopt;
-  }
+  return unless_refused<ManifestError>([&] { return _manifest_local_path(data_dir, input); });
 }
 
 void check_text(std::string_view input) {
@@ -239,17 +224,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using namespace quillmarsh::sync;
   static std::uint64_t runs = 0;
   const std::string_view input(reinterpret_cast<const char*>(data), size);
-  Json value;
-  bool parsed = true;
-  try {
-    value = parse_json_text(input);
-  } catch (const ValueError&) {
-    value = std::string(input);
-    parsed = false;
-  }
-  check_json(value);
+  const std::optional<Json> parsed = unless_refused<ValueError>([&] { return parse_json_text(input); });
+  check_json(parsed ? *parsed : Json(std::string(input)));
   check_text(input);
-  if (parsed && value.is_string()) check_text(value.get_ref<const std::string&>());
+  if (parsed && parsed->is_string()) check_text(parsed->get_ref<const std::string&>());
   if (++runs % kListingInterval == 0) fixture().check_unchanged();
   return 0;
 }

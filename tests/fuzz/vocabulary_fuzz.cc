@@ -64,8 +64,7 @@ void check_one(std::string_view data, const std::optional<Json>& parsed, std::in
     FUZZ_CHECK(name.get<std::string>() == strip(*universe), "the universe is not the one asked for");
   }
   const Json& metadata = (*valid)["metadata"];
-  FUZZ_CHECK(metadata.is_object() && metadata.contains("named_universe") &&
-                 metadata["named_universe"] == name,
+  FUZZ_CHECK(metadata.is_object() && metadata.contains("named_universe") && metadata["named_universe"] == name,
              "an accepted vocabulary's metadata names another universe");
 }
 
@@ -75,24 +74,19 @@ void check_one(std::string_view data, const std::optional<Json>& parsed, std::in
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   using namespace quillmarsh::sync;
   const std::string_view data(reinterpret_cast<const char*>(bytes), size);
-  std::optional<Json> parsed;
-  try {
+  const std::optional<Json> parsed = unless_refused<ValueError>([&] {
     check_utf8(data);
-    parsed = parse_json_text(data);
-  } catch (const ValueError&) {
-  }
+    return parse_json_text(data);
+  });
 
   check_one(data, parsed, kEra, std::nullopt, true);
   if (!parsed || !parsed->is_object()) return 0;
 
   std::vector<std::int64_t> eras = {kEra};
   std::vector<std::optional<std::string>> universes = {std::nullopt, "us_equities", " us_equities\t", "a/b"};
-  if (const auto it = parsed->find("era_id"); it != parsed->end()) {
-    try {
-      if (const std::int64_t era = integer_of(*it); era != kEra) eras.push_back(era);
-    } catch (const ValueError&) {
-    } catch (const TypeError&) {
-    }
+  if (const auto it = parsed->find("era_id"); it != parsed->end() && it->is_primitive() && !it->is_null()) {
+    const auto era = unless_refused<ValueError>([&] { return integer_of(*it); });
+    if (era && *era != kEra) eras.push_back(*era);
   }
   if (const auto it = parsed->find("named_universe"); it != parsed->end() && it->is_string()) {
     universes.push_back(it->get<std::string>());

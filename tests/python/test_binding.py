@@ -98,10 +98,6 @@ class FailureTest(ServedEraTest):
         from quillmarsh.auth import AuthError
         missing = os.path.join(self.tmp, "no-such-dir")
         vault_down = ConnectionError("token vault unreachable")
-
-        def unreachable_vault():
-            raise vault_down
-
         started = self.manager()
         started.start()
         # The manager's checks come in its order: the token source before the
@@ -121,7 +117,8 @@ class FailureTest(ServedEraTest):
             (lambda: self.manager(get_token=lambda: "wrong").sync(), AuthError, "HTTP 401"),
             (lambda: self.manager().trigger_era_transition(7), EraError, "requested transition era_id=7$"),
             # A Python failure crosses the component unchanged.
-            (lambda: self.manager(get_token=unreachable_vault).sync(), ConnectionError, "^token vault unreachable$"),
+            (lambda: self.manager(get_token=mock.Mock(side_effect=vault_down)).sync(), ConnectionError,
+             "^token vault unreachable$"),
         ]
         for call, cls, message in cases:
             with self.subTest(cls.__name__, message=message):
@@ -155,7 +152,8 @@ class FailureTest(ServedEraTest):
         self.assertEqual(self.quillmarsh._transport_security.calls, [])
 
 
-# Every line of USAGE_MISTAKES after the import is a mistake a type checker must see.
+# The API as a caller uses it; then USAGE_MISTAKES, each line a mistake a
+# type checker must see.
 TYPED_USAGE = """
 from typing import List, Optional
 import quillmarsh_sync as qs
@@ -173,8 +171,7 @@ def run(manager: qs.SyncManager) -> List[str]:
 
 run(qs.SyncManager.get_or_create("/data", "https://example.com", lambda: "token"))
 """
-USAGE_MISTAKES = """import quillmarsh_sync as qs
-qs.SyncManager("/data", "https://example.com", lambda: 1)
+USAGE_MISTAKES = """qs.SyncManager("/data", "https://example.com", lambda: 1)
 qs.SyncManager("/data", "https://example.com", lambda: "token").sync().era_id.upper()
 qs.SyncManager("/data", "https://example.com", lambda: "token").verify().missing_files + "x"
 """
@@ -186,18 +183,14 @@ class TypingTest(unittest.TestCase):
         package = os.path.dirname(quillmarsh_sync.__file__)
         self.assertTrue(os.path.exists(os.path.join(package, "py.typed")))
         with tempfile.TemporaryDirectory() as tmp:
-            def mypy(text):
-                with open(os.path.join(tmp, "usage.py"), "w") as f:
-                    f.write(text)
-                return subprocess.run(
-                    [sys.executable, "-m", "mypy", "--strict", "--cache-dir", os.path.join(tmp, "cache"), "usage.py"],
-                    cwd=tmp, capture_output=True, text=True, env={**os.environ, "MYPYPATH": os.path.dirname(package)})
-
-            checked = mypy(TYPED_USAGE)
-            self.assertEqual(checked.returncode, 0, checked.stdout)
-            checked = mypy(USAGE_MISTAKES)
-            errors = {line.split(":")[1] for line in checked.stdout.splitlines() if ": error:" in line}
-            self.assertEqual(errors, {"2", "3", "4"}, checked.stdout)
+            with open(os.path.join(tmp, "usage.py"), "w") as f:
+                f.write(TYPED_USAGE + USAGE_MISTAKES)
+            checked = subprocess.run(
+                [sys.executable, "-m", "mypy", "--strict", "--cache-dir", os.path.join(tmp, "cache"), "usage.py"],
+                cwd=tmp, capture_output=True, text=True, env={**os.environ, "MYPYPATH": os.path.dirname(package)})
+        errors = {int(line.split(":")[1]) for line in checked.stdout.splitlines() if ": error:" in line}
+        first = TYPED_USAGE.count("\n") + 1
+        self.assertEqual(errors, set(range(first, first + USAGE_MISTAKES.count("\n"))), checked.stdout)
 
 
 class EraTest(ServedEraTest):
@@ -211,21 +204,14 @@ class EraTest(ServedEraTest):
         monitored.sync()
         self.publish(era=2)
 
-        class SearchesBusy(Exception):
-            pass
-
-        busy = SearchesBusy("cannot stop now")
-
-        def kill():
-            raise busy
-
+        busy = type("SearchesBusy", (Exception,), {})("cannot stop now")
         killed = []
         self.set_era_state({"era": {"era_id": 2, "min_library_version": "999.0"}, "state": "active"})
         with self.assertRaisesRegex(LibraryUpdateRequired, r"^quillmarsh >= 999\.0 required for era 2\."):
             manager.trigger_era_transition(2)
         self.set_era_state({"era": {"era_id": 2}, "state": "active"})
-        with self.assertRaises(SearchesBusy) as raised:
-            manager.trigger_era_transition(2, kill)
+        with self.assertRaises(type(busy)) as raised:
+            manager.trigger_era_transition(2, mock.Mock(side_effect=busy))
         self.assertIs(raised.exception, busy)
         with mock.patch.dict(sys.modules, {"quillmarsh.search_tracking": None}), self.assertRaises(ImportError):
             manager.trigger_era_transition(2, lambda: killed.append(True))
@@ -257,10 +243,7 @@ class EraTest(ServedEraTest):
             def on_era(self, event_type, era_id):
                 heard.append(("listener", event_type, era_id))
 
-        def failing(event_type, era_id):
-            raise KeyError("no such search")
-
-        for callback in (twice, twice, failing, twice):
+        for callback in (twice, twice, mock.Mock(side_effect=KeyError("no such search")), twice):
             monitored.register_era_callback(callback)
         monitored.unregister_era_callback(twice)  # the first of three
         listener = Listener()

@@ -15,11 +15,6 @@ class LibraryUpdateRequired(Exception):
     pass
 
 
-class Identity:
-    def __init__(self, data_dir):
-        self.data_dir = data_dir
-
-
 class SearchTracker:
     def __init__(self, data_dir, **keywords):
         search_tracking.calls.append(("open", data_dir, keywords))
@@ -65,7 +60,7 @@ auth = _module("auth", AuthError=AuthError, notify_era_change=lambda new_era_id:
 deployment = _module("deployment", LibraryUpdateRequired=LibraryUpdateRequired, _CURRENT_VERSION="0.0.3",
                      check_update=check_update, _compare_versions=_compare_versions)
 identity = _module("identity", resolve_identity_for_data_dir=lambda data_dir: identity.calls.append(data_dir)
-                   or Identity(data_dir))
+                   or types.SimpleNamespace(data_dir=data_dir))
 search_tracking = _module("search_tracking", SearchTracker=SearchTracker)
 agent_onboarding = _module("agent_onboarding", update_nudge=lambda event, *, new_era_id, previous_era_id:
                            agent_onboarding.calls.append((event, new_era_id, previous_era_id)))
