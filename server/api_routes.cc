@@ -67,12 +67,13 @@ class Api {
   }
 
   void shuffle(httplib::Response& res) const {
-    const auto era = served_era(res);
-    if (!era) return;
-    const std::string seed_path = root_.seed_path(era->era_id);
+    // The era alone: a large manifest would take most of a second to parse.
+    const std::optional<std::int64_t> era_id = served_era_id(res);
+    if (!era_id) return;
+    const std::string seed_path = root_.seed_path(*era_id);
     if (!path_exists(seed_path)) return answer_detail(res, 404, "era has no shuffle seed");
     res.status = 200;
-    res.set_header("X-Era-Id", std::to_string(era->era_id));
+    res.set_header("X-Era-Id", std::to_string(*era_id));
     res.set_content(read_file(seed_path), "application/octet-stream");
   }
 
@@ -91,19 +92,27 @@ class Api {
   }
 
   // Absent, with a 404 answered, when no era is served or it has no manifest.
-  std::optional<ServedEra> served_era(httplib::Response& res) const {
+  // The era served now, when its manifest is published; absent, with a 404
+  // answered, otherwise.
+  std::optional<std::int64_t> served_era_id(httplib::Response& res) const {
     const std::optional<Json> state = read_era_state(root_);
     const std::optional<std::int64_t> era_id = state ? named_era(*state) : std::nullopt;
     if (!era_id) {
       answer_detail(res, 404, "no era is being served");
       return std::nullopt;
     }
-    const std::string path = root_.manifest_path(*era_id);
-    if (!path_exists(path)) {
+    if (!path_exists(root_.manifest_path(*era_id))) {
       answer_detail(res, 404, "era " + std::to_string(*era_id) + " is not published");
       return std::nullopt;
     }
-    ServedEra era{*era_id, parse_json_text(read_file(path))};
+    return era_id;
+  }
+
+  // served_era_id with the manifest as clients get it.
+  std::optional<ServedEra> served_era(httplib::Response& res) const {
+    const std::optional<std::int64_t> era_id = served_era_id(res);
+    if (!era_id) return std::nullopt;
+    ServedEra era{*era_id, parse_json_text(read_file(root_.manifest_path(*era_id)))};
     if (era.manifest.is_object() && era.manifest.value("base_url", Json()).is_null()) {
       era.manifest["base_url"] = files_url_ + "/era_" + std::to_string(*era_id);
     }

@@ -167,7 +167,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   Json _select_files_to_download(const Manifest& server_manifest, SyncResult& result);
   // Brings the selected files and the era artefacts; true when a vocabulary
   // came down.
-  bool _download_selected_files(const Json& files_to_download, SyncResult& result, Manifest& server_manifest);
+  bool _download_selected_files(Json files_to_download, SyncResult& result, Manifest& server_manifest);
   // Fills the record's metadata and counts after the commit.
   void _fill_result_counts(SyncResult& result, const Manifest& server_manifest, bool vocab_downloaded);
   // Whether one entry of a manifest in force is as it should be on disk.
@@ -182,6 +182,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
                       const std::optional<std::string>& target_data_dir = std::nullopt);
   // "Download a set of independent files concurrently."
   void _download_files_parallel(const Json& files_to_download, SyncResult& result);
+  // The same, taking the entries over rather than copying them.
+  void _download_files_parallel(Json&& files_to_download, SyncResult& result);
   // The parts of _download_file that a batch also runs apart. The target,
   // its parent directory made; fails as _download_file would before any
   // request. `places`, when given, resolves and makes under this manager's

@@ -31,7 +31,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // Transfers one loop carries at once, and so how many loops a batch runs.
-constexpr std::int64_t kTransfersPerLoop = 4;
+// One loop carries the default eight: on a small machine a second loop
+// thread costs more in switching and in cache than it brings, as the
+// server at the other end needs a core too.
+constexpr std::int64_t kTransfersPerLoop = 8;
 // The attempts a batch gives each file.
 constexpr int kBatchAttempts = 3;
 
@@ -257,6 +260,10 @@ void run_transfer_loop(const Batch& batch, std::int64_t slots) {
 }  // namespace
 
 void SyncManager::_download_files_parallel(const Json& files_to_download, SyncResult& result) {
+  _download_files_parallel(Json(files_to_download), result);
+}
+
+void SyncManager::_download_files_parallel(Json&& files_to_download, SyncResult& result) {
   if (files_to_download.empty()) return;
   ProgressTally progress(_progress_observer.load(), files_to_download, result, _bytes_arrived);
   const auto count = static_cast<std::int64_t>(files_to_download.size());
@@ -270,9 +277,17 @@ void SyncManager::_download_files_parallel(const Json& files_to_download, SyncRe
     return;
   }
 
+  // The batch owns its entries: workers of a batch that timed out outlive
+  // this call.
   std::vector<Item> items;
   items.reserve(files_to_download.size());
-  for (const auto& [file_path, file_info] : files_to_download.items()) items.emplace_back(file_path, file_info);
+  if (files_to_download.is_object()) {
+    for (auto& [file_path, file_info] : files_to_download.get_ref<Json::object_t&>()) {
+      items.emplace_back(file_path, std::move(file_info));
+    }
+  } else {
+    for (const auto& [file_path, file_info] : files_to_download.items()) items.emplace_back(file_path, file_info);
+  }
   // A thread for each loop, and one for every file that can be under way,
   // so that no file handed to a worker waits for a thread.
   const std::int64_t loops = (max_workers + kTransfersPerLoop - 1) / kTransfersPerLoop;

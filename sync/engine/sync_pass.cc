@@ -211,8 +211,8 @@ SyncResult SyncManager::_sync_impl() {
 
   // Stages 6 and 7: bring what differs.
   SyncResult result;
-  const Json files_to_download = _select_files_to_download(*server_manifest, result);
-  const bool vocab_downloaded = _download_selected_files(files_to_download, result, *server_manifest);
+  const bool vocab_downloaded =
+      _download_selected_files(_select_files_to_download(*server_manifest, result), result, *server_manifest);
 
   // Stage 8: manifest.json is the last thing on the data side to change.
   _write_manifest_json(_data_dir, *manifest_data);

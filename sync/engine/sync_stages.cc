@@ -40,6 +40,9 @@ Json SyncManager::_select_files_to_download(const Manifest& server_manifest, Syn
   const Manifest* tracked = local && local->era_id == server_manifest.era_id ? local.get() : nullptr;
   const bool has_base_url = server_manifest.base_url.is_string() && !server_manifest.base_url.get_ref<const std::string&>().empty();
 
+  // A first mirror selects every file: room for all of them at once spares
+  // moving the list at each growth.
+  selected.reserve(server_manifest.entries().size());
   ManifestPathResolver paths(_data_dir);
   for (const ManifestEntry& entry : server_manifest.entries()) {
     // Vocabularies come through their own download, never this list.
@@ -84,14 +87,15 @@ Json SyncManager::_select_files_to_download(const Manifest& server_manifest, Syn
   return files_to_download;
 }
 
-bool SyncManager::_download_selected_files(const Json& files_to_download, SyncResult& result,
-                                           Manifest& server_manifest) {
-  _download_files_parallel(files_to_download, result);
-  result.useful_signals_downloaded = static_cast<std::int64_t>(count_groups(files_to_download, "useful_signals/"));
+bool SyncManager::_download_selected_files(Json files_to_download, SyncResult& result, Manifest& server_manifest) {
+  // Counted before the batch takes the entries over.
+  const auto useful_signals = static_cast<std::int64_t>(count_groups(files_to_download, "useful_signals/"));
   bool manifest_vocabulary_downloaded = false;
   for (const auto& [file_path, info] : files_to_download.items()) {
     manifest_vocabulary_downloaded |= _vocabulary_named_universe_from_path(file_path).has_value();
   }
+  _download_files_parallel(std::move(files_to_download), result);
+  result.useful_signals_downloaded = useful_signals;
   const bool vocab_downloaded = _download_vocabulary(server_manifest);
   result.vocabulary_downloaded = vocab_downloaded || manifest_vocabulary_downloaded;
   result.shuffle_seed_downloaded = _download_shuffle_seed(server_manifest);
