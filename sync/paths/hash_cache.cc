@@ -132,6 +132,21 @@ SyncManager::CacheStatKey SyncManager::_cache_stat_key(const std::string& local_
   return _cache_stat_key_of(st);
 }
 
+namespace {
+
+// The key of the file as `known` says it stands, or as a stat finds it;
+// absent when the stat fails.
+std::optional<SyncManager::CacheStatKey> stat_key_or_none(const std::string& local_path, const FileStat* known) {
+  if (known) return SyncManager::_cache_stat_key_of(*known);
+  try {
+    return SyncManager::_cache_stat_key(local_path);
+  } catch (const OSError&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
 std::optional<std::string> SyncManager::_cached_local_sha(const std::string& file_path, const std::string& local_path,
                                                           const std::string& expected_sha) {
   if (expected_sha.empty()) return std::nullopt;
@@ -148,16 +163,9 @@ std::optional<std::string> SyncManager::_cached_local_sha(const std::string& fil
 void SyncManager::_remember_local_sha(const std::string& file_path, const std::string& local_path,
                                       const std::string& actual_sha, const FileStat* now) {
   if (actual_sha.empty()) return;
-  CacheStatKey key;
-  if (now) {
-    key = _cache_stat_key_of(*now);
-  } else {
-    try {
-      key = _cache_stat_key(local_path);
-    } catch (const OSError&) {
-      return;
-    }
-  }
+  const std::optional<CacheStatKey> found = stat_key_or_none(local_path, now);
+  if (!found) return;
+  const CacheStatKey& key = *found;
   CachedDigest fresh(key.size_bytes, key.mtime_ns, key.ctime_ns, key.inode, actual_sha);
   std::lock_guard<std::mutex> lock(_hash_cache_lock);
   if (_hash_cache.set(file_path, std::move(fresh))) _hash_cache_dirty = true;
@@ -171,16 +179,9 @@ bool SyncManager::_local_file_matches_manifest(const std::string& file_path, con
 bool SyncManager::_local_file_matches_entry(const ManifestEntry& entry, const std::string& local_path,
                                             bool cache_allowed, const std::optional<FileStat>& known) {
   // One stat serves the existence test, the size test and the cache lookup.
-  CacheStatKey key;
-  if (known) {
-    key = _cache_stat_key_of(*known);
-  } else {
-    try {
-      key = _cache_stat_key(local_path);
-    } catch (const OSError&) {
-      return false;
-    }
-  }
+  const std::optional<CacheStatKey> found = stat_key_or_none(local_path, known ? &*known : nullptr);
+  if (!found) return false;
+  const CacheStatKey& key = *found;
   if (entry.size_bytes >= 0 && key.size_bytes != entry.size_bytes) return false;
   if (!entry.sha256_given) return true;
   // A given digest of another kind than text is still compared, and differs.
