@@ -4,8 +4,12 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
+
+#include <simdjson.h>
 
 #include "sync/errors.h"
 
@@ -273,9 +277,98 @@ class Builder : public nlohmann::json_sax<Json> {
   std::vector<Frame> frames_;
 };
 
-}  // namespace
+// The general reader keeps the last value of a repeated key in the place of
+// the first; simdjson keeps both, so such a text is left to the general
+// reader.
+bool has_repeated_key(simdjson::dom::object object) {
+  constexpr std::size_t kLinearUpTo = 16;
+  if (object.size() <= kLinearUpTo) {
+    std::string_view seen[kLinearUpTo];
+    std::size_t n = 0;
+    for (const simdjson::dom::key_value_pair member : object) {
+      for (std::size_t i = 0; i < n; ++i) {
+        if (seen[i] == member.key) return true;
+      }
+      seen[n++] = member.key;
+    }
+    return false;
+  }
+  std::unordered_set<std::string_view> seen;
+  seen.reserve(object.size());
+  for (const simdjson::dom::key_value_pair member : object) {
+    if (!seen.insert(member.key).second) return true;
+  }
+  return false;
+}
 
-Json parse_json_text(std::string_view text) {
+// The value as the general reader builds it: a non-negative integer is
+// unsigned, a negative one signed, anything with a fraction or an exponent
+// a float. False where the two would differ.
+bool build(simdjson::dom::element element, Json& out) {
+  switch (element.type()) {
+    case simdjson::dom::element_type::OBJECT: {
+      const simdjson::dom::object object = element.get_object().value_unsafe();
+      if (has_repeated_key(object)) return false;
+      out = Json::object();
+      auto& members = out.get_ref<Json::object_t&>();
+      members.reserve(object.size());
+      for (const simdjson::dom::key_value_pair member : object) {
+        members.emplace_back(std::string(member.key), nullptr);
+        if (!build(member.value, members.back().second)) return false;
+      }
+      return true;
+    }
+    case simdjson::dom::element_type::ARRAY: {
+      const simdjson::dom::array array = element.get_array().value_unsafe();
+      out = Json::array();
+      auto& items = out.get_ref<Json::array_t&>();
+      items.reserve(array.size());
+      for (const simdjson::dom::element item : array) {
+        items.emplace_back();
+        if (!build(item, items.back())) return false;
+      }
+      return true;
+    }
+    case simdjson::dom::element_type::STRING:
+      out = std::string(element.get_string().value_unsafe());
+      return true;
+    case simdjson::dom::element_type::INT64: {
+      const std::int64_t value = element.get_int64().value_unsafe();
+      if (value >= 0) {
+        out = static_cast<std::uint64_t>(value);
+      } else {
+        out = value;
+      }
+      return true;
+    }
+    case simdjson::dom::element_type::UINT64:
+      out = element.get_uint64().value_unsafe();
+      return true;
+    case simdjson::dom::element_type::DOUBLE:
+      out = element.get_double().value_unsafe();
+      return true;
+    case simdjson::dom::element_type::BOOL:
+      out = element.get_bool().value_unsafe();
+      return true;
+    case simdjson::dom::element_type::NULL_VALUE:
+      out = nullptr;
+      return true;
+  }
+  return false;
+}
+
+// Whether an integer is written "-0" somewhere: the general reader makes it
+// a signed zero, which simdjson does not tell from "0". Also true for such
+// bytes inside a string, which costs only the quick road.
+bool may_hold_negative_zero(std::string_view text) {
+  for (std::size_t at = text.find("-0"); at != std::string_view::npos; at = text.find("-0", at + 2)) {
+    const char next = at + 2 < text.size() ? text[at + 2] : ' ';
+    if (!(next >= '0' && next <= '9') && next != '.' && next != 'e' && next != 'E') return true;
+  }
+  return false;
+}
+
+Json parse_generally(std::string_view text) {
   Builder builder;
   try {
     Json::sax_parse(text.begin(), text.end(), &builder);
@@ -283,6 +376,29 @@ Json parse_json_text(std::string_view text) {
     throw ValueError(e.what());
   }
   return std::move(builder.result);
+}
+
+}  // namespace
+
+std::optional<Json> parse_json_text_quickly(std::string_view text) {
+  if (may_hold_negative_zero(text)) return std::nullopt;
+  // Stricter than the general reader's limit, so that nothing it refuses
+  // passes here.
+  constexpr std::size_t kMaxDepth = 999;
+  simdjson::dom::parser parser;
+  if (parser.allocate(text.size(), kMaxDepth)) return std::nullopt;
+  simdjson::dom::element root;
+  if (parser.parse(text.data(), text.size(), true).get(root)) return std::nullopt;
+  Json out;
+  if (!build(root, out)) return std::nullopt;
+  return out;
+}
+
+Json parse_json_text(std::string_view text) {
+  if (text.size() >= kQuickReadFrom) {
+    if (std::optional<Json> quick = parse_json_text_quickly(text)) return std::move(*quick);
+  }
+  return parse_generally(text);
 }
 
 }  // namespace quillmarsh::sync

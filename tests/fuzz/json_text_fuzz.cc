@@ -2,9 +2,11 @@
 //
 // Whatever parses must print as one line of ASCII that parses back to an
 // equal value and prints again to the same bytes; whatever does not parse
-// fails with ValueError. The bytes as a JSON string print exactly when they
-// are UTF-8.
+// fails with ValueError. The simdjson reader answers as the general one or
+// not at all. The bytes as a JSON string print exactly when they are UTF-8.
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -44,10 +46,37 @@ void check_round_trip(const Json& value) {
   FUZZ_CHECK(json_text(back) == text, "json_text is not stable over a round trip");
 }
 
-// Whatever parses round-trips; the bytes as a JSON string print exactly when
-// they are UTF-8.
+// The same value down to the kind of each number and the sign of a zero,
+// which == does not tell apart.
+bool same(const Json& a, const Json& b) {
+  if (a.type() != b.type()) return false;
+  if (a.is_number_float()) return std::memcmp(&a.get_ref<const double&>(), &b.get_ref<const double&>(), 8) == 0;
+  if (a.is_object()) {
+    const auto &x = a.get_ref<const Json::object_t&>(), &y = b.get_ref<const Json::object_t&>();
+    return std::equal(x.begin(), x.end(), y.begin(), y.end(),
+                      [](const auto& m, const auto& n) { return m.first == n.first && same(m.second, n.second); });
+  }
+  if (a.is_array()) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+      if (!same(a[i], b[i])) return false;
+    }
+    return true;
+  }
+  return a == b;
+}
+
+// Whatever parses round-trips, and the quick reader, where it answers,
+// answers what the general one does; the bytes as a JSON string print
+// exactly when they are UTF-8.
 void check(std::string_view input) {
-  if (const auto value = unless_refused<ValueError>([&] { return parse_json_text(input); })) check_round_trip(*value);
+  const auto value = unless_refused<ValueError>([&] { return parse_json_text(input); });
+  if (value) check_round_trip(*value);
+  if (input.size() < kQuickReadFrom) {  // else parse_json_text took the quick road itself
+    if (const std::optional<Json> quick = parse_json_text_quickly(input)) {
+      FUZZ_CHECK(value && same(*quick, *value), "the quick reader read a text otherwise than the general one");
+    }
+  }
   const Json text = std::string(input);
   if (!refuses<ValueError>([&] { check_utf8(input); })) check_round_trip(text);
   else FUZZ_CHECK(refuses<ValueError>([&] { json_text(text); }), "json_text printed a string that is not UTF-8");
