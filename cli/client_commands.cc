@@ -448,7 +448,7 @@ void add_client_commands(CLI::App& app, const GlobalOptions& g, std::vector<Comm
   auto era = std::make_shared<std::int64_t>(0);
   CLI::App* transition = app.add_subcommand(
       "transition", "move the data directory to era ERA, which the server must have made the active one");
-  transition->add_option("ERA", *era, "the era to move to")->required();
+  transition->add_option("ERA", *era, "the era to move to")->required()->check(whole_number());
   commands.push_back({transition, [&g, era] { return run_transition(g, *era); }});
 
   auto all = std::make_shared<bool>(false);

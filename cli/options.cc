@@ -1,6 +1,8 @@
 #include "cli/options.h"
 
+#include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -52,6 +54,30 @@ std::string read_token_file(const std::string& path) {
 }
 
 }  // namespace
+
+const CLI::Validator& whole_number() {
+  static const CLI::Validator check(
+      [](std::string& text) -> std::string {
+        std::int64_t value = 0;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (error == std::errc() && end == text.data() + text.size()) return {};
+        return "takes a whole number such as 3, not '" + text + "'";
+      },
+      "");
+  return check;
+}
+
+const CLI::Validator& seconds() {
+  static const CLI::Validator check(
+      [](std::string& text) -> std::string {
+        char* end = nullptr;
+        std::strtod(text.c_str(), &end);
+        if (!text.empty() && *end == '\0') return {};
+        return "takes a number of seconds such as 60 or 0.5, not '" + text + "'";
+      },
+      "");
+  return check;
+}
 
 void add_global_options(CLI::App& app, GlobalOptions& options) {
   // An option on the command line wins over its variable in the environment.

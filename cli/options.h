@@ -34,6 +34,11 @@ struct GlobalOptions {
 
 void add_global_options(CLI::App& app, GlobalOptions& options);
 
+// Checks for numeric arguments that say what was expected; without them a
+// mistyped number reads "Could not convert", which names no remedy.
+const CLI::Validator& whole_number();
+const CLI::Validator& seconds();
+
 // Whether a token was given at all, by option or environment.
 inline bool token_given(const GlobalOptions& options) { return options.token || options.token_file; }
 

@@ -182,8 +182,15 @@ void add_server_commands(CLI::App& app, const GlobalOptions& g, std::vector<Comm
   CLI::App* publish = app.add_subcommand("publish", "build a published era from a source tree");
   publish->add_option("--source", publish_args->source, "the tree of files to publish")->required()->option_text("DIR");
   publish->add_option("--out", publish_args->out, "the server root to publish into")->required()->option_text("DIR");
-  publish->add_option("--era", publish_args->era, "the era's number")->required()->option_text("N");
-  publish->add_option("--version", publish_args->version, "the manifest's version")->required()->option_text("V");
+  publish->add_option("--era", publish_args->era, "the era's number")
+      ->required()
+      ->check(whole_number())
+      ->option_text("N");
+  publish->add_option("--version", publish_args->version,
+                      "the manifest's version: a whole number, higher with each publish of the era")
+      ->required()
+      ->check(whole_number())
+      ->option_text("V");
   publish->add_option("--base-url", publish_args->base_url,
                       "the object store's base URL for the manifest (default: the reference server's own)")
       ->option_text("URL");

@@ -278,6 +278,7 @@ void add_watch_command(CLI::App& app, const GlobalOptions& g, std::vector<Comman
       "watch", "follow the server until SIGINT or SIGTERM: sync new manifest versions, move to new eras");
   watch->add_option("--poll-interval", *poll_interval,
                     "seconds between polls of the manifest version and of the era (default 60)")
+      ->check(seconds())
       ->option_text("S");
   commands.push_back({watch, [&g, poll_interval] { return run_watch(g, *poll_interval); }});
 }
