@@ -16,7 +16,6 @@ namespace {
 
 using testing::Fault;
 using testing::outcome;
-using testing::outcome_and_cause;
 using testing::result_or_failure;
 using testing::vocabulary;
 using testing::vocabulary_path;

@@ -165,9 +165,6 @@ TEST_F(Download, EachFaultIsResumedFromTheStagedBytesOrEndsAsIntegrityError) {
       {.path = "gone.bin", .size = 10, .fault = {.status = 404}, .retries = 5,
        .ranges = "whole whole whole whole whole", .waits = {"0.25", "0.50", "1.00", "1.00"},
        .failure = "Download failed for gone.bin after 5 attempts: Download failed for gone.bin: HTTP 404"},
-      // No retries asked for is still one attempt.
-      {.path = "gone1.bin", .size = 10, .fault = {.status = 404}, .retries = -2, .ranges = "whole",
-       .failure = "Download failed for gone1.bin after 1 attempts: Download failed for gone1.bin: HTTP 404"},
       {.path = "wrong.bin", .size = 3000, .fault = {.wrong_bytes = true},
        .ranges = "0-999 1000-1999 2000-2999 0-999 1000-1999 2000-2999 0-999 1000-1999 2000-2999",
        .waits = {"0.25", "0.50"},
