@@ -102,15 +102,10 @@ TEST_F(HashCache, AHitNeedsEveryStatFieldToMatchSoARewriteKeepingSizeAndTimeMiss
   EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("evil")));
 }
 
-TEST_F(HashCache, UnusableCacheFilesLoadAsAnEmptyCacheAndStayUntilTheNextFlush) {
+TEST_F(HashCache, UnusableCacheFilesLoadAsAnEmptyCache) {
   for (const char* text : {"{\"files\": {", "{\"files\": {\"a\": {}}, \"version\": \"1\"}", "[1]"}) {
-    SCOPED_TRACE(text);
     write_file(cache_file(), text);
-    auto m = make_manager();
-    EXPECT_TRUE(m->_hash_cache.empty());
-    EXPECT_FALSE(m->_hash_cache_dirty);
-    m->_persist_hash_cache();  // nothing new: nothing written
-    EXPECT_EQ(read_file(cache_file()), text);
+    EXPECT_TRUE(make_manager()->_hash_cache.empty()) << text;
   }
 
   // Entries that are no objects are dropped; the fields of the rest are not checked.
