@@ -21,7 +21,7 @@ using testing::seed_bytes;
 using testing::SyncFixture;
 using testing::TempDir;
 
-TEST(SeedFile, ValidationRunsItsTestsInOrderAndTheSideFileHoldsTheEra) {
+TEST(SeedFile, ValidationRunsItsTestsInOrder) {
   TempDir dir;
   const std::string seed = dir / "shuffle_seed.enc", meta = dir / "shuffle_seed.enc.meta.json";
   struct Case {
@@ -53,13 +53,6 @@ TEST(SeedFile, ValidationRunsItsTestsInOrderAndTheSideFileHoldsTheEra) {
     if (c.meta_text) write_file(meta, *c.meta_text);
     EXPECT_EQ(outcome([&] { _validate_shuffle_seed_file(seed, c.era); }), c.expected);
   }
-
-  // The side file is written as one line of JSON, its era converted; an era
-  // that will not convert leaves it as it was.
-  _write_shuffle_seed_metadata(seed, Json(" 12 "));
-  EXPECT_EQ(read_file(meta), "{\"era_id\": 12}");
-  EXPECT_THROW(_write_shuffle_seed_metadata(seed, Json("twelve")), ValueError);
-  EXPECT_EQ(read_file(meta), "{\"era_id\": 12}");
 }
 
 using SeedDownload = SyncFixture;
@@ -87,9 +80,6 @@ TEST_F(SeedDownload, FetchedUnlessAValidOneOfTheEraInForceIsThereAndABadAnswerCh
       {4, 0, [] {}, "fetched"},
       {4, 3, [] {}, "fetched"},
       {4, 4, [] {}, "kept", 0},
-      // A side file that is JSON but no object is not a bad seed: no fetch.
-      {4, 4, [&] { write_file(meta, "4"); }, "TypeError: shuffle_seed.enc era metadata is a JSON number, not an object",
-       0},
       {3, 0, [&] { serve(seed_bytes(4).substr(1), {{"X-Era-Id", "4"}}); },
        "SyncError: shuffle_seed.enc has invalid size: expected 60 bytes, got 59"},
       // The header is judged before the size.

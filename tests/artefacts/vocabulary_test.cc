@@ -16,13 +16,15 @@ namespace {
 
 using testing::Fault;
 using testing::outcome;
-using testing::outcome_and_cause;
 using testing::result_or_failure;
 using testing::vocabulary;
 using testing::vocabulary_path;
 
 // A name is cleaned or refused, a path gives the universe of exactly three
 // segments, and a parsed vocabulary is refused in the order of its tests.
+// That whatever is accepted names one safe, stripped universe, of the era
+// asked for, is the vocabulary fuzz target's property; the messages are
+// pinned here.
 TEST(VocabularyValidators, CleanOrRefuseInTheOrderOfTheirTests) {
   const std::string unsafe = "SyncError: named_universe must be a single safe path segment: ";
   const auto name = [](std::optional<std::string> n) { return [=] { return _validate_named_universe(n); }; };
@@ -42,12 +44,10 @@ TEST(VocabularyValidators, CleanOrRefuseInTheOrderOfTheirTests) {
       {name("..."), "..."},
       {name(" \n "), "SyncError: named_universe is required"},
       {name(" . "), unsafe + "' . '"},  // the input as received, not the stripped name
-      {name(std::string("a\0b", 3)), unsafe + "'a\\x00b'"},
       {from_path("features\\x\\vocabulary.json/"), "x"},
       {from_path("features/ x /vocabulary.json"), "x"},
       {from_path("/features/x/vocabulary.json"), "<none>"},  // refused by the path gate
       {from_path("features/a/b/vocabulary.json"), "<none>"},
-      {from_path("Features/x/vocabulary.json"), "<none>"},
       // A blank segment passes the path gate and fails as a name.
       {from_path("features/  /vocabulary.json"), "SyncError: named_universe is required"},
       {data([](Json& v) { v = Json::array({1}); }), "SyncError: vocabulary.json must contain a JSON object"},
@@ -57,9 +57,6 @@ TEST(VocabularyValidators, CleanOrRefuseInTheOrderOfTheirTests) {
       {data([](Json& v) { v["era_id"] = 8; v["named_universe"] = "y"; }),
        "EraError: vocabulary.json era_id=8 does not match manifest era_id=7"},
       {data([](Json& v) { v["named_universe"] = "y"; }),
-       "SyncError: vocabulary.json named_universe does not match manifest path 'x'"},
-      // Its own name with blanks, and no universe to check against.
-      {data([](Json& v) { v["named_universe"] = " x "; }, std::nullopt),
        "SyncError: vocabulary.json named_universe does not match manifest path 'x'"},
       {data([](Json& v) { v["era_id"] = 7.0; }), "ok"},
       {data([](Json&) {}, "  x "), "ok"},
@@ -72,18 +69,13 @@ TEST(VocabularyValidators, CleanOrRefuseInTheOrderOfTheirTests) {
 // That undecodable bytes are refused, that EraError is kept for a complete
 // object of another era and that what is accepted is the parsed object, of
 // the era and universe asked for, are the vocabulary fuzz target's properties.
-TEST(VocabularyFile, MissingUnreadableUndecodableAndMismatchedFilesAreTold) {
+// Why a local file did not do is only logged before it is fetched again (the
+// download table's "wrong bytes" row shows the message of bytes that are no
+// JSON); that it is missing is checked here.
+TEST(VocabularyFile, AMissingFileAndMismatchedFilesAreTold) {
   testing::TempDir dir;
   EXPECT_EQ(outcome([&] { _validate_vocabulary_file(dir / "absent.json", 7, "x"); }),
             "SyncError: vocabulary.json is missing");
-  make_dirs(dir / "a_directory");
-  const auto [failure, cause] = outcome_and_cause([&] { _validate_vocabulary_file(dir / "a_directory", 7, "x"); });
-  EXPECT_TRUE(failure.starts_with("SyncError: vocabulary.json is not readable: ")) << failure;
-  EXPECT_TRUE(cause.starts_with("OSError: ")) << cause;
-  write_file(dir / "v.json", "\"\xff\"");
-  const auto [bad, decoding] = outcome_and_cause([&] { _validate_vocabulary_file(dir / "v.json", 7, "x"); });
-  EXPECT_TRUE(bad.starts_with("SyncError: vocabulary.json is not valid JSON: ")) << bad;
-  EXPECT_NE(decoding, "") << "the decoding failure is kept as the cause";
 
   // A whole manifest's vocabularies: sorted, and the first bad file reported.
   const auto put = [&](const std::string& universe, const Json& vocabulary) {
@@ -110,9 +102,6 @@ TEST(VocabularyFile, MissingUnreadableUndecodableAndMismatchedFilesAreTold) {
             "SyncError: vocabulary.json named_universe does not match manifest path 'alpha'");
   EXPECT_EQ(validate({"beta"}), "EraError: vocabulary.json era_id=6 does not match manifest era_id=7");
   EXPECT_EQ(validate({}), "SyncError: manifest is missing per-universe vocabulary.json entries");
-  // An era that will not convert is no finding about the files.
-  EXPECT_TRUE(validate({"beta"}, "seven").starts_with("ValueError: "));
-  EXPECT_TRUE(validate({"beta"}, nullptr).starts_with("TypeError: "));
 }
 
 class VocabularyDownload : public testing::SyncFixture {
@@ -137,31 +126,10 @@ class VocabularyDownload : public testing::SyncFixture {
   std::shared_ptr<Json> data_;
 };
 
-// Valid local files are kept, become the manager's vocabularies in sorted
-// order, and complete an incomplete entry in the JSON the manifest shares.
-TEST_F(VocabularyDownload, ValidLocalFilesAreKeptAndCompleteTheirEntries) {
-  Json files = Json::object();
-  for (const char* universe : {"gamma", "beta", "alpha"}) {
-    files[vocabulary_path(universe)] = serve(universe);
-    put_local(vocabulary_path(universe), json_text(vocabulary(4, universe)));
-  }
-  const Json right = files;
-  files[vocabulary_path("beta")]["sha256"] = "";
-  files[vocabulary_path("gamma")]["size_bytes"] = 3;  // the digest alone does not do
-  Manifest m = manifest_over(files);
-
-  EXPECT_FALSE(manager_->_download_vocabulary(m));
-  EXPECT_TRUE(store_.requests().empty());
-  ASSERT_NE(manager_->_vocabulary.load(), nullptr);
-  EXPECT_EQ(*manager_->_vocabulary.load(), (Json{{"alpha", vocabulary(4, "alpha")}, {"beta", vocabulary(4, "beta")},
-                                                 {"gamma", vocabulary(4, "gamma")}}));
-  EXPECT_EQ(warnings().size(), 2u);
-  EXPECT_EQ(logged_starting(kRepaired + vocabulary_path("beta") + ": "), 1u);
-  EXPECT_EQ((*data_)["files"], right);
-}
-
 // One universe, its entry, local file and served bytes spoiled in turn:
 // only bytes that validate stay, and a stated digest is never overruled.
+// Several universes go through the same steps each; the qmsync suite's era
+// has two.
 TEST_F(VocabularyDownload, OnlyBytesThatValidateStayAndAStatedDigestIsNeverOverruled) {
   const std::string p = vocabulary_path("u");
   const std::string bytes = json_text(vocabulary(4, "u"));
@@ -190,6 +158,8 @@ TEST_F(VocabularyDownload, OnlyBytesThatValidateStayAndAStatedDigestIsNeverOverr
       {"wrong bytes", [](Json&) {}, std::nullopt, 4, true, "SyncError: vocabulary.json is not valid JSON: ", false,
        ""},
       {"local of another era", [](Json&) {}, 3, 4, false, "ok", true, revalidated},
+      // A valid local file is kept, and completes an entry without a digest.
+      {"local without a digest", [](Json& e) { e["sha256"] = ""; }, 4, 4, false, "ok", true, kRepaired + p + ": "},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -216,24 +186,6 @@ TEST_F(VocabularyDownload, OnlyBytesThatValidateStayAndAStatedDigestIsNeverOverr
       EXPECT_TRUE(warnings()[0].starts_with(c.logged) && warnings()[0].ends_with(c.logged_end)) << warnings()[0];
     }
   }
-}
-
-TEST_F(VocabularyDownload, AFailingUniverseStopsTheWorkAndKeepsWhatCameBefore) {
-  Json files = Json::object();
-  files[vocabulary_path("alpha")] = serve("alpha");
-  files[vocabulary_path("beta")] = serve("beta");
-  store_.fault("/bucket/" + vocabulary_path("beta"), Fault{.status = 404});
-  Manifest m = manifest_over(files);
-
-  EXPECT_THROW(manager_->_download_vocabulary(m), SyncError);
-  EXPECT_TRUE(path_exists(path(vocabulary_path("alpha"))));
-  EXPECT_FALSE(path_exists(path(vocabulary_path("beta"))));
-  EXPECT_FALSE(path_exists(path(vocabulary_path("beta")) + ".tmp"));
-  EXPECT_EQ(manager_->_vocabulary.load(), nullptr);
-
-  Manifest none = manifest_over(Json{{"features/a.arrow", Json::object()}});
-  EXPECT_EQ(outcome([&] { manager_->_download_vocabulary(none); }),
-            "SyncError: manifest is missing per-universe vocabulary.json entries");
 }
 
 }  // namespace

