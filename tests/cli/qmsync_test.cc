@@ -158,7 +158,6 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
   EXPECT_EQ(parse_json_text(repair.out)["bytes_downloaded"], 40000 + 21);
   EXPECT_EQ(qmsync({"verify", "--data-dir", data_dir()}).exit_code, 0);
 
-  make_dirs(tmp_ / "a-directory");
   const std::string never_synced = tmp_ / "never-synced";
   make_dirs(never_synced);
   write_file(tmp_ / "old-token", "token-0");
@@ -184,11 +183,8 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
       {with({"sync"}, "--token-file", tmp_ / "old-token"), 8,
        "error: AuthError: Authentication failed: HTTP 401 -- " + refused + " or --token-file"},
       {with({"needs-sync"}, "--token-file", tmp_ / "old-token"), 8, refused},
-      {with({"status"}, "--token-file", tmp_ / "old-token"), 8, refused},
       {with({"status"}, "--token-file", ""), 8, "no token was given: pass --token"},
       {with({"needs-sync"}, "--server", unreachable), 9, "nothing answers at --server"},
-      {with({"status"}, "--server", unreachable), 9, "nothing answers at --server"},
-      {with({"needs-sync"}, "--ca-file", ""), 9, "not trusted here: pass --ca-file"},
       {with({"status"}, "--ca-file", ""), 9, "not trusted here: pass --ca-file"},
       {with({"sync"}, "--server", "http://example.com:8443"), 2,
        "unencrypted to another machine: use https://example.com:8443"},
@@ -197,15 +193,12 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
       {{"cleanup", "--all", "--data-dir", data_dir()}, 2, "pass --yes to confirm, or --dry-run to see what would go"},
       {with({"verify"}, "--data-dir", never_synced), 1, "Not verified: "},
       {with({"repair", "docs/readme.txt"}, "--data-dir", never_synced), 2, "run `qmsync sync` first"},
-      {client({"repair", "nope.bin"}), 2, "'nope.bin';"},
       {client({"repair", "./docs/readme.txt"}), 2, "'./docs/readme.txt' (did you mean 'docs/readme.txt'?)"},
       {client({"repair", data_dir() + "/docs/readme.txt"}), 2, "(did you mean 'docs/readme.txt'?)"},
       {client({"repair", "docs/readme.txt", "../etc/passwd"}), 2, "so not repaired: '../etc/passwd';"},
       {{"sync", "--server", unreachable}, 2, "needs --data-dir"},
       {{"verify", "--data-dir", tmp_ / "nowhere"}, 2, "does not exist"},
       {{"synchronise", "--data-dir", data_dir()}, 2, "unknown command 'synchronise'"},
-      {{"sync", "--data-dir", data_dir(), "--server", unreachable, "--token-file", tmp_ / "a-directory"}, 2,
-       "cannot read token file"},
       {{"sync", "--data-dir", data_dir(), "--server", unreachable, "--token-file", tmp_ / "no-token"}, 2,
        "cannot read token file"},
       {{"serve", "--root", tmp_ / "nowhere", "--token-file", token_path()}, 2, "server root is not a directory"},
@@ -221,22 +214,19 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.says);
-    const ProcessResult r = qmsync(c.args);
+    std::vector<std::string> args = c.args;
+    if (c.exit_code != 1) args.push_back("--json");  // a finding is no failure, and has no error object
+    const ProcessResult r = qmsync(args);
     EXPECT_EQ(r.exit_code, c.exit_code);
     EXPECT_NE((r.out + r.err).find(c.says), std::string::npos) << r.out << r.err;
-    if (c.exit_code == 1) continue;  // a finding, not a failure
-    EXPECT_EQ(r.out, "");  // nothing half-done was announced
-    std::vector<std::string> json_args = c.args;
-    json_args.push_back("--json");
-    const Json error = parse_json_text(qmsync(json_args).out)["error"];
+    if (c.exit_code == 1) continue;
+    // Stdout holds the failure alone, nothing half-done, in the very words
+    // of the stderr line.
+    const Json error = parse_json_text(r.out)["error"];
     EXPECT_EQ(error["exit_code"], c.exit_code);
-    // The same failure in both forms; a second run, so the text of a failed
-    // connection may differ in its timing ("after 0 ms").
-    const std::string line = "error: " + error["type"].get<std::string>() + ": ";
-    EXPECT_EQ(r.last_err_line().rfind(line, 0), 0u) << r.last_err_line();
-    std::string json_form = line + error["message"].get<std::string>();
-    if (error.contains("next_step")) json_form += " -- " + error["next_step"].get<std::string>();
-    EXPECT_NE(json_form.find(c.says), std::string::npos) << error;
+    std::string line = "error: " + error["type"].get<std::string>() + ": " + error["message"].get<std::string>();
+    if (error.contains("next_step")) line += " -- " + error["next_step"].get<std::string>();
+    EXPECT_EQ(r.last_err_line(), line);
   }
   EXPECT_FALSE(path_exists(tmp_ / "root2"));
   EXPECT_FALSE(path_exists(source_dir() + "/tls"));  // no key of the server's in a source tree
@@ -255,7 +245,7 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
 }
 
 // Era 2 published: a refusal for want of a newer library, then the sync and
-// status that point to the move, the move itself, and the cleanups after it.
+// status that point to the move, the move itself, and the cleanup after it.
 TEST_F(QmsyncTest, TransitionMovesToTheServedEraAndCleanupFreesTheOldOne) {
   start_synced();
   publish(2);
@@ -279,12 +269,8 @@ TEST_F(QmsyncTest, TransitionMovesToTheServedEraAndCleanupFreesTheOldOne) {
   EXPECT_EQ(moved.err, "");
   EXPECT_EQ(parse_json_text(moved.out)["era_id"], 2);
 
-  make_dirs(data_dir() + "/era_0");
-  write_file(data_dir() + "/era_0/a.bin", std::string(1234, 'a'));
-  const ProcessResult cleanup = qmsync({"cleanup", "--data-dir", data_dir(), "--json"});
-  ASSERT_EQ(cleanup.exit_code, 0) << cleanup.err;
-  EXPECT_EQ(parse_json_text(cleanup.out)["bytes_freed"], 1234);
-  // A dry run counts what the real one frees, and frees nothing.
+  // What a cleanup spares is the cleanup suite's business; here, that a dry
+  // run counts what the real one frees, and frees nothing.
   const ProcessResult dry = qmsync({"cleanup", "--all", "--dry-run", "--data-dir", data_dir(), "--json"});
   EXPECT_TRUE(path_exists(data_dir() + "/features"));
   const ProcessResult all = qmsync({"cleanup", "--all", "--yes", "--data-dir", data_dir(), "--json"});
