@@ -43,8 +43,6 @@ def check_update(current_version):
 
 def _compare_versions(a, b):
     left, right = [int(p) for p in a.split(".")], [int(p) for p in b.split(".")]
-    n = max(len(left), len(right))
-    left, right = left + [0] * (n - len(left)), right + [0] * (n - len(right))
     return (left > right) - (left < right)
 
 
