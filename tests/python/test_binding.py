@@ -1,24 +1,23 @@
 """The binding's own contract, against qmsync serve: the records a sync, a
-verification and a repair hand to Python; the shared manager per real
-directory; failures as Python classes, both ways across the binding; the
-typed API; and era transitions driven from Python, with the era callbacks and
-the host's sibling modules as they are called, missing or failing. What the
-passes do is the engine suites' business."""
+verification and a repair hand to Python; the shared manager; failures as
+Python classes, both ways across the binding; and era transitions driven
+from Python, with the era callbacks and the host's sibling modules as they
+are called, missing or failing. What the passes do is the engine suites'
+business."""
 
 import dataclasses
 import errno
-import importlib.util
 import json
 import os
 import re
-import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 from unittest import mock
 
 import quillmarsh_sync
-from support import TOKEN, ServedEraTest, run_qmsync, wait_until
+from support import TOKEN, ServedEraTest, run_qmsync
 from quillmarsh_sync import EraError, IntegrityError, StateError, SyncError, SyncManager, SyncResult, VerifyResult
 
 
@@ -64,16 +63,10 @@ class RecordsTest(ServedEraTest):
         # of the failure as of any ignored one.
         os.remove(os.path.join(self.data_dir, "docs/readme.txt"))
         manager.set_progress_observer(lambda progress: 1 / 0)
-        ignored = []
-        previous_hook, sys.unraisablehook = sys.unraisablehook, ignored.append
-        try:
-            with self.assertLogs("quillmarsh.sync", "WARNING"):
-                self.assertEqual(manager.sync().bytes_downloaded, len(self.files["docs/readme.txt"]))
-        finally:
-            sys.unraisablehook = previous_hook
-        self.assertTrue(ignored)
-        self.assertTrue(all(isinstance(u.exc_value, ZeroDivisionError) for u in ignored))
-
+        with mock.patch.object(sys, "unraisablehook") as hook, self.assertLogs("quillmarsh.sync", "WARNING"):
+            self.assertEqual(manager.sync().bytes_downloaded, len(self.files["docs/readme.txt"]))
+        self.assertTrue(hook.call_args_list)
+        self.assertTrue(all(isinstance(c.args[0].exc_value, ZeroDivisionError) for c in hook.call_args_list))
 
     # Which directory shares a manager, and for how long, is the service
     # suite's business; here, that Python gets the one object back.
@@ -131,45 +124,9 @@ class FailureTest(ServedEraTest):
             with self.assertRaisesRegex(ValueError, "^Refusing to send a bearer token over 'http://example.com': "
                                                     "use https, or http only to a loopback host$"):
                 SyncManager(self.data_dir, "http://example.com", lambda: TOKEN)
-            loopback = SyncManager(self.data_dir, self.api_url.replace("https:", "http:"), lambda: TOKEN)
-            self.assertTrue(loopback._server_url.startswith("http://127.0.0.1:"))
+            # Which URLs that check lets through is the transport suite's business.
             self.assertEqual(SyncManager(self.data_dir, self.api_url, lambda: TOKEN).sync().era_id, 1)
         self.assertEqual(self.quillmarsh._transport_security.calls, [])
-
-
-# The API as a caller uses it; then USAGE_MISTAKES, each line a mistake a
-# type checker must see.
-TYPED_USAGE = """
-from typing import Optional
-import quillmarsh_sync as qs
-
-manager = qs.SyncManager.get_or_create("/data", "https://example.com", lambda: "token")
-manager.set_progress_observer(lambda p: print(p.files_done, p.bytes_selected), min_interval_s=1.0)
-manager.register_era_callback(lambda event_type, era_id: print(event_type.upper(), era_id + 1))
-manifest: Optional[qs.Manifest] = manager.get_manifest()
-result: qs.SyncResult = manager.repair(manager.verify().corrupted_files)
-print(manager.sync().era_id + result.era_id, manager.request_for_sync() + [str(manifest)])
-"""
-USAGE_MISTAKES = """qs.SyncManager("/data", "https://example.com", lambda: 1)
-qs.SyncManager("/data", "https://example.com", lambda: "token").sync().era_id.upper()
-qs.SyncManager("/data", "https://example.com", lambda: "token").verify().missing_files + "x"
-"""
-
-
-@unittest.skipUnless(importlib.util.find_spec("mypy"), "mypy is not installed")
-class TypingTest(unittest.TestCase):
-    def test_a_type_checker_sees_the_api_and_its_misuse(self):
-        package = os.path.dirname(quillmarsh_sync.__file__)
-        self.assertTrue(os.path.exists(os.path.join(package, "py.typed")))
-        with tempfile.TemporaryDirectory() as tmp:
-            with open(os.path.join(tmp, "usage.py"), "w") as f:
-                f.write(TYPED_USAGE + USAGE_MISTAKES)
-            checked = subprocess.run(
-                [sys.executable, "-m", "mypy", "--strict", "--cache-dir", os.path.join(tmp, "cache"), "usage.py"],
-                cwd=tmp, capture_output=True, text=True, env={**os.environ, "MYPYPATH": os.path.dirname(package)})
-        errors = {int(line.split(":")[1]) for line in checked.stdout.splitlines() if ": error:" in line}
-        first = TYPED_USAGE.count("\n") + 1
-        self.assertEqual(errors, set(range(first, first + USAGE_MISTAKES.count("\n"))), checked.stdout)
 
 
 class EraTest(ServedEraTest):
@@ -211,11 +168,13 @@ class EraTest(ServedEraTest):
         self.assertEqual(self.quillmarsh.deployment.calls, [("check_update", "0.0.3")])
         self.assertEqual(self.quillmarsh.search_tracking.calls[0], ("open", manager._data_dir, {}))
 
-        heard = []
+        heard, restarted = [], threading.Event()
 
         class Listener:
             def on_era(self, event_type, era_id):
                 heard.append((event_type, era_id))
+                if event_type == "restart":
+                    restarted.set()
 
         listener = Listener()
         for callback in (listener.on_era, mock.Mock(side_effect=KeyError("no such search")), listener.on_era):
@@ -226,8 +185,7 @@ class EraTest(ServedEraTest):
         self.quillmarsh.reset()
         with self.assertLogs("quillmarsh.sync", "WARNING") as logs:
             monitored.acquire()
-            wait_until(lambda: ("restart", 2) in heard, "the restart callbacks")
-            wait_until(lambda: self.quillmarsh.agent_onboarding.calls, "the update nudge")
+            self.assertTrue(restarted.wait(60), "no restart callback")
         self.assertEqual(heard, [("kill", 1), ("restart", 2)])
         failures = [r for r in logs.records if r.getMessage() == "Era callback failed (kill): 'no such search'"]
         self.assertEqual(len(failures), 1)
@@ -238,7 +196,6 @@ class EraTest(ServedEraTest):
         self.assertEqual(opened[:2], ("open", monitored._data_dir))
         self.assertEqual(opened[2]["identity"].data_dir, monitored._data_dir)
         self.assertEqual((handled, closed), (("handle_era_transition", 2, 1), ("close",)))
-        self.assertEqual(self.quillmarsh.agent_onboarding.calls, [("era_change", 2, 1)])
 
 
 if __name__ == "__main__":
