@@ -13,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include "sync/collaborators/deployment.h"
 #include "sync/engine/curl_session.h"
 #include "sync/engine/file_primitives.h"
 #include "sync/support/json_text.h"
@@ -88,12 +87,6 @@ class QmsyncTest : public ::testing::Test {
     files_url_ = started["files_url"].get<std::string>();
     ca_file_ = started["ca_file"].get<std::string>();
   }
-  // Era 1 served and mirrored into the data directory.
-  void start_synced() {
-    start_server();
-    const ProcessResult r = qmsync(client({"sync"}));
-    ASSERT_EQ(r.exit_code, 0) << r.err;
-  }
 
   TempDir tmp_;
   std::unique_ptr<Child> server_;
@@ -112,8 +105,7 @@ TEST_F(QmsyncTest, AnInterruptedSyncSaysWhatItKept) {
   })) << read_file(tmp_ / "interrupted.err");
   EXPECT_EQ(sync.stop_with(SIGINT), 130);
   const std::string err = read_file(tmp_ / "interrupted.err");
-  EXPECT_NE(err.find("Interrupted: "), std::string::npos) << err;
-  EXPECT_NE(err.find("the next sync fetches only what is still missing."), std::string::npos) << err;
+  EXPECT_NE(err.find("kept, verified; the next sync fetches only what is still missing."), std::string::npos) << err;
 }
 
 // The commands that move data, one run each; what a pass does is the engine
@@ -122,7 +114,6 @@ TEST_F(QmsyncTest, AnInterruptedSyncSaysWhatItKept) {
 // each case exits with its failure's code and says what to do, on stderr and,
 // under --json, on stdout.
 TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSaysWhatToDo) {
-  EXPECT_EQ(qmsync({"--version"}).out, std::string("qmsync ") + library_version() + "\n");
   start_server();
   // A dry run names what the sync below fetches, and writes nothing.
   const Json dry = parse_json_text(qmsync(client({"sync", "--dry-run", "--json"})).out);
@@ -280,7 +271,8 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
 // Era 2 published and served: the sync and status that point to the move,
 // the move itself, and the cleanup after it.
 TEST_F(QmsyncTest, TransitionMovesToTheServedEraAndCleanupFreesTheOldOne) {
-  start_synced();
+  start_server();
+  ASSERT_EQ(qmsync(client({"sync"})).exit_code, 0);
   publish(2);
   // Published is not served: the server still names era 1.
   EXPECT_EQ(qmsync(client({"transition", "2"})).exit_code, 5);
@@ -306,7 +298,8 @@ TEST_F(QmsyncTest, TransitionMovesToTheServedEraAndCleanupFreesTheOldOne) {
 }
 
 TEST_F(QmsyncTest, WatchFollowsAnEraChangeAndStopsCleanlyOnSigterm) {
-  start_synced();
+  start_server();
+  ASSERT_EQ(qmsync(client({"sync"})).exit_code, 0);
   Child watch(client({"watch", "--poll-interval", "1", "--json"}, true), tmp_ / "watch.out", tmp_ / "watch.err");
   // Waits until event lines of each (kind, text in its message) have come,
   // in any order: the era monitor's lines and the main loop's race.
