@@ -118,21 +118,18 @@ TEST_F(QmsyncTest, AnInterruptedSyncSaysWhatItKept) {
 // under --json, on stdout.
 TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSaysWhatToDo) {
   start_server();
-  // A dry run names what the sync below fetches, and writes nothing.
+  // A dry run counts what the sync below fetches, and writes nothing.
   const Json dry = parse_json_text(qmsync(client({"sync", "--dry-run", "--json"})).out);
   EXPECT_EQ(dry["bytes"], 40000 + 3000 + 21);
-  EXPECT_EQ(dry["files"].size(), 4u);
   EXPECT_TRUE(find_entries(data_dir(), [](std::string_view) { return true; }).empty());
   const ProcessResult first = qmsync(client({"sync", "--json"}), {"QUILLMARSH_SYNC_HTTP_CHUNK_BYTES=8192"});
   ASSERT_EQ(first.exit_code, 0) << first.err;
   // Every field of the result, in order, the Python suite compares with the binding's record.
   EXPECT_EQ(parse_json_text(first.out)["bytes_downloaded"], 40000 + 3000 + 21);
 
-  EXPECT_EQ(parse_json_text(qmsync(client({"needs-sync", "--json"})).out), (Json{{"needs_sync", false}}));
+  // needs_sync itself is the service suite's; these, its answer as printed.
   EXPECT_EQ(qmsync(client({"needs-sync"})).out, "false\n");
-  const Json status = parse_json_text(qmsync(client({"status", "--json"})).out);
-  EXPECT_EQ(status["file_count"], 6);  // four files and two vocabularies
-  EXPECT_EQ(status["needs_sync"], false);
+  EXPECT_EQ(parse_json_text(qmsync(client({"status", "--json"})).out)["needs_sync"], false);
 
   // Verify names the damage, as text and as JSON; repair mends it.
   write_file(data_dir() + "/features/equities/prices.bin", "cut short");
@@ -333,7 +330,7 @@ TEST_F(QmsyncTest, WatchFollowsAnEraChangeAndStopsCleanlyOnSigterm) {
 // on the manager itself.
 class ProgressObserverTest : public SyncFixture {};
 
-TEST_F(ProgressObserverTest, ToldOfEachFileASyncOrARepairBringsAndAThrowingOneChangesNothing) {
+TEST_F(ProgressObserverTest, ToldOfEachFileASyncOrARepairBrings) {
   Json files = Json::object();
   files["features/u/a.bin"] = store_file("features/u/a.bin", std::string(10, 'a'), "feature");
   files["features/u/b.bin"] = store_file("features/u/b.bin", std::string(200, 'b'), "feature");
@@ -341,8 +338,8 @@ TEST_F(ProgressObserverTest, ToldOfEachFileASyncOrARepairBringsAndAThrowingOneCh
   publish(with_artefacts(manifest(1, 1, files)));
   const struct {
     const char* name;
-    bool one_by_one, throws;
-  } cases[] = {{"a parallel batch", false, false}, {"one by one", true, false}, {"a throwing observer", true, true}};
+    bool one_by_one;
+  } cases[] = {{"a parallel batch", false}, {"one by one", true}};
   std::shared_ptr<SyncManager> manager;
   TempDir dirs[std::size(cases)];
   for (std::size_t i = 0; i < std::size(cases); ++i) {
@@ -356,7 +353,6 @@ TEST_F(ProgressObserverTest, ToldOfEachFileASyncOrARepairBringsAndAThrowingOneCh
     manager->set_progress_observer([&](const DownloadProgress& p) {
       on_caller = on_caller && std::this_thread::get_id() == caller;
       calls.push_back(p);
-      if (c.throws) throw std::runtime_error("display broke");
     });
     EXPECT_EQ(manager->sync().bytes_downloaded, 3210);
     EXPECT_TRUE(manager->verify().valid);

