@@ -56,7 +56,7 @@ class Child {
   // this process's without QUILLMARSH_SYNC_* (a developer's settings must not
   // leak in), plus `env` ("NAME=value").
   Child(std::vector<std::string> argv, const std::string& out_path, const std::string& err_path,
-        const std::vector<std::string>& env = {})
+        std::vector<std::string> env = {})
       : out_path_(out_path) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -64,14 +64,12 @@ class Child {
     const int flags = O_WRONLY | O_CREAT | O_TRUNC;
     posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), flags, 0644);
     posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), flags, 0644);
-    std::vector<std::string> env_items;
-    for (char** e = environ; *e != nullptr; ++e) {
-      if (std::strncmp(*e, "QUILLMARSH_SYNC_", 16) != 0) env_items.emplace_back(*e);
-    }
-    env_items.insert(env_items.end(), env.begin(), env.end());
     std::vector<char*> c_argv, c_env;
+    for (char** e = environ; *e != nullptr; ++e) {
+      if (std::strncmp(*e, "QUILLMARSH_SYNC_", 16) != 0) c_env.push_back(*e);
+    }
     for (std::string& item : argv) c_argv.push_back(item.data());
-    for (std::string& item : env_items) c_env.push_back(item.data());
+    for (std::string& item : env) c_env.push_back(item.data());
     c_argv.push_back(nullptr);
     c_env.push_back(nullptr);
     const int rc = posix_spawn(&pid_, c_argv[0], &actions, nullptr, c_argv.data(), c_env.data());

@@ -113,13 +113,11 @@ void check_quoted(std::string_view text) {
 }
 
 }  // namespace
-}  // namespace quillmarsh::sync
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace quillmarsh::sync;
-  const std::string_view text(reinterpret_cast<const char*>(data), size);
+void fuzz_one(std::string_view text) {
   check_integer_of_text(text);
   check_integer_of(text);
   check_quoted(text);
-  return 0;
 }
+
+}  // namespace quillmarsh::sync

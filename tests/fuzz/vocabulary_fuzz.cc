@@ -69,18 +69,15 @@ void check_one(std::string_view data, const std::optional<Json>& parsed, std::in
 }
 
 }  // namespace
-}  // namespace quillmarsh::sync
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  using namespace quillmarsh::sync;
-  const std::string_view data(reinterpret_cast<const char*>(bytes), size);
+void fuzz_one(std::string_view data) {
   const std::optional<Json> parsed = unless_refused<ValueError>([&] {
     check_utf8(data);
     return parse_json_text(data);
   });
 
   check_one(data, parsed, kEra, std::nullopt, true);
-  if (!parsed || !parsed->is_object()) return 0;
+  if (!parsed || !parsed->is_object()) return;
 
   std::vector<std::int64_t> eras = {kEra};
   std::vector<std::optional<std::string>> universes = {std::nullopt, "us_equities", " us_equities\t", "a/b"};
@@ -96,5 +93,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
       if (era != kEra || universe) check_one(data, parsed, era, universe, false);
     }
   }
-  return 0;
 }
+
+}  // namespace quillmarsh::sync

@@ -7,7 +7,6 @@ import random
 import shutil
 import subprocess
 import tempfile
-import time
 import unittest
 
 QMSYNC = os.environ.get("QMSYNC_BINARY", "")
@@ -26,16 +25,6 @@ def era_files(era):
             "features": ["close", "volume"],
             "metadata": {"named_universe": universe, "t_signal_is": 12, "n_instruments": 30}}).encode()
     return files
-
-
-def wait_until(predicate, what, timeout_s=60.0):
-    """Waits for a background thread's doing; the bound only turns a hang
-    into a failure."""
-    deadline = time.monotonic() + timeout_s
-    while not predicate():
-        if time.monotonic() > deadline:
-            raise AssertionError(f"gave up waiting for {what}")
-        time.sleep(0.02)
 
 
 def run_qmsync(*args):
