@@ -242,6 +242,8 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
       {{"serve", "--root", root_dir(), "--token-file", token_path(), "--api-port",
         api_url_.substr(api_url_.rfind(':') + 1)},
        2, "for the API server: the port is in use"},
+      {{"publish", "--source", source_dir(), "--out", tmp_ / "root2", "--era", "1", "--version", "1.0"}, 2,
+       "--version: takes a whole number such as 3, not '1.0'"},
       {{"publish", "--source", source_dir(), "--out", tmp_ / "root2", "--era", "1", "--version", "1"}, 2,
        "cannot publish 'docs/server.key': it holds a private key"},
       // The client's own validator checks the vocabularies before anything is written.
