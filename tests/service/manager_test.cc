@@ -61,13 +61,6 @@ TEST_F(Manager, UnreadableStateIsLoggedOnceAndTheManagerStillWorks) {
   ASSERT_NE(m->get_manifest(), nullptr);
   EXPECT_EQ(m->get_manifest()->version, 3);
   EXPECT_EQ(parse_json_text(read_file(path("manifest.json")))["version"], 3);
-
-  // A manifest.json that cannot even be opened as a file counts as absent too.
-  const std::string other = path("other");
-  make_dirs(other + "/manifest.json");
-  log_.clear();
-  EXPECT_EQ(SyncManager::create(other, api_.base_url(), [] { return std::string("t"); })->get_manifest(), nullptr);
-  EXPECT_EQ(logged_starting("Failed to load manifest from disk: "), 1u);
 }
 
 TEST_F(Manager, OnlyRetiredEntriesMakeTheLoadRewriteTheManifestFile) {
@@ -274,19 +267,6 @@ TEST_F(Manager, NeedsSyncIsFalseOnlyOnPositiveAgreement) {
   api_.clear_requests();
   EXPECT_TRUE(SyncManager::create(empty.path(), api_.base_url(), [] { return std::string("t"); })->needs_sync());
   EXPECT_EQ(api_.request_count("/data/manifest/version"), 1u);
-}
-
-// That the failed pass let go of its locks is the background repair's test
-// (VerifyRepair): the repair after a failed poll needs them.
-TEST_F(Manager, AFailingPassIsLoggedAndTheLoopGoesOn) {
-  publish(with_artefacts(manifest(1, 1)));
-  api_.fault("/data/manifest", Fault{.status = 500});
-  auto m = make_manager(0.02);
-  m->start();
-  const std::string warning = "Poll once failed: Failed to fetch manifest: HTTP 500";
-  ASSERT_TRUE(wait_until([&] { return log_.count(LogLevel::warning, warning) >= 2; }));
-  for (const LogRecord& r : log_.records()) EXPECT_FALSE(r.message.starts_with("Poll loop iteration failed"));
-  m->stop();
 }
 
 }  // namespace
