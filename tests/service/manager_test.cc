@@ -48,12 +48,10 @@ TEST_F(Manager, UnreadableStateIsLoggedOnceAndLeftAsItIs) {
   write_file(path(".consumer_count"), "3.5");
   auto m = make_manager();
   EXPECT_EQ(m->get_manifest(), nullptr);
-  EXPECT_EQ(m->_vocabulary.load(), nullptr);
   EXPECT_EQ(m->_consumer_count, 0);
   EXPECT_EQ(read_file(path("manifest.json")), broken);
   EXPECT_EQ(logged_starting("Failed to load manifest from disk: "), 1u);
   EXPECT_EQ(logged_starting("Failed to read consumer count: "), 1u);
-  EXPECT_EQ(log_.count_at(LogLevel::warning), 2u);
 }
 
 TEST_F(Manager, OnlyRetiredEntriesMakeTheLoadRewriteTheManifestFile) {
@@ -173,13 +171,17 @@ TEST_F(Manager, PollsAtOnceOnStartSweepsTmpFilesOnStopAndStartsAgain) {
   ASSERT_NE(thread, nullptr);
   EXPECT_EQ(outcome([&] { m->start(); }), "StateError: SyncManager already running");
   EXPECT_EQ(m->_sync_thread.load(), thread);
+  // An acquire adds no monitor to a started manager; its release, the last,
+  // stops as stop() does.
+  m->acquire();
+  EXPECT_EQ(m->_era_thread.load(), nullptr);
   // Once manifest.json is written, the pass's own sweep lies behind it.
   ASSERT_TRUE(wait_until([&] { return path_exists(path("manifest.json")); }));
   make_dirs(path("features/u"));
   for (const char* name : {"a.tmp", "features/u/b.tmp", "features/c.tmp", "a.tmpx", "tmp", "d.tmp.bak"}) {
     write_file(path(name), "x");
   }
-  m->stop();
+  m->release();
   EXPECT_FALSE(thread->is_alive());
   EXPECT_EQ(m->get_manifest()->version, 5);
   for (const char* gone : {"a.tmp", "features/u/b.tmp", "features/c.tmp"}) {
