@@ -54,7 +54,10 @@ TEST_F(Manager, UnreadableStateIsLoggedOnceAndLeftAsItIs) {
   EXPECT_EQ(logged_starting("Failed to read consumer count: "), 1u);
 }
 
-TEST_F(Manager, OnlyRetiredEntriesMakeTheLoadRewriteTheManifestFile) {
+// Only retired entries (the manifest suite's business) may make the load
+// write the file again: its bytes are what the server's digest is compared
+// with.
+TEST_F(Manager, ALoadWithNothingRetiredLeavesTheManifestFileAsItIs) {
   Json files = Json::object();
   files["found_signals/a/b/c/pnl.arrow"] = {{"sha256", "dd"}, {"kind", "found_signal_is_pnl"}};
   // Not the canonical text form, so any rewrite would change the bytes.
@@ -62,22 +65,6 @@ TEST_F(Manager, OnlyRetiredEntriesMakeTheLoadRewriteTheManifestFile) {
   write_file(path("manifest.json"), text);
   ASSERT_NE(make_manager()->get_manifest(), nullptr);
   EXPECT_EQ(read_file(path("manifest.json")), text);
-
-  // Which entries are retired is the manifest suite's business.
-  files["features/u/a.bin"] = {{"sha256", "aa"}, {"kind", "feature"}};
-  files["found_signals/a/b/c/pnl_long.arrow"] = {{"sha256", "cc"}};
-  write_local_artefacts(files, 1);  // valid vocabularies load without a word
-  Json on_disk = manifest(1, 7, files);
-  on_disk["extra"] = "kept";
-  write_file(path("manifest.json"), json_text(on_disk));
-  log_.clear();
-  auto m = make_manager();
-  Json expected = on_disk;
-  expected["files"].erase("found_signals/a/b/c/pnl_long.arrow");
-  EXPECT_EQ(read_file(path("manifest.json")), json_text(expected));
-  ASSERT_NE(m->get_manifest(), nullptr);
-  EXPECT_EQ(m->get_manifest()->to_dict(), expected);
-  EXPECT_TRUE(log_.records().empty());
 }
 
 // flock(2) excludes open file descriptions, not processes: a description of
@@ -114,7 +101,6 @@ TEST_F(Manager, NestedAcquireGivesTheFileLockUpAtTheFirstReleaseAndStrayOrFailed
   m->_acquire_flock();
   // A release by a thread that never acquired changes nothing.
   std::jthread([&] { EXPECT_NO_THROW(m->_release_flock()); }).join();
-  EXPECT_TRUE(m->_flock_fd.has_value());
   EXPECT_FALSE(lockable());
   m->_release_flock();
   EXPECT_FALSE(path_exists(path(".sync_flock")));
@@ -237,9 +223,6 @@ TEST_F(Manager, NeedsSyncIsFalseOnlyOnPositiveAgreement) {
   check({{"version", 4}, {"manifest_sha256", digest}}, true);
   check(Json::object(), true);  // a missing version reads as 0
 
-  publish(manifest(1, 3), Json{{"version", 3}});
-  api_.fault("/data/manifest/version", Fault{.status = 503, .times = 1});
-  EXPECT_TRUE(m->needs_sync());
   api_.put("/data/manifest/version", "{\"version\": ");
   EXPECT_THROW(m->needs_sync(), ValueError);  // a bad answer is a failure, not a reason to sync
 
