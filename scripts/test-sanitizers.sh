@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 scripts/setup-debian.sh
 
 # The tests that run threads: locks, loops, pools and their servers.
-threaded='PollLoop|Coordination|FileLock|ParallelDownload|WorkerPool|LogCapture|Event|Transport|SyncPass|VerifyRepair|HashCache|ProgressObserver|Qmsync|ReferenceServer|Era|Registry|Transition|Cleanup'
+threaded='Manager|Coordination|Download|ParallelDownload|WorkerPool|LogCapture|Transport|SyncPass|VerifyRepair|HashCache|ProgressObserver|Qmsync|EraMonitor|Registry|Transition|Cleanup'
 
 legs=("$@")
 [ ${#legs[@]} -gt 0 ] || legs=(address thread)
