@@ -117,7 +117,9 @@ TEST_F(QmsyncTest, AnInterruptedSyncSaysWhatItKept) {
 // each case exits with its failure's code and says what to do, on stderr and,
 // under --json, on stdout.
 TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSaysWhatToDo) {
-  start_server();
+  // Faults on paths no pass asks for: the raw requests below see them.
+  start_server({"--fault", "/era_1/faulty/*:status=418", "--fault", "/era_1/faulty/deeper/*:status=410", "--fault",
+                "/era_1/faulty/exact:status=409,times=1"});
   // A dry run counts what the sync below fetches, and writes nothing.
   const Json dry = parse_json_text(qmsync(client({"sync", "--dry-run", "--json"})).out);
   EXPECT_EQ(dry["bytes"], 40000 + 3000 + 21);
@@ -172,6 +174,12 @@ TEST_F(QmsyncTest, EachCommandPrintsWhatItDidAndEachFailureExitsWithItsCodeAndSa
   // Decoded by the server into "../..", which must not climb out of the era.
   EXPECT_EQ(get(files_url_ + "/era_1/%2e%2e/%2e%2e/current.json", std::nullopt).status, 404);
   EXPECT_EQ(get(files_url_ + "/era_2/docs/readme.txt", std::nullopt).status, 404);
+  // The longest prefix wins, an exact path before any, and a fault spent
+  // leaves the path to the next that covers it.
+  for (const auto& [path, status] : std::vector<std::pair<std::string, int>>{
+           {"any", 418}, {"deeper/x", 410}, {"exact", 409}, {"exact", 418}}) {
+    EXPECT_EQ(get(files_url_ + "/era_1/faulty/" + path, std::nullopt).status, status) << path;
+  }
   const auto api_status = [&](std::optional<std::string> token) {
     return get(api_url_ + "/data/manifest/version", token).status;
   };
