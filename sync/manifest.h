@@ -93,6 +93,10 @@ class Manifest {
   const ManifestEntry* find(std::string_view path) const;
   // The JSON of one of entries().
   const Json& info(const ManifestEntry& entry) const;
+  // Whether the manifest names an object store of its own: a base URL that
+  // is a non-empty text, which then goes with each file it hands to a
+  // download as "_manifest_base_url".
+  bool has_base_url() const { return base_url.is_string() && !base_url.get_ref<const std::string&>().empty(); }
   // Whether "files" is a map; TypeError names what it is otherwise.
   bool files_are_a_map() const { return files_are_a_map_; }
   // Replaces the entry of a listed path, in the JSON as in the decoded

@@ -64,8 +64,7 @@ bool SyncManager::_download_vocabulary(Manifest& server_manifest,
   const std::vector<std::string> vocabulary_paths = _vocabulary_manifest_paths(server_manifest);
   if (vocabulary_paths.empty()) throw SyncError("manifest is missing per-universe vocabulary.json entries");
 
-  const bool has_base_url =
-      server_manifest.base_url.is_string() && !server_manifest.base_url.get_ref<const std::string&>().empty();
+  const bool has_base_url = server_manifest.has_base_url();
   for (const std::string& file_path : vocabulary_paths) {
     const std::optional<std::string> named_universe = _vocabulary_named_universe_from_path(file_path);
     const std::string vocab_path = _manifest_local_path(data_dir, file_path);

@@ -38,7 +38,7 @@ Json SyncManager::_select_files_to_download(const Manifest& server_manifest, Syn
   // taken as unchanged, whatever the server's entry says now.
   const std::shared_ptr<Manifest> local = _manifest.load();
   const Manifest* tracked = local && local->era_id == server_manifest.era_id ? local.get() : nullptr;
-  const bool has_base_url = server_manifest.base_url.is_string() && !server_manifest.base_url.get_ref<const std::string&>().empty();
+  const bool has_base_url = server_manifest.has_base_url();
 
   // A first mirror selects every file: room for all of them at once spares
   // moving the list at each growth.

@@ -49,7 +49,7 @@ bool stage_one_file(SyncManager& manager, TransitionRun& run, const std::string&
                             " files complete)");
   };
   const Json& base_url = run.new_manifest->base_url;
-  const bool has_base_url = base_url.is_string() && !base_url.get_ref<const std::string&>().empty();
+  const bool has_base_url = run.new_manifest->has_base_url();
   for (int transition_retry = 0;; ++transition_retry) {
     set_status(manager, std::nullopt);
     Json download_info = file_info;
