@@ -181,9 +181,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
                       int max_retries = 3, const RetryStatusCallback& retry_status_callback = nullptr,
                       const std::optional<std::string>& target_data_dir = std::nullopt);
   // "Download a set of independent files concurrently."
-  void _download_files_parallel(const Json& files_to_download, SyncResult& result);
-  // The same, taking the entries over rather than copying them.
-  void _download_files_parallel(Json&& files_to_download, SyncResult& result);
+  // The batch owns its entries; a caller done with them moves them in.
+  void _download_files_parallel(Json files_to_download, SyncResult& result);
   // The parts of _download_file that a batch also runs apart. The target,
   // its parent directory made; fails as _download_file would before any
   // request. `places`, when given, resolves and makes under this manager's

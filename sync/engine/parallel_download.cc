@@ -259,11 +259,7 @@ void run_transfer_loop(const Batch& batch, std::int64_t slots) {
 
 }  // namespace
 
-void SyncManager::_download_files_parallel(const Json& files_to_download, SyncResult& result) {
-  _download_files_parallel(Json(files_to_download), result);
-}
-
-void SyncManager::_download_files_parallel(Json&& files_to_download, SyncResult& result) {
+void SyncManager::_download_files_parallel(Json files_to_download, SyncResult& result) {
   if (files_to_download.empty()) return;
   ProgressTally progress(_progress_observer.load(), files_to_download, result, _bytes_arrived);
   const auto count = static_cast<std::int64_t>(files_to_download.size());
